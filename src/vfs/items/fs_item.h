@@ -1,0 +1,95 @@
+// The contract between the virtual file system and its backends.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <boost/shared_ptr.hpp>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/byte_buffer.h"
+#include "platform/file_attributes.h"
+#include "platform/guid.h"
+
+class IFsProcCompletionCallback;
+
+/// An item as the catalogue stores it.
+struct SFsItemSpec {
+  std::string path;             ///< Host path, or the remote path of an item behind a mount agent.
+  bool isFolder = false;
+  bool isRfsItem = false;
+  GUID mountUid;                ///< Of the backup mount; nil for a host item.
+  std::uint64_t rfsSize = 0;    ///< Size hint of a remote file, bytes.
+  std::string allowedHostAddr;  ///< Address list; empty for none.
+
+  bool operator==(const SFsItemSpec&) const = default;
+};
+
+/// What a folder's backend lists.
+struct SFsEnumeration {
+  bool unavailable = false;  ///< Cannot be read now: leave the children of mountUid as they are.
+  std::vector<std::string> names;
+  GUID mountUid;
+};
+
+/// Target of a read. The reader owns it; it must outlive the call.
+struct SFsReadBuffer {
+  io::byte_buffer_t data;    ///< At least length bytes after a read.
+  std::uint32_t length = 0;  ///< Bytes delivered.
+  bool eof = false;          ///< The read reached the end of the file.
+};
+
+/// An item of the tree. Any thread may call any operation at any time; every failure is an exception.
+class IFsItem {
+ public:
+  virtual ~IFsItem() = default;
+
+  virtual void GetItemSpec(SFsItemSpec& spec) = 0;
+  virtual void GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) = 0;
+  /// Owner read and owner write of the NFS mode.
+  virtual void SetPermissions(bool read, bool write) = 0;
+  /// Null leaves a time alone.
+  virtual void SetTimes(const FILETIME* creation, const FILETIME* lastAccess, const FILETIME* lastWrite) = 0;
+  /// Never throws for an object that is missing.
+  virtual bool Exists() = 0;
+  /// True and the GUID for an object of a backup mount; false, the GUID untouched, for a host object.
+  virtual bool GetMountUid(GUID& mountUid) = 0;
+  virtual bool IsAddressAllowed(const sockaddr_in& address) = 0;
+  virtual std::string GetAllowedHostAddr() = 0;
+};
+
+class IFsFile : public IFsItem {
+ public:
+  /// May deliver less than count (bytes), and then sets eof.
+  virtual void Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) = 0;
+  /// Writes all count bytes or throws. data may be null when count is 0.
+  virtual void Write(std::uint64_t offset, std::uint32_t count, const void* data) = 0;
+  virtual void Resize(std::uint64_t newSize) = 0;
+};
+
+/// A file whose transfers can complete by callback. Buffer and data must live until the callback ran.
+class IFsAsyncFile : public IFsFile {
+ public:
+  virtual void AsyncRead(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer,
+                         boost::shared_ptr<IFsProcCompletionCallback> callback) = 0;
+  virtual void AsyncWrite(std::uint64_t offset, std::uint32_t count, const void* data,
+                          boost::shared_ptr<IFsProcCompletionCallback> callback) = 0;
+};
+
+class IFsFolder : public IFsItem {
+ public:
+  /// Without "." and "..".
+  virtual void Enumerate(SFsEnumeration& enumeration) = 0;
+  virtual boost::shared_ptr<IFsItem> CreateFile(const std::string& name, const std::string& allowedHostAddr) = 0;
+  virtual boost::shared_ptr<IFsItem> CreateSubfolder(const std::string& name, const std::string& allowedHostAddr) = 0;
+  /// Empty when there is no such child.
+  virtual boost::shared_ptr<IFsItem> OpenChild(const std::string& name) = 0;
+  /// The object of a catalogue entry at start; empty when it has gone.
+  virtual boost::shared_ptr<IFsItem> ResumeChild(const std::string& name, const SFsItemSpec& spec) = 0;
+  virtual void DeleteChild(const std::string& name) = 0;
+  virtual void RenameChild(const std::string& oldName, const std::string& newName) = 0;
+  virtual bool IsAddressListEmpty() = 0;
+  virtual bool IsRootFolder() = 0;
+};
