@@ -1,0 +1,64 @@
+# The commands that people use; everything else is CMake with the presets release, debug, asan and tsan.
+.DEFAULT_GOAL := help
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+TIME ?= 60
+
+.PHONY: help run build test unit integration asan tsan bench format check-format tidy clean
+
+help:
+	@echo "make run      install what is missing, build, start the service with a demo share"
+	@echo "make test     install what is missing, build, run all tests"
+	@echo "make build    build the release preset into build/release"
+	@echo "make bench    measure the server beside the limit of this machine and its peers"
+	@echo "make asan     unit tests with address, undefined-behaviour and leak sanitizers"
+	@echo "make tsan     unit tests with the thread sanitizer"
+	@echo "make tidy     clang-tidy over all sources;  make format: clang-format in place"
+
+build:
+	@scripts/install-packages build
+	@KELVO_TESTS=OFF scripts/build-preset release
+
+run: build
+	@scripts/install-packages run
+	@scripts/run-demo build/release/bin
+
+test:
+	@scripts/install-packages build test
+	@scripts/build-preset release
+	@scripts/run-tests release
+
+unit:
+	@scripts/install-packages build test
+	@scripts/build-preset release
+	@scripts/run-tests release -L unit
+
+integration:
+	@scripts/install-packages build test
+	@scripts/build-preset release
+	@scripts/run-tests release -L integration
+
+asan tsan:
+	@scripts/install-packages build test
+	@scripts/build-preset $@
+	@scripts/run-tests $@ -L unit
+
+bench:
+	@scripts/install-packages build bench
+	@scripts/build-preset release
+	@bench/compare build/release/bin
+
+format:
+	@scripts/install-packages check
+	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+check-format:
+	@scripts/install-packages check
+	@git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run -Werror
+
+tidy:
+	@scripts/install-packages build test check
+	@scripts/tidy
+
+clean:
+	rm -rf build
