@@ -1,0 +1,56 @@
+// A service of a test's own: its stored state, its share, its process.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "integration/support/process.h"
+
+namespace test {
+
+/// One of the protocol servers that the same suite is run against.
+struct SServerKind {
+  const char* name;
+  std::vector<std::vector<std::string>> registry;  ///< VALUE, TYPE, DATA below the service's key.
+};
+
+inline const SServerKind AsyncServer{"Async", {}};
+
+/// Everything lies in a temporary folder. The share /share exports Root().
+class CService {
+ public:
+  explicit CService(const SServerKind& kind = AsyncServer);
+  ~CService();
+
+  /// Starts the process and waits until the ports are registered. Fails the test, with the log, when it does not.
+  void Start(const std::vector<std::string>& switches = {});
+  /// SIGTERM; the exit code.
+  int Stop();
+  /// SIGKILL.
+  void Kill();
+
+  /// Host folder behind the share.
+  const std::string& Root() const { return root_; }
+  std::string LogText() const;
+  std::string LogPath() const;
+  std::string Output() const { return ReadFile(outputPath_); }
+  std::map<std::string, std::string> Environment() const;
+  CProcess& Process() { return *process_; }
+  bool IsRunning() { return process_ && process_->IsRunning(); }
+
+  /// kelvo-reg set / get below "SOFTWARE/KelvO/Kelvo NFS".
+  void SetValue(const std::string& name, const std::string& type, const std::string& data,
+                const std::string& subKey = {});
+  std::string GetValue(const std::string& name, const std::string& subKey = {});
+  SResult Reg(const std::vector<std::string>& arguments);
+
+ private:
+  CTempFolder folder_;
+  std::string root_;
+  std::string outputPath_;
+  std::unique_ptr<CProcess> process_;
+};
+
+}  // namespace test
