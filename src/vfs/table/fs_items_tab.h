@@ -1,0 +1,184 @@
+// The catalogue of everything that a client can name.
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "foundation/exc.h"
+#include "platform/guid.h"
+#include "vfs/items/fs_item.h"
+#include "vfs/table/listing_slots.h"
+#include "vfs/table/nfs_folder_dir_plus_cache.h"
+#include "vfs/table/nfs_item_rec.h"
+#include "vfs/table/nfs_name.h"
+
+class CRegConfigUpdateSink;
+struct CNfsShareCfg;
+
+/// A share of the same alias, or with the same identity, is there already.
+class CNfsShareAlreadyRegisteredExc : public exc::exc_of_t<CNfsShareAlreadyRegisteredExc, exc::exc_base_t> {
+ public:
+  CNfsShareAlreadyRegisteredExc(const std::string& alias, const GUID& uid);
+  std::string GetKind() const override;
+};
+
+/// An item that is about to be added to a folder.
+struct SNfsNewItem {
+  std::string name;
+  boost::shared_ptr<IFsItem> item;
+  std::uint64_t fid = InvalidFid;  ///< Filled by the table.
+};
+
+/// Items by FID, children by (parent FID, name) and shares by GUID. What is added or removed here is added to and
+/// removed from the registry at once.
+///
+/// Any thread may call any operation. One recursive lock is held for the whole of each; no file work happens under it.
+/// Items are handed out by shared pointer and outlive their record in the hands of whoever uses them. Operations that
+/// return an item return an empty pointer for an unknown FID unless they say that they throw. Faults with a meaning for
+/// clients are CVirtualFsExc, others runtime_exc_t; nothing is rolled back.
+class CFsItemsTab {
+ public:
+  explicit CFsItemsTab(boost::shared_ptr<CRegConfigUpdateSink> updateSink);
+  CFsItemsTab(const CFsItemsTab&) = delete;
+  CFsItemsTab& operator=(const CFsItemsTab&) = delete;
+  ~CFsItemsTab();
+
+  /// @name Shares
+  /// @{
+  /// Publishes rootItem as the root of the share. A wantedFid other than InvalidFid is one that the registry knows
+  /// already. Throws CNfsShareAlreadyRegisteredExc, wrapped, for an alias or a uid that is taken.
+  void RegisterShare(const boost::shared_ptr<CNfsShareCfg>& cfg, const GUID& uid,
+                     const boost::shared_ptr<IFsItem>& rootItem, std::uint64_t wantedFid);
+  /// Removes the share and every item below it. An unknown uid is no fault.
+  void UnregisterShare(const GUID& uid);
+  void GetShareUids(std::set<GUID>& uids) const;
+  bool FindShareByAlias(const std::string& alias, GUID& uid) const;
+  /// Throws for an unknown share.
+  std::uint64_t GetShareFid(const GUID& uid) const;
+  std::uint64_t GetShareFidByAlias(const std::string& alias) const;
+  GUID GetShareIdByAlias(const std::string& alias) const;
+  /// False for an unknown share.
+  bool GetShareCfg(const GUID& uid, std::uint64_t& fid, boost::shared_ptr<CNfsShareCfg>& cfg) const;
+  /// @}
+
+  /// @name Items
+  /// @{
+  /// The item's FID. A name that is there already, in any case, keeps its FID and its further backings and gets the new
+  /// item and spelling. "." and ".." add nothing and give the folder and its parent.
+  std::uint64_t AddItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item);
+  /// AddItem for many items of one folder: fills their FIDs and writes the registry in few transactions. The lock is
+  /// given up between them, so that other calls go on while a large folder comes in.
+  void AddItems(std::uint64_t parentFid, std::vector<SNfsNewItem>& items);
+  /// Brings an item back under its stored FID; writes nothing to the registry.
+  void ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,
+                  const boost::shared_ptr<IFsItem>& item);
+  /// Removes the item and all below it.
+  void RemoveItem(std::uint64_t fid);
+  /// Removes what the mount backs: a folder that is also backed by others stays, without the mount.
+  void RemoveItemForMount(std::uint64_t fid, const GUID& mountUid);
+  /// An unknown name is no fault.
+  void RemoveChild(std::uint64_t parentFid, const std::string& name);
+  /// Removes the item if it still is the folder's child of that name.
+  void RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid);
+  /// The child's FID or InvalidFid. "." gives the folder, whether it exists or not; ".." its parent.
+  std::uint64_t LookupChild(std::uint64_t parentFid, std::string_view name) const;
+  /// Gives the item a new place under the same FID; an item that stands there is dropped. The registry keeps the old
+  /// place until that is taken by another item. Throws 22 for a place below the item itself.
+  void MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName);
+  /// True when fid is ancestorFid or lies below it.
+  bool IsSameOrBelow(std::uint64_t fid, std::uint64_t ancestorFid) const;
+  /// A folder gives its primary.
+  boost::shared_ptr<IFsItem> GetItem(std::uint64_t fid) const;
+  /// GetItem for each of the FIDs, in one step.
+  std::vector<boost::shared_ptr<IFsItem>> GetItems(const std::vector<std::uint64_t>& fids) const;
+  /// "name/name. FID: n", for logs.
+  std::string GetItemPath(std::uint64_t fid) const;
+  /// @}
+
+  /// @name Mounts
+  /// @{
+  /// Adds a backing to a folder and to its stored record. Throws for an unknown FID and for a file.
+  void MountMirroredFolder(std::uint64_t folderFid, const GUID& mountUid, const boost::shared_ptr<IFsFolder>& mirror);
+  /// The object by which the mount backs the item.
+  boost::shared_ptr<IFsItem> GetItemForMount(std::uint64_t fid, const GUID& mountUid) const;
+  /// A copy; empty for an unknown FID and for a file.
+  void GetFolderMirrors(std::uint64_t fid, std::vector<boost::shared_ptr<IFsFolder>>& mirrors) const;
+  /// @}
+
+  /// @name Listings. client is the caller's IPv4 address.
+  /// @{
+  /// Empty when nothing is kept or the FID is unknown; throws for a file.
+  boost::shared_ptr<CNfsFolderDirPlusCache> GetDirPlusCache(std::uint64_t fid, std::uint32_t client);
+  /// Keeps the listing for the client's next page. A FID that has gone is no fault.
+  void SetDirPlusCache(std::uint64_t fid, std::uint32_t client,
+                       const boost::shared_ptr<CNfsFolderDirPlusCache>& listing);
+  /// Throws 2 for an unknown FID, and for a file.
+  void ResetDirPlusCache(std::uint64_t fid, std::uint32_t client);
+  void ListChildren(std::uint64_t parentFid, CNfsNameMap& children) const;
+  void ListChildrenForMount(std::uint64_t parentFid, const GUID& mountUid, CNfsNameMap& children) const;
+  void ListChildFidsForMount(std::uint64_t parentFid, const GUID& mountUid, std::set<std::uint64_t>& fids) const;
+  /// @}
+
+ private:
+  struct SShare {
+    std::uint64_t rootFid = InvalidFid;
+    boost::shared_ptr<CNfsShareCfg> cfg;
+  };
+  /// Children of one folder are adjacent.
+  struct SListingKey {
+    std::uint64_t parentFid;
+    std::string name;
+  };
+  struct SListingKeyView {
+    std::uint64_t parentFid;
+    std::string_view name;
+  };
+  struct SListingLess {
+    using is_transparent = void;
+    template <typename Left, typename Right>
+    bool operator()(const Left& left, const Right& right) const noexcept {
+      if (left.parentFid != right.parentFid)
+        return left.parentFid < right.parentFid;
+      return CompareNames(left.name, right.name) < 0;
+    }
+  };
+  using CNfsListingTab = std::map<SListingKey, std::uint64_t, SListingLess>;
+  using rec_ptr = boost::shared_ptr<CNfsItemRec>;
+  /// A new item with what had to be asked of it before the lock was taken.
+  struct SPrepared;
+
+  // All of these rely on the caller's lock.
+  std::uint64_t GenerateFid() const;
+  const rec_ptr* FindRec(std::uint64_t fid) const;
+  const rec_ptr& GetRec(std::uint64_t fid) const;
+  const SShare* FindShare(const std::string& alias, GUID* uid) const;
+  std::uint64_t AddPrepared(std::uint64_t parentFid, const SPrepared& item);
+  void KeepBackings(CNfsItemRec& rec, std::uint64_t fid);
+  void ReleaseStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t newFid);
+  void Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot);
+  void DeleteOne(std::uint64_t fid, const rec_ptr& rec, bool isShareRoot);
+  bool DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid);
+  void LogNewItem(std::string_view name, std::uint64_t fid, std::uint64_t parentFid) const;
+  CNfsListingTab::const_iterator FirstChild(std::uint64_t parentFid) const;
+
+  mutable std::recursive_mutex mutex_;  // Guards all below.
+  std::map<GUID, SShare> shares_;
+  std::map<std::uint64_t, rec_ptr> items_;
+  CNfsListingTab listing_;
+  CNfsListingSlots slots_;
+  // Stored places of items that were moved away from them: place to FID, FID to place.
+  CNfsListingTab movedFrom_;
+  std::map<std::uint64_t, SListingKey> movedItems_;
+
+  const boost::shared_ptr<CRegConfigUpdateSink> updateSink_;
+};
+
+/// The item; throws CVirtualFsExc 70 for an unknown FID.
+boost::shared_ptr<IFsItem> GetRequiredItem(const CFsItemsTab& tab, std::uint64_t fid);
