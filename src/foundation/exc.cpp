@@ -277,6 +277,8 @@ void ChainTextAndThrow(std::string text, const std::exception& cause) {
   const boost::shared_ptr<exc_base_t> copy = CloneException(cause);
   copy->AddMessage(std::move(text));
   copy->Rethrow();
+  // The compiler does not see through a virtual call that it never returns.
+  __builtin_unreachable();
 }
 
 boost::shared_ptr<exc_base_t> CloneException(const std::exception& exception) {

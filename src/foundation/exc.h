@@ -17,12 +17,17 @@
 namespace exc {
 
 /// What FormatText accepts as an argument: text as it is, integers in decimal, bool as "true" or "false".
-inline std::string ToText(std::string_view text) { return std::string(text); }
-inline std::string ToText(const char* text) { return text == nullptr ? std::string() : std::string(text); }
-inline std::string ToText(const std::string& text) { return text; }
+inline std::string ToText(std::string_view text) {
+  return std::string(text);
+}
+inline std::string ToText(const char* text) {
+  return text == nullptr ? std::string() : std::string(text);
+}
+inline std::string ToText(const std::string& text) {
+  return text;
+}
 template <typename T>
-  requires std::is_integral_v<T>
-std::string ToText(T number) {
+requires std::is_integral_v<T> std::string ToText(T number) {
   if constexpr (std::is_same_v<T, bool>) {
     return number ? "true" : "false";
   } else {
@@ -99,8 +104,7 @@ class runtime_exc_t : public exc_of_t<runtime_exc_t, exc_base_t> {
  public:
   explicit runtime_exc_t(std::string text) : exc_of_t(std::move(text)) {}
   template <typename... Args>
-  explicit runtime_exc_t(std::string_view pattern, const Args&... arguments)
-    requires(sizeof...(Args) > 0)
+  explicit runtime_exc_t(std::string_view pattern, const Args&... arguments) requires(sizeof...(Args) > 0)
       : exc_of_t(FormatText(pattern, arguments...)) {}
   std::string GetKind() const override;
 };

@@ -1,0 +1,34 @@
+// The log on disk.
+#pragma once
+
+#include "foundation/log_file.h"
+
+namespace win {
+
+/// A log file, mode 0600, held with an exclusive lock while the object lives; others may read it. Each line is handed
+/// to the system at once, so that it survives the death of the process.
+class win_log_file_t : public logging::receiver::log_file_t {
+ public:
+  /// Opens or creates the file, positioned at its end. With flush, each line is also forced to the disk. Throws
+  /// file_locked_exc_t when another process holds it, and otherwise win_sys_exc_t
+  /// "Failed to create or open file [%1].".
+  explicit win_log_file_t(std::string path, bool flush = false);
+  win_log_file_t(const win_log_file_t&) = delete;
+  win_log_file_t& operator=(const win_log_file_t&) = delete;
+  ~win_log_file_t() override;
+
+  void Write(std::string_view line) override;
+  std::string GetPath() const override { return path_; }
+  std::string GetName() const override;
+  std::uint64_t GetSize() const override;
+  void Compress(util::zip_writer_t& writer, const std::function<void()>& completion) override;
+
+ private:
+  std::string path_;
+  bool flush_;
+  int descriptor_ = -1;
+  /// A write failed somewhere inside a line, and what follows must begin a new one.
+  bool torn_ = false;
+};
+
+}  // namespace win
