@@ -1,0 +1,39 @@
+#include "foundation/command_line.h"
+
+#include <algorithm>
+
+#include "foundation/exc.h"
+
+namespace {
+
+char Folded(char character) {
+  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
+}
+
+bool EqualFolded(std::string_view left, std::string_view right) {
+  return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                    [](char one, char other) { return Folded(one) == Folded(other); });
+}
+
+}  // namespace
+
+CCommandLine::CCommandLine(int count, const char* const* arguments) {
+  if (count < 1 || arguments == nullptr)
+    throw exc::runtime_exc_t("The process was started without arguments.");
+  arguments_.assign(arguments, arguments + count);
+}
+
+std::optional<std::size_t> CCommandLine::Find(std::string_view name) const {
+  const auto place = std::find_if(arguments_.begin(), arguments_.end(),
+                                  [name](const std::string& argument) { return EqualFolded(argument, name); });
+  if (place == arguments_.end())
+    return std::nullopt;
+  return static_cast<std::size_t>(place - arguments_.begin());
+}
+
+std::optional<std::string> CCommandLine::ValueOf(std::string_view name) const {
+  const std::optional<std::size_t> index = Find(name);
+  if (!index || *index + 1 >= arguments_.size())
+    return std::nullopt;
+  return arguments_[*index + 1];
+}
