@@ -1,0 +1,48 @@
+// Host files that stay open between the calls of clients, who know no open and no close.
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "platform/files.h"
+
+/// The process's open host files, keyed by path. A file is closed when it was idle for three minutes, to within the
+/// minute of the purge thread. All static; started and stopped by the service. Outside Init … Deinit every other call
+/// throws runtime_exc_t "Failed to synchronize {null} object". Any thread; one lock guards the records and is held
+/// while a file is opened, never while one is read or written.
+class HostFsFileCache {
+ public:
+  /// What tests replace.
+  struct SSettings {
+    std::function<std::int64_t()> now;             ///< Nanoseconds of any clock; empty for the system's.
+    std::chrono::milliseconds purgePeriod{60000};  ///< Between two purges.
+    std::chrono::milliseconds stopLimit{10000};    ///< How long Deinit waits for the thread.
+  };
+
+  static void Init();
+  static void Init(SSettings settings);
+  /// Ends the purge thread and drops every record. Files still in use close with their last holder.
+  static void Deinit();
+
+  /// The file at the location, opened for reading and writing, or for reading alone when that is refused (5). Throws
+  /// win_sys_exc_t "Failed to open existing file [%1] for read/write access."
+  static boost::shared_ptr<platform::file_t> GetFile(const platform::location_t& where, platform::files_t& files);
+  /// As above for any path of the host, confined to the folder it names.
+  static boost::shared_ptr<platform::file_t> GetFile(const std::string& path);
+  /// Drops the record of a path. The path may use `/` or `\`.
+  static void Remove(const std::string& path);
+  /// Drops every record below a folder; A to Z are equal to a to z.
+  static void RemoveSubtree(const std::string& path);
+
+  /// Runs `create`, which opens the file at the location to empty or make it, with no record of that file in the way:
+  /// neither under this path nor under another spelling or link. No other file is opened by the cache meanwhile.
+  static platform::error_t CreateOver(const platform::location_t& where, platform::files_t& files,
+                                      const std::function<platform::error_t()>& create);
+
+  /// Closes what is idle now; what the purge thread does each period.
+  static void Purge();
+  static std::size_t RecordCount();
+};
