@@ -34,7 +34,7 @@ class CEpMapperTable {
   /// The process's table.
   static CEpMapperTable& Instance();
 
-  CEpMapperTable() = default;
+  explicit CEpMapperTable(std::size_t maxRows = MaxRows) : maxRows_(maxRows) {}
   CEpMapperTable(const CEpMapperTable&) = delete;
   CEpMapperTable& operator=(const CEpMapperTable&) = delete;
 
@@ -49,6 +49,7 @@ class CEpMapperTable {
   std::list<PortmapRecord> Dump() const;
 
  private:
+  const std::size_t maxRows_;
   mutable std::mutex mutex_;
   std::list<PortmapRecord> rows_;  // Guarded by mutex_.
 };

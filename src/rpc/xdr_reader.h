@@ -1,8 +1,8 @@
 // Decoding of one received record (RFC 4506).
 #pragma once
 
-#include <boost/shared_ptr.hpp>
 #include <array>
+#include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -11,7 +11,8 @@
 #include "foundation/byte_buffer.h"
 
 /// Reads a record once, from the front to the back. One thread at a time; may move between threads.
-/// Every operation throws on too few bytes and leaves what it fills undefined then.
+/// Every operation throws on too few bytes and leaves what it fills undefined then. A length above 0xFFFFFFFC throws
+/// std::bad_alloc and touches no memory.
 class CXDRReader {
  public:
   CXDRReader() = default;

@@ -1,8 +1,8 @@
 // Encoding of one reply or call (RFC 4506), with room for its record mark (RFC 5531, section 11).
 #pragma once
 
-#include <boost/shared_ptr.hpp>
 #include <array>
+#include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -19,10 +19,13 @@ struct SXdrSegment {
 };
 
 /// Grows one message. The first four bytes are the room of the record mark, so the message begins at offset 4 and
-/// Used() counts it. One thread at a time.
+/// Used() counts it. One thread at a time. The memory is taken with the first append, so a writer that is told by
+/// Reserve() what will follow allocates once. A message that is never finished costs nothing but its memory.
 class CXDRWriter {
  public:
-  CXDRWriter();
+  CXDRWriter() = default;
+  CXDRWriter(const CXDRWriter&) = delete;
+  CXDRWriter& operator=(const CXDRWriter&) = delete;
 
   /// Sizes the buffer once for what will follow; never shrinks it.
   void Reserve(std::size_t moreBytes);
@@ -36,25 +39,31 @@ class CXDRWriter {
   void String(std::string_view text);
   void Fixed8(const std::array<std::uint8_t, 8>& data);
   /// As VarLenData of the buffer's first length bytes, without copying them: the buffer goes out as a segment of
-  /// its own and must not change any more.
+  /// its own and must not change any more. Throws runtime_exc_t when the buffer is shorter.
   void SharedVarLenData(boost::shared_ptr<const io::byte_buffer_t> data, std::size_t length);
 
+  /// The five words that follow the xid of an accepted success (RFC 5531, section 9).
   void AcceptedReply();
+  /// The one refusal there is: an accepted success whose verifier has flavour 3, without a body. Clients rely on it.
   void UnavailableReply();
+  /// An accepted reply and NFS3ERR_ACCES, in whatever program.
   void AccessDeniedReply();
-  /// The header of a call of the portmapper, with a fresh xid.
+  /// The header of a call of the portmapper, with a fresh xid and without credentials.
   void PortmapCall(std::uint32_t procedure);
 
-  /// The whole record, mark included, in one buffer. Throws runtime_exc_t when its size is no multiple of four.
+  /// The whole record, mark included, in one buffer. Throws runtime_exc_t when its size is no multiple of four or does
+  /// not fit into the mark's 31 bits.
   void Finish(io::byte_buffer_t& out, bool lastFragment) const;
   /// The same as pieces that share this writer's memory; the writer is empty afterwards.
   std::vector<SXdrSegment> TakeSegments(bool lastFragment);
-  /// The same to a device: first the mark, then the rest. Nothing is written when the size is wrong.
+  /// The same to a device: the mark, then the rest piece by piece. Nothing is written when the size is wrong.
   void Send(io::io_dev_t& device, bool lastFragment) const;
 
   std::size_t Used() const { return used_ + sharedBytes_; }
 
  private:
+  static constexpr std::size_t MarkSize = 4;
+
   /// Data that stands behind the first position bytes of the buffer.
   struct SShared {
     std::size_t position = 0;
@@ -62,13 +71,22 @@ class CXDRWriter {
     std::size_t length = 0;
   };
 
-  std::uint32_t CheckedSize() const;
+  /// Room for length bytes at the end, which count as used from then on.
+  std::uint8_t* Append(std::size_t length);
+  void Grow(std::size_t capacity);
+  void Padding(std::size_t dataLength);
+  /// The mark of the message as it stands.
+  std::uint32_t Mark(bool lastFragment) const;
+  /// Calls visit(bytes, length, holder) for each piece in order, the mark's room included. holder is null for pieces
+  /// of the own buffer.
+  template <typename Visit>
+  void ForEachPiece(Visit&& visit) const;
 
-  boost::shared_ptr<io::byte_buffer_t> buffer_;
-  std::size_t used_ = 0;
+  boost::shared_ptr<io::byte_buffer_t> buffer_;  // Null until the first append.
+  std::size_t used_ = MarkSize;
   std::vector<SShared> shared_;
   std::size_t sharedBytes_ = 0;
 };
 
-/// The capacity of a new writer, bytes: the option XDRBufInitialSize. Set once at start, before writers exist.
+/// The capacity of a new writer, bytes, at most 1 MiB: the option XDRBufInitialSize. Set once at start.
 void SetXdrBufInitialSize(std::uint32_t size);

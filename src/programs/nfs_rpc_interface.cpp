@@ -1,0 +1,134 @@
+#include "programs/nfs_rpc_interface.h"
+
+#include <boost/make_shared.hpp>
+
+#include "programs/program_dispatch.h"
+#include "vfs/nfs3/nfs_args.h"
+#include "vfs/nfs3/nfs_results.h"
+#include "vfs/virtual_fs/virtual_fs.h"
+
+namespace {
+
+void Answer(SProcedureCall& call, const auto& result) {
+  call.writer.AcceptedReply();
+  result.Encode(call.writer);
+}
+
+/// The procedure of an operation that takes the arguments and the client.
+template <typename Args, typename Result,
+          void (CVirtualFs::*Operation)(const Args&, const sockaddr_in&, Result&) noexcept>
+void Run(SProcedureCall& call) {
+  Args args;
+  args.Decode(call.reader);
+  Result result;
+  (call.fs.*Operation)(args, call.peer, result);
+  Answer(call, result);
+}
+
+/// The procedure of an operation on a file system as a whole.
+template <typename Args, typename Result, void (CVirtualFs::*Operation)(const nfs_fh3&, Result&) noexcept>
+void RunOnRoot(SProcedureCall& call) {
+  Args args;
+  args.Decode(call.reader);
+  Result result;
+  (call.fs.*Operation)(args.fsRoot, result);
+  Answer(call, result);
+}
+
+/// The buffer that the backend fills is itself a piece of the reply; the reply keeps it alive.
+void Read(SProcedureCall& call) {
+  READ3args args;
+  args.Decode(call.reader);
+  const auto buffer = boost::make_shared<SFsReadBuffer>();
+  READ3res result;
+  result.status = call.fs.Read(args.file, args.offset, args.count, *buffer);
+  if (result.status == NFS3_OK) {
+    if (buffer->data.size() < buffer->length) {
+      SetFailedResult(result, NFS3ERR_SERVERFAULT);
+    } else {
+      result.count = buffer->length;
+      result.eof = buffer->eof;
+      result.data = boost::shared_ptr<const io::byte_buffer_t>(buffer, &buffer->data);
+    }
+  }
+  Answer(call, result);
+}
+
+/// The data is written from where it was received.
+void Write(SProcedureCall& call) {
+  WRITE3args args;
+  args.Decode(call.reader);
+  WRITE3res result;
+  call.fs.Write(args, result);
+  Answer(call, result);
+}
+
+constexpr auto GetAttrs = Run<GETATTR3args, GETATTR3res, &CVirtualFs::GetAttrs>;
+constexpr auto SetAttrs = Run<SETATTR3args, SETATTR3res, &CVirtualFs::SetAttrs>;
+constexpr auto Lookup = Run<LOOKUP3args, LOOKUP3res, &CVirtualFs::Lookup>;
+constexpr auto Access = Run<ACCESS3args, ACCESS3res, &CVirtualFs::Access>;
+constexpr auto CreateFile = Run<CREATE3args, CREATE3res, &CVirtualFs::CreateFile>;
+constexpr auto CreateDir = Run<MKDIR3args, MKDIR3res, &CVirtualFs::CreateDir>;
+constexpr auto Remove = Run<REMOVE3args, REMOVE3res, &CVirtualFs::Remove>;
+constexpr auto RemoveDir = Run<RMDIR3args, RMDIR3res, &CVirtualFs::RemoveDir>;
+constexpr auto Rename = Run<RENAME3args, RENAME3res, &CVirtualFs::Rename>;
+constexpr auto ReadDirPlus = Run<READDIRPLUS3args, READDIRPLUS3res, &CVirtualFs::ReadDirPlus>;
+constexpr auto FsStat = RunOnRoot<FSSTAT3args, FSSTAT3res, &CVirtualFs::FsStat>;
+constexpr auto FsInfo = RunOnRoot<FSINFO3args, FSINFO3res, &CVirtualFs::FsInfo>;
+
+// What the results take on the wire.
+constexpr std::size_t StatusSize = 4;
+constexpr std::size_t FattrSize = 84;
+constexpr std::size_t PostOpAttrSize = 4 + FattrSize;
+constexpr std::size_t HandleSize = 4 + 24;
+constexpr std::size_t WccDataSize = 4 + 24 + PostOpAttrSize;
+constexpr std::size_t ReadHeaderSize = StatusSize + 4 + 3 * 4 + 3;
+constexpr std::size_t WriteResultSize = StatusSize + 8 + 8 + 8;
+constexpr std::size_t NewItemSize = StatusSize + 4 + HandleSize + PostOpAttrSize + WccDataSize;
+constexpr std::size_t ListingSize = 1024;
+constexpr std::size_t FsStatSize = StatusSize + PostOpAttrSize + 6 * 8 + 4;
+constexpr std::size_t FsInfoSize = StatusSize + 4 + 7 * 4 + 8 + 8 + 4;
+
+using enum procedure_answer_t;
+
+constexpr SProcedure Procedures[] = {
+    {0, "NULL", "=== NFSPROC3_NULL ============= :", PlainSuccess},
+    {1, "GETATTR", "=== NFSPROC3_GETATTR ========== :", Procedure, StatusSize + FattrSize, GetAttrs},
+    {2, "SETATTR", "=== NFSPROC3_SETATTR ========== :", Procedure, StatusSize + WccDataSize, SetAttrs},
+    {3, "LOOKUP", "=== NFSPROC3_LOOKUP =========== :", Procedure, StatusSize + HandleSize + 2 * PostOpAttrSize, Lookup},
+    {4, "ACCESS", "=== NFSPROC3_ACCESS ========== :", Procedure, StatusSize + PostOpAttrSize + 4, Access},
+    {5, "READLINK", "=== NFSPROC3_READLINK ======UN= :", Unavailable},
+    {6, "READ", nullptr, Procedure, ReadHeaderSize, Read},
+    {7, "WRITE", nullptr, Procedure, WriteResultSize, Write},
+    {8, "CREATE", "=== NFSPROC3_CREATE ========== :", Procedure, NewItemSize, CreateFile},
+    {9, "MKDIR", "=== NFSPROC3_MKDIR ============ :", Procedure, NewItemSize, CreateDir},
+    {10, "SYMLINK", "=== NFSPROC3_SYMLINK =======UN= :", Unavailable},
+    {11, "MKNOD", "=== NFSPROC3_MKNOD ========UN= :", Unavailable},
+    {12, "REMOVE", "=== NFSPROC3_REMOVE =========== :", Procedure, StatusSize + 8, Remove},
+    {13, "RMDIR", "=== NFSPROC3_RMDIR ============ :", Procedure, StatusSize + 8, RemoveDir},
+    {14, "RENAME", "=== NFSPROC3_RENAME =========== :", Procedure, StatusSize + 16, Rename},
+    {15, "LINK", "=== NFSPROC3_LINK =========UN= :", Unavailable},
+    {16, "READDIR", "=== NFSPROC3_READDIR ======UN= :", Unavailable},
+    {17, "READDIRPLUS", "=== NFSPROC3_READDIRPLUS ====== :", Procedure, ListingSize, ReadDirPlus},
+    {18, "FSSTAT", "=== NFSPROC3_FSSTAT ========== :", Procedure, FsStatSize, FsStat},
+    {19, "FSINFO", "=== NFSPROC3_FSINFO ========== :", Procedure, FsInfoSize, FsInfo},
+    {20, "PATHCONF", "=== NFSPROC3_PATHCONF =====UN= :", Unavailable},
+    {21, "COMMIT", "=== NFSPROC3_COMMIT =======UN= :", Unavailable},
+};
+constexpr std::uint32_t HighestProcedure = 21;
+static_assert(std::size(Procedures) == HighestProcedure + 1 && IsTableSound(Procedures));
+
+constexpr SProgram NfsProgram = {CNfsRpcInterface::Program, CNfsRpcInterface::Version, Procedures,
+                                 "Procedure not found: [%1]."};
+
+}  // namespace
+
+void DispatchNfsCall(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer,
+                     CVirtualFs& fs) {
+  DispatchCall(NfsProgram, isClientAllowed, peer, reader, writer, fs);
+}
+
+void CNfsRpcInterface::ProcessCall(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader,
+                                   CXDRWriter& writer, CVirtualFs& fs) {
+  DispatchNfsCall(isClientAllowed, peer, reader, writer, fs);
+}

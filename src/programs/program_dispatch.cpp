@@ -1,0 +1,48 @@
+#include "programs/program_dispatch.h"
+
+#include "foundation/log.h"
+
+namespace {
+
+/// xid and reply header.
+constexpr std::size_t HeaderSize = 24;
+
+}  // namespace
+
+void DispatchCall(const SProgram& program, bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader,
+                  CXDRWriter& writer, CVirtualFs& fs) {
+  RpcCallHeader header;
+  ReadCallHeader(reader, header);
+  const bool isKnown = header.procedure < program.procedures.size();
+  writer.Reserve(HeaderSize + (isKnown ? program.procedures[header.procedure].replySize : 0));
+  writer.UInt(header.xid);
+  if (!CheckCallHeader(header, program.program, program.version)) {
+    writer.UnavailableReply();
+    return;
+  }
+  if (!isClientAllowed && header.procedure != 0) {
+    writer.AccessDeniedReply();
+    return;
+  }
+  if (!isKnown) {
+    g_nfs_log.Warning(program.notFoundLine, header.procedure);
+    writer.UnavailableReply();
+    return;
+  }
+
+  const SProcedure& procedure = program.procedures[header.procedure];
+  if (procedure.traceLine != nullptr)
+    g_nfs_log.Verbose(procedure.traceLine);
+  switch (procedure.answer) {
+    case procedure_answer_t::Unavailable:
+      writer.UnavailableReply();
+      return;
+    case procedure_answer_t::PlainSuccess:
+      writer.AcceptedReply();
+      return;
+    case procedure_answer_t::Procedure:
+      break;
+  }
+  SProcedureCall call{peer, reader, writer, fs};
+  procedure.handler(call);
+}

@@ -1,0 +1,6 @@
+#include "rpc/service_ports.h"
+
+SServicePorts& ServicePorts() noexcept {
+  static SServicePorts ports;
+  return ports;
+}
