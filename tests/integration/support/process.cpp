@@ -44,7 +44,7 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
   return true;
 }
 
-SResult Run(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment,
+SResult RunProgram(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment,
             const std::string& input) {
   CTempFolder folder;
   const std::string in = folder.Path() + "/in";

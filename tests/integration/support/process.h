@@ -24,7 +24,7 @@ struct SResult {
 };
 
 /// Runs a program to its end. Environment entries are added to the test's own.
-SResult Run(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment = {},
+SResult RunProgram(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment = {},
             const std::string& input = {});
 
 /// A program that runs beside the test; killed and reaped at the latest by the destructor.

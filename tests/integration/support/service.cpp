@@ -45,7 +45,7 @@ void CService::Start(const std::vector<std::string>& switches) {
   process_ = std::make_unique<CProcess>(command, Environment(), outputPath_);
   // The event is what tells another process that the ports are registered.
   const bool ready = WaitUntil([this] {
-    return !process_->IsRunning() || Run({Program("KelvoNfsSvc"), "-verifycn"}, Environment()).exitCode == 0;
+    return !process_->IsRunning() || RunProgram({Program("KelvoNfsSvc"), "-verifycn"}, Environment()).exitCode == 0;
   });
   ASSERT_TRUE(ready);
   ASSERT_TRUE(process_->IsRunning()) << Output() << LogText();
@@ -71,7 +71,7 @@ std::string CService::LogText() const {
 SResult CService::Reg(const std::vector<std::string>& arguments) {
   std::vector<std::string> command{Program("kelvo-reg")};
   command.insert(command.end(), arguments.begin(), arguments.end());
-  return Run(command, Environment());
+  return RunProgram(command, Environment());
 }
 
 void CService::SetValue(const std::string& name, const std::string& type, const std::string& data,
