@@ -36,18 +36,22 @@ std::string ArchivePath(const std::string& logPath, std::uint32_t number) {
 }
 
 void AgeArchives(const std::string& logPath, std::uint32_t limit) {
-  // The new archive takes one of the places, so that the last one left for the old is limit - 1. What an earlier,
-  // larger limit left behind goes too.
-  for (std::uint32_t number = limit == 0 ? 0 : limit - 1; number <= LargestCount; ++number) {
+  const auto remove = [&](std::uint32_t number) {
     const std::string path = ArchivePath(logPath, number);
     if (::unlink(path.c_str()) != 0 && errno != ENOENT)
       ThrowAgeFailure(logPath, limit, errno);
-  }
+  };
+  // What an earlier, larger limit left behind.
+  for (std::uint32_t number = limit; number <= LargestCount; ++number)
+    remove(number);
+
   // Up to the first free number alone: a rotation that failed after it made room would otherwise push good archives
   // out with each further try.
   std::uint32_t free = 0;
   while (Exists(ArchivePath(logPath, free)))
     ++free;
+  if (free > 0 && free == limit)
+    remove(--free);
   for (; free > 0; --free) {
     if (::rename(ArchivePath(logPath, free - 1).c_str(), ArchivePath(logPath, free).c_str()) != 0) {
       ThrowAgeFailure(logPath, limit, errno);
