@@ -3,19 +3,7 @@
 #include <algorithm>
 
 #include "foundation/exc.h"
-
-namespace {
-
-char Folded(char character) {
-  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
-}
-
-bool EqualFolded(std::string_view left, std::string_view right) {
-  return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                    [](char one, char other) { return Folded(one) == Folded(other); });
-}
-
-}  // namespace
+#include "platform/text.h"
 
 CCommandLine::CCommandLine(int count, const char* const* arguments) {
   if (count < 1 || arguments == nullptr)
@@ -24,8 +12,9 @@ CCommandLine::CCommandLine(int count, const char* const* arguments) {
 }
 
 std::optional<std::size_t> CCommandLine::Find(std::string_view name) const {
-  const auto place = std::find_if(arguments_.begin(), arguments_.end(),
-                                  [name](const std::string& argument) { return EqualFolded(argument, name); });
+  const auto place = std::find_if(arguments_.begin(), arguments_.end(), [name](const std::string& argument) {
+    return platform::EqualIgnoringCase(argument, name);
+  });
   if (place == arguments_.end())
     return std::nullopt;
   return static_cast<std::size_t>(place - arguments_.begin());

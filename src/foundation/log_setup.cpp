@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 #include <sys/utsname.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -13,6 +12,8 @@
 #include "foundation/log.h"
 #include "foundation/log_rotation.h"
 #include "foundation/win_log_file.h"
+#include "platform/process.h"
+#include "platform/text.h"
 
 namespace logging {
 
@@ -23,10 +24,8 @@ constexpr int CandidateCount = 1000;
 constexpr std::string_view LogExtension = ".log";
 
 bool EndsWithLogExtension(const std::string& path) {
-  if (path.size() < LogExtension.size())
-    return false;
-  const std::string_view end = std::string_view(path).substr(path.size() - LogExtension.size());
-  return end[0] == '.' && (end[1] | 0x20) == 'l' && (end[2] | 0x20) == 'o' && (end[3] | 0x20) == 'g';
+  return path.size() >= LogExtension.size() &&
+         platform::EqualIgnoringCase(std::string_view(path).substr(path.size() - LogExtension.size()), LogExtension);
 }
 
 void CreateFolders(const std::filesystem::path& folder) {
@@ -77,12 +76,6 @@ void SetMirror() {
   }
 }
 
-std::string ModulePath() {
-  std::error_code failure;
-  const std::filesystem::path path = std::filesystem::read_symlink("/proc/self/exe", failure);
-  return failure ? std::string("n/a") : path.string();
-}
-
 std::string SystemVersion() {
   std::string name = "Linux";
   std::ifstream release("/etc/os-release");
@@ -106,11 +99,11 @@ void WriteBanner() {
   {
     const indent_t indent;
     // The service is one executable, so that the module that logs is the executable itself.
-    g_log.Info("Path to the module: %1", ModulePath());
+    g_log.Info("Path to the module: %1", platform::ExecutablePath());
     g_log.Info("Module version: %1", ModuleVersion());
     g_log.Info("Comments: %1", KELVO_BUILD_COMMENTS);
     g_log.Info("OS version: %1", SystemVersion());
-    g_log.Info("Process Id: %1", ::getpid());
+    g_log.Info("Process Id: %1", platform::ProcessId());
   }
   g_log.Info("}");
 }
