@@ -1,0 +1,22 @@
+// The root folder for those who ask often.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+
+/// Reads the root folder again when the last reading is 30 seconds old, so that a change reaches the running service
+/// within that time. Goes by platform::Clock(). Any thread; its lock is held while it reads.
+class CRegOptionsCache {
+ public:
+  static constexpr std::uint64_t PeriodMilliseconds = 30000;
+
+  /// The expanded root folder. Throws when it is due and cannot be read; the next call tries again.
+  std::string Get();
+
+ private:
+  std::mutex lock_;  // Guards all below.
+  std::optional<std::uint64_t> lastUpdate_;
+  std::string rootFolder_;
+};
