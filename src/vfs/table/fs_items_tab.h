@@ -76,9 +76,10 @@ class CFsItemsTab {
   /// AddItem for many items of one folder: fills their FIDs and writes the registry in few transactions. The lock is
   /// given up between them, so that other calls go on while a large folder comes in.
   void AddItems(std::uint64_t parentFid, std::vector<SNfsNewItem>& items);
-  /// Brings an item back under its stored FID; writes nothing to the registry.
+  /// Brings an item back under its stored FID; writes nothing to the registry. mountUid: the mount that backs it, nil
+  /// for the host.
   void ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,
-                  const boost::shared_ptr<IFsItem>& item);
+                  const boost::shared_ptr<IFsItem>& item, const GUID& mountUid);
   /// Removes the item and all below it.
   void RemoveItem(std::uint64_t fid);
   /// Removes what the mount backs: a folder that is also backed by others stays, without the mount.
@@ -146,27 +147,51 @@ class CFsItemsTab {
     bool operator()(const Left& left, const Right& right) const noexcept {
       if (left.parentFid != right.parentFid)
         return left.parentFid < right.parentFid;
-      return CompareNames(left.name, right.name) < 0;
+      return platform::CompareIgnoringCase(left.name, right.name) < 0;
     }
   };
   using CNfsListingTab = std::map<SListingKey, std::uint64_t, SListingLess>;
   using rec_ptr = boost::shared_ptr<CNfsItemRec>;
   /// A new item with what had to be asked of it before the lock was taken.
-  struct SPrepared;
+  struct SPrepared {
+    const std::string& name;
+    const boost::shared_ptr<IFsItem>& item;
+    SFsItemSpec spec;
+  };
+  /// Items of which the log is to be told once the lock is free.
+  struct SChange {
+    std::string name;
+    std::uint64_t fid;
+    std::uint64_t parentFid;
+    bool wasFound;
+  };
+  using changes_t = std::vector<SChange>;
 
-  // All of these rely on the caller's lock.
+  // All of these rely on the caller's lock, but for the writers of log lines, which are called without it.
   std::uint64_t GenerateFid() const;
-  const rec_ptr* FindRec(std::uint64_t fid) const;
-  const rec_ptr& GetRec(std::uint64_t fid) const;
+  rec_ptr FindRec(std::uint64_t fid) const;
+  rec_ptr GetRec(std::uint64_t fid) const;
   const SShare* FindShare(const std::string& alias, GUID* uid) const;
-  std::uint64_t AddPrepared(std::uint64_t parentFid, const SPrepared& item);
-  void KeepBackings(CNfsItemRec& rec, std::uint64_t fid);
-  void ReleaseStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t newFid);
-  void Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot);
-  void DeleteOne(std::uint64_t fid, const rec_ptr& rec, bool isShareRoot);
-  bool DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid);
-  void LogNewItem(std::string_view name, std::uint64_t fid, std::uint64_t parentFid) const;
+  std::uint64_t AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, changes_t& changes, changes_t& removed);
+  void TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t& removed);
+  void FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t newFid);
+  void NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid, const std::string& newName);
+  void ForgetMove(std::uint64_t fid);
+  void Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot, changes_t& removed);
+  void DeleteChildren(std::uint64_t fid, const GUID* mountUid, changes_t& removed);
+  void DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t& removed);
+  /// Also gives the entry the new spelling.
+  void PutListing(std::uint64_t parentFid, const std::string& name, std::uint64_t fid);
+  void EraseListing(const CNfsItemRec& rec, std::uint64_t fid);
+  void RemoveAndLogShare(const GUID& uid);
+  void DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid);
   CNfsListingTab::const_iterator FirstChild(std::uint64_t parentFid) const;
+  static bool LivesWithout(const CNfsItemRec& rec, const GUID* mountUid);
+  static void LogAdded(const changes_t& changes);
+  static void LogRemoved(const changes_t& removed);
+  /// Runs a removal under the lock and tells the log, also of what was removed before a failure.
+  template <typename Removal>
+  void RemoveAndLog(const Removal& removal);
 
   mutable std::recursive_mutex mutex_;  // Guards all below.
   std::map<GUID, SShare> shares_;

@@ -25,7 +25,7 @@ class CNfsListingSlots {
   };
 
   static constexpr std::size_t MaxSnapshots = 64;
-  static constexpr std::size_t MaxEntries = 500000;
+  static constexpr std::size_t MaxEntries = 2000000;
 
   /// Empty when there is none. Counts as a use.
   boost::shared_ptr<CNfsFolderDirPlusCache> Get(const SKey& key);

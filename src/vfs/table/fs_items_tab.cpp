@@ -1,0 +1,309 @@
+#include "vfs/table/fs_items_tab.h"
+
+#include <algorithm>
+#include <boost/make_shared.hpp>
+#include <cstring>
+#include <utility>
+
+#include "config/reg_config_update_sink.h"
+#include "foundation/log.h"
+#include "vfs/items/virtual_fs_exc.h"
+
+namespace {
+
+using lock_t = std::lock_guard<std::recursive_mutex>;
+
+}  // namespace
+
+CFsItemsTab::CFsItemsTab(boost::shared_ptr<CRegConfigUpdateSink> updateSink) : updateSink_(std::move(updateSink)) {}
+
+CFsItemsTab::~CFsItemsTab() = default;
+
+std::uint64_t CFsItemsTab::AddItem(std::uint64_t parentFid, const std::string& name,
+                                   const boost::shared_ptr<IFsItem>& item) {
+  if (name == ".")
+    return parentFid;
+  if (name == "..") {
+    const lock_t lock(mutex_);
+    return GetRec(parentFid)->parentFid;
+  }
+  SPrepared prepared{name, item, {}};
+  item->GetItemSpec(prepared.spec);
+
+  changes_t changes;
+  changes_t removed;
+  std::uint64_t fid = InvalidFid;
+  {
+    const lock_t lock(mutex_);
+    fid = AddPrepared(parentFid, prepared, changes, removed);
+  }
+  LogRemoved(removed);
+  LogAdded(changes);
+  return fid;
+}
+
+void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsNewItem>& items) {
+  // Long enough that a transaction's cost is spread thin, short enough that nobody notices the lock.
+  constexpr std::size_t MaxTransaction = 256;
+
+  for (std::size_t begin = 0; begin < items.size();) {
+    const std::size_t end = std::min(items.size(), begin + MaxTransaction);
+    std::vector<SPrepared> prepared;
+    prepared.reserve(end - begin);
+    for (std::size_t i = begin; i < end; ++i) {
+      prepared.push_back(SPrepared{items[i].name, items[i].item, {}});
+      items[i].item->GetItemSpec(prepared.back().spec);
+    }
+
+    changes_t changes;
+    changes_t removed;
+    {
+      const lock_t lock(mutex_);
+      CRegConfigUpdateSink::CBatch batch(*updateSink_);
+      for (std::size_t i = begin; i < end; ++i) {
+        items[i].fid = AddPrepared(parentFid, prepared[i - begin], changes, removed);
+      }
+      batch.Commit();
+    }
+    LogRemoved(removed);
+    LogAdded(changes);
+    begin = end;
+  }
+}
+
+std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, changes_t& changes,
+                                       changes_t& removed) {
+  const rec_ptr parent = GetRec(parentFid);
+  const auto found = listing_.find(SListingKeyView{parentFid, prepared.name});
+  const bool wasFound = found != listing_.end();
+  const std::uint64_t fid = wasFound ? found->second : GenerateFid();
+
+  const auto rec =
+      boost::make_shared<CNfsItemRec>(prepared.name, parentFid, parent->share, prepared.item, prepared.spec.mountUid);
+  if (wasFound)
+    TakeOverOldRec(*rec, fid, removed);
+  items_[fid] = rec;
+  if (!wasFound)
+    listing_.emplace(SListingKey{parentFid, prepared.name}, fid);
+
+  FreeStoredPlace(parentFid, prepared.name, fid);
+  ForgetMove(fid);
+  updateSink_->OnItemAdded(parentFid, prepared.name, fid, prepared.spec);
+  changes.push_back({prepared.name, fid, parentFid, wasFound});
+  return fid;
+}
+
+void CFsItemsTab::TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t& removed) {
+  slots_.ResetFolder(fid);
+  const rec_ptr old = FindRec(fid);
+  if (!old || !old->IsFolder())
+    return;
+  if (!rec.IsFolder()) {
+    // A file in a folder's place: what was below the folder has no way to it any more.
+    DeleteChildren(fid, nullptr, removed);
+    return;
+  }
+  // Mounts on the folder outlive its being made or found once more.
+  const auto& mirrors = old->Folder()->mirrors;
+  rec.Folder()->mirrors.insert(rec.Folder()->mirrors.end(), mirrors.begin() + 1, mirrors.end());
+}
+
+void CFsItemsTab::ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,
+                             const boost::shared_ptr<IFsItem>& item, const GUID& mountUid) {
+  {
+    const lock_t lock(mutex_);
+    const rec_ptr parent = GetRec(parentFid);
+    items_[fid] = boost::make_shared<CNfsItemRec>(name, parentFid, parent->share, item, mountUid);
+    PutListing(parentFid, name, fid);
+  }
+  g_nfs_log.Info("Item [%1] resumed. FID: [%2]. Parent FID: [%3].", name, fid, parentFid);
+}
+
+template <typename Removal>
+void CFsItemsTab::RemoveAndLog(const Removal& removal) {
+  changes_t removed;
+  try {
+    const lock_t lock(mutex_);
+    removal(removed);
+  } catch (...) {
+    LogRemoved(removed);
+    throw;
+  }
+  LogRemoved(removed);
+}
+
+void CFsItemsTab::RemoveItem(std::uint64_t fid) {
+  RemoveAndLog([&](changes_t& removed) { Delete(fid, nullptr, false, removed); });
+}
+
+void CFsItemsTab::RemoveItemForMount(std::uint64_t fid, const GUID& mountUid) {
+  RemoveAndLog([&](changes_t& removed) { Delete(fid, &mountUid, false, removed); });
+}
+
+void CFsItemsTab::RemoveChild(std::uint64_t parentFid, const std::string& name) {
+  RemoveAndLog([&](changes_t& removed) {
+    const std::uint64_t fid = LookupChild(parentFid, name);
+    if (fid != InvalidFid)
+      Delete(fid, nullptr, false, removed);
+  });
+}
+
+void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid) {
+  RemoveAndLog([&](changes_t& removed) {
+    const auto found = listing_.find(SListingKeyView{parentFid, name});
+    if (found != listing_.end() && found->second == fid)
+      Delete(fid, nullptr, false, removed);
+  });
+}
+
+std::uint64_t CFsItemsTab::LookupChild(std::uint64_t parentFid, std::string_view name) const {
+  if (name == ".")
+    return parentFid;
+  const lock_t lock(mutex_);
+  if (name == "..") {
+    const rec_ptr parent = FindRec(parentFid);
+    return parent ? parent->parentFid : InvalidFid;
+  }
+  const auto found = listing_.find(SListingKeyView{parentFid, name});
+  return found == listing_.end() ? InvalidFid : found->second;
+}
+
+void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName) {
+  RemoveAndLog([&](changes_t& removed) {
+    const rec_ptr rec = FindRec(fid);
+    if (!rec)
+      throw exc::runtime_exc_t("There is no item with FID [%1]. Item cannot be moved.", fid);
+    if (rec->parentFid == InvalidFid) {
+      throw exc::runtime_exc_t("Failed to move NFS shared folder [%1].", rec->name);
+    }
+    GetRec(newParentFid);
+    if (IsSameOrBelow(newParentFid, fid))
+      throw CVirtualFsExc(NFS3ERR_INVAL);
+
+    const auto occupied = listing_.find(SListingKeyView{newParentFid, newName});
+    if (occupied != listing_.end() && occupied->second != fid)
+      Delete(occupied->second, nullptr, false, removed);
+
+    NoteMove(fid, *rec, newParentFid, newName);
+    EraseListing(*rec, fid);
+    rec->name = newName;
+    rec->parentFid = newParentFid;
+    listing_.insert_or_assign(SListingKey{newParentFid, newName}, fid);
+  });
+}
+
+bool CFsItemsTab::IsSameOrBelow(std::uint64_t fid, std::uint64_t ancestorFid) const {
+  const lock_t lock(mutex_);
+  while (fid != InvalidFid) {
+    if (fid == ancestorFid)
+      return true;
+    const rec_ptr rec = FindRec(fid);
+    if (!rec)
+      return false;
+    fid = rec->parentFid;
+  }
+  return false;
+}
+
+boost::shared_ptr<IFsItem> CFsItemsTab::GetItem(std::uint64_t fid) const {
+  const lock_t lock(mutex_);
+  const auto found = items_.find(fid);
+  return found == items_.end() ? boost::shared_ptr<IFsItem>() : found->second->Item();
+}
+
+std::vector<boost::shared_ptr<IFsItem>> CFsItemsTab::GetItems(const std::vector<std::uint64_t>& fids) const {
+  std::vector<boost::shared_ptr<IFsItem>> items;
+  items.reserve(fids.size());
+  const lock_t lock(mutex_);
+  for (const std::uint64_t fid : fids)
+    items.push_back(GetItem(fid));
+  return items;
+}
+
+std::string CFsItemsTab::GetItemPath(std::uint64_t fid) const {
+  std::string path;
+  {
+    const lock_t lock(mutex_);
+    std::vector<const std::string*> names;
+    std::size_t size = 0;
+    for (std::uint64_t at = fid; at != InvalidFid;) {
+      const auto rec = items_.find(at);
+      if (rec == items_.end())
+        break;
+      names.push_back(&rec->second->name);
+      size += rec->second->name.size() + 1;
+      at = rec->second->parentFid;
+    }
+    path.reserve(size + 30);
+    for (auto name = names.rbegin(); name != names.rend(); ++name) {
+      if (!path.empty())
+        path += '/';
+      path += **name;
+    }
+  }
+  return path + ". FID: " + std::to_string(fid);
+}
+
+void CFsItemsTab::PutListing(std::uint64_t parentFid, const std::string& name, std::uint64_t fid) {
+  const auto [entry, isNew] = listing_.try_emplace(SListingKey{parentFid, name}, fid);
+  if (isNew)
+    return;
+  entry->second = fid;
+  if (entry->first.name == name)
+    return;
+  auto node = listing_.extract(entry);
+  node.key().name = name;
+  listing_.insert(std::move(node));
+}
+
+std::uint64_t CFsItemsTab::GenerateFid() const {
+  constexpr int MaxAttempts = 1000;
+  for (int attempt = 0; attempt < MaxAttempts; ++attempt) {
+    // A handle is all that a READ needs, so a FID is not to be guessed. The bytes that hold a GUID's version and
+    // variant are left out.
+    const GUID random = platform::NewGuid();
+    std::uint64_t fid = 0;
+    std::memcpy(&fid, random.bytes.data(), 6);
+    fid |= static_cast<std::uint64_t>(random.bytes[9]) << 48 | static_cast<std::uint64_t>(random.bytes[10]) << 56;
+    if (fid == InvalidFid || fid == 0 || items_.contains(fid))
+      continue;
+    g_nfs_log.Verbose("Generated new FID: [%1].", fid);
+    return fid;
+  }
+  throw exc::runtime_exc_t("Failed to allocate unique FID.");
+}
+
+CFsItemsTab::rec_ptr CFsItemsTab::FindRec(std::uint64_t fid) const {
+  const auto found = items_.find(fid);
+  return found == items_.end() ? rec_ptr() : found->second;
+}
+
+CFsItemsTab::rec_ptr CFsItemsTab::GetRec(std::uint64_t fid) const {
+  rec_ptr rec = FindRec(fid);
+  if (!rec)
+    throw CVirtualFsExc("Item with FID [%1] does not exist", std::to_string(fid), NFS3ERR_NOENT);
+  return rec;
+}
+
+void CFsItemsTab::LogAdded(const changes_t& changes) {
+  for (const SChange& change : changes) {
+    if (change.wasFound)
+      g_nfs_log.Info("Item [%1] was found. ID: [%2].", change.name, change.fid);
+    g_nfs_log.Info("    NewItem: [%1]. FID: [%2]. Parent: [%3].", change.name, change.fid, change.parentFid);
+    g_nfs_log.Info("Added item [%1]. FID: [%2].", change.name, change.fid);
+  }
+}
+
+void CFsItemsTab::LogRemoved(const changes_t& removed) {
+  for (const SChange& change : removed) {
+    g_nfs_log.Info("    RemItem: [%1]. FID: [%2]. Parent: [%3].", change.name, change.fid, change.parentFid);
+  }
+}
+
+boost::shared_ptr<IFsItem> GetRequiredItem(const CFsItemsTab& tab, std::uint64_t fid) {
+  auto item = tab.GetItem(fid);
+  if (!item) {
+    throw CVirtualFsExc("NFS listing table does not contain item with FID [%1].", std::to_string(fid), NFS3ERR_STALE);
+  }
+  return item;
+}

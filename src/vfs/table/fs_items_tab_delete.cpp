@@ -1,0 +1,136 @@
+// Removal of items, and the stored places of those that were moved.
+#include <iterator>
+#include <utility>
+
+#include "config/reg_config_update_sink.h"
+#include "foundation/log.h"
+#include "vfs/items/virtual_fs_exc.h"
+#include "vfs/table/fs_items_tab.h"
+
+void CFsItemsTab::Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot, changes_t& removed) {
+  const rec_ptr rec = GetRec(fid);
+  if (LivesWithout(*rec, mountUid)) {
+    DropMirror(fid, *rec, *mountUid);
+    return;
+  }
+  // Asked before anything is removed: a share whose folder is away for a moment keeps its children's FIDs.
+  if (rec->parentFid == InvalidFid && !isShareRoot) {
+    throw exc::runtime_exc_t("Item [%1] refers to the root of the NFS share and cannot be deleted.", rec->name);
+  }
+  if (!rec->IsFolder()) {
+    DeleteOne(fid, *rec, removed);
+    return;
+  }
+  CRegConfigUpdateSink::CBatch batch(*updateSink_);
+  DeleteChildren(fid, mountUid, removed);
+  DeleteOne(fid, *rec, removed);
+  batch.Commit();
+}
+
+void CFsItemsTab::DeleteChildren(std::uint64_t fid, const GUID* mountUid, changes_t& removed) {
+  // A walk with a stack of its own: how deep a tree goes is up to the clients.
+  struct SStep {
+    std::uint64_t fid;
+    bool isOpened;
+  };
+  std::vector<SStep> steps;
+  const auto open = [&](std::uint64_t folderFid) {
+    for (auto child = FirstChild(folderFid); child != listing_.end() && child->first.parentFid == folderFid; ++child) {
+      steps.push_back({child->second, false});
+    }
+  };
+  open(fid);
+  while (!steps.empty()) {
+    const SStep step = steps.back();
+    const rec_ptr rec = GetRec(step.fid);
+    if (rec->IsFolder() && !step.isOpened) {
+      if (LivesWithout(*rec, mountUid)) {
+        DropMirror(step.fid, *rec, *mountUid);
+        steps.pop_back();
+        continue;
+      }
+      steps.back().isOpened = true;
+      open(step.fid);
+      continue;
+    }
+    steps.pop_back();
+    DeleteOne(step.fid, *rec, removed);
+  }
+}
+
+void CFsItemsTab::DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t& removed) {
+  removed.push_back({rec.name, fid, rec.parentFid, true});
+  if (rec.parentFid != InvalidFid)
+    EraseListing(rec, fid);
+  slots_.ResetFolder(fid);
+  ForgetMove(fid);
+  items_.erase(fid);
+  updateSink_->OnItemDeleted(fid, nullptr);
+}
+
+void CFsItemsTab::EraseListing(const CNfsItemRec& rec, std::uint64_t fid) {
+  const auto entry = listing_.find(SListingKeyView{rec.parentFid, rec.name});
+  if (entry != listing_.end() && entry->second == fid)
+    listing_.erase(entry);
+}
+
+bool CFsItemsTab::LivesWithout(const CNfsItemRec& rec, const GUID* mountUid) {
+  if (mountUid == nullptr || !rec.IsFolder())
+    return false;
+  GUID primaryUid;
+  return !rec.Folder()->primary->GetMountUid(primaryUid) || primaryUid != *mountUid;
+}
+
+void CFsItemsTab::DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid) {
+  auto& mirrors = rec.Folder()->mirrors;
+  GUID uid;
+  if (rec.Folder()->primary->GetMountUid(uid) && uid == mountUid) {
+    throw exc::runtime_exc_t(
+        "Failed to remove RFS folder [%1] from the NFS node because the folder is  primary node item.",
+        platform::GuidToText(mountUid));
+  }
+  for (auto mirror = mirrors.begin(); mirror != mirrors.end(); ++mirror) {
+    if (!(*mirror)->GetMountUid(uid) || uid != mountUid)
+      continue;
+    mirrors.erase(mirror);
+    updateSink_->OnItemDeleted(fid, &mountUid);
+    return;
+  }
+}
+
+CFsItemsTab::CNfsListingTab::const_iterator CFsItemsTab::FirstChild(std::uint64_t parentFid) const {
+  return listing_.lower_bound(SListingKeyView{parentFid, {}});
+}
+
+void CFsItemsTab::NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid,
+                           const std::string& newName) {
+  const auto [stored, isFirstMove] = movedItems_.try_emplace(fid, SListingKey{rec.parentFid, rec.name});
+  if (isFirstMove)
+    movedFrom_.insert_or_assign(stored->second, fid);
+  if (stored->second.parentFid == newParentFid && stored->second.name == newName)
+    ForgetMove(fid);
+}
+
+void CFsItemsTab::ForgetMove(std::uint64_t fid) {
+  const auto moved = movedItems_.find(fid);
+  if (moved == movedItems_.end())
+    return;
+  const auto place = movedFrom_.find(moved->second);
+  if (place != movedFrom_.end() && place->second == fid)
+    movedFrom_.erase(place);
+  movedItems_.erase(moved);
+}
+
+void CFsItemsTab::FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t newFid) {
+  // The record of an item that was moved from here still claims the place. With two records for one place, a handle
+  // would come back from a restart as another item than it was, so the older one is stored anew where its item is now.
+  const auto place = movedFrom_.find(SListingKeyView{parentFid, name});
+  if (place == movedFrom_.end() || place->second == newFid)
+    return;
+  const std::uint64_t fid = place->second;
+  ForgetMove(fid);
+  const rec_ptr rec = FindRec(fid);
+  if (!rec)
+    return;
+  updateSink_->OnItemMoved(fid, rec->parentFid, rec->name);
+}
