@@ -7,7 +7,8 @@
 
 #include "rpc/rpc_client_stream.h"
 
-/// What is to be registered and what was. Written by the registration thread; others read it after that has ended.
+/// What is to be registered and what was; who starts the thread fills in the ports from ServicePorts(). Written by the
+/// registration thread; others read it after that has ended.
 struct PortRegistration {
   std::uint16_t mountPort = 0;
   std::uint8_t mountRegistered = 0;
