@@ -26,3 +26,12 @@ std::optional<std::string> CCommandLine::ValueOf(std::string_view name) const {
     return std::nullopt;
   return arguments_[*index + 1];
 }
+
+CCommandLine CCommandLine::Without(std::string_view name) const {
+  std::vector<std::string> rest = arguments_;
+  if (const auto index = Find(name)) {
+    const std::size_t end = std::min(*index + 2, rest.size());
+    rest.erase(rest.begin() + static_cast<std::ptrdiff_t>(*index), rest.begin() + static_cast<std::ptrdiff_t>(end));
+  }
+  return CCommandLine(std::move(rest));
+}

@@ -20,6 +20,8 @@ class CCommandLine {
   bool Has(std::string_view name) const { return Find(name).has_value(); }
   /// The argument that follows the switch; nothing when the switch is absent or the last argument.
   std::optional<std::string> ValueOf(std::string_view name) const;
+  /// The same without the first argument that equals the switch and the value that follows it.
+  CCommandLine Without(std::string_view name) const;
   const std::vector<std::string>& Arguments() const { return arguments_; }
 
  private:

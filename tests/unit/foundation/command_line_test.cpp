@@ -35,6 +35,13 @@ TEST(CommandLine, TrailingSwitchHasNoValue) {
   EXPECT_FALSE(CCommandLine().Has("-port"));
 }
 
+TEST(CommandLine, WithoutTakesTheSwitchAndItsValue) {
+  const CCommandLine line({"x", "-LOG", "a", "-port", "1", "-log"});
+  EXPECT_EQ(line.Without("-log").Arguments(), (std::vector<std::string>{"x", "-port", "1", "-log"}));
+  EXPECT_EQ(line.Without("-log").Without("-log").Arguments(), (std::vector<std::string>{"x", "-port", "1"}));
+  EXPECT_EQ(line.Without("-sync").Arguments(), line.Arguments());
+}
+
 TEST(CommandLine, ComesFromTheArgumentVector) {
   const char* const arguments[] = {"x", "-sync", nullptr};
   EXPECT_EQ(CCommandLine(2, arguments).Arguments(), (std::vector<std::string>{"x", "-sync"}));

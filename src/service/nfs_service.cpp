@@ -1,0 +1,129 @@
+#include "service/nfs_service.h"
+
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "config/common_options.h"
+#include "config/reg_config_ports.h"
+#include "config/reg_options.h"
+#include "foundation/log.h"
+#include "hostfs/host_fs_file_cache.h"
+#include "platform/process.h"
+#include "programs/ep_mapper_table.h"
+#include "programs/mount_rpc_interface.h"
+#include "programs/nfs_rpc_interface.h"
+#include "programs/portmap_rpc_interface.h"
+#include "rpc/service_ports.h"
+#include "service/connection_event.h"
+#include "service/context/svc_context.h"
+#include "service/context/svc_context_holder.h"
+#include "service/crash_sinks.h"
+#include "service/portmap_connection.h"
+#include "transports/async/async_server.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds DebugSleep{10000};
+constexpr platform::error_t WsaAccess = 10013;
+constexpr char NoSynchronousServer[] = "The synchronous protocol server is not available in this version.";
+
+rpc_handler_t WithFs(void (*dispatch)(bool, const sockaddr_in&, CXDRReader&, CXDRWriter&, CVirtualFs&),
+                     const boost::shared_ptr<CVirtualFs>& fs) {
+  return [dispatch, fs](bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer) {
+    dispatch(isClientAllowed, peer, reader, writer, *fs);
+  };
+}
+
+/// For the user in front of the terminal: a failed start ends the process with 0, so that it must be said.
+void TellFailedStart(const std::exception& failure) noexcept {
+  std::fprintf(stderr, "Failed to start NFS service.\n%s\n", failure.what());
+  const auto* const system = dynamic_cast<const exc::win_sys_exc_t*>(&failure);
+  if (system != nullptr && (system->Code() == WsaAccess || system->Code() == platform::error::AccessDenied) &&
+      std::string_view(failure.what()).find("bind") != std::string_view::npos) {
+    constexpr char Privilege[] =
+        "This account may not bind port 111: run KelvoNfsSvc as root or with the capability CAP_NET_BIND_SERVICE.";
+    g_log.Error(Privilege);
+    std::fprintf(stderr, "%s\n", Privilege);
+  }
+}
+
+}  // namespace
+
+CNfsService::CNfsService() = default;
+
+CNfsService::~CNfsService() = default;
+
+bool CNfsService::Start() noexcept {
+  try {
+    RunStartSequence();
+    return true;
+  } catch (const std::exception& failure) {
+    g_log.Error("Failed to start NFS service.", failure);
+    TellFailedStart(failure);
+    return false;
+  }
+}
+
+void CNfsService::RunStartSequence() {
+  mainThreadId_ = platform::ThreadId();
+  CCommonOptions::Instance().LoadOptions();
+  HostFsFileCache::Init();
+  const auto context = boost::make_shared<CSvcContext>();
+  CSvcContextHolder::Set(context);
+  if (!context->GetOptions()->IsAsyncTcp()) {
+    g_log.Info("Starting server in synchronous mode.");
+    throw exc::runtime_exc_t("%1 Set the option AsyncTcp to 1.", NoSynchronousServer);
+  }
+  g_log.Info("Starting server in asynchronous mode.");
+  StartAsyncServer(*context, boost::make_shared<CNFSCrashSink>(mainThreadId_));
+  g_log.Info("NFS server is ready to process incoming calls.");
+  g_log.Info("");
+}
+
+void CNfsService::StartAsyncServer(const CSvcContext& context, boost::shared_ptr<INFSCrashSink> sink) {
+  const boost::shared_ptr<CVirtualFs> fs = context.GetFs();
+  SAsyncServerParams params;
+  params.mountProgram = WithFs(DispatchMountCall, fs);
+  params.nfsProgram = WithFs(DispatchNfsCall, fs);
+  params.portmapProgram = WithFs(DispatchPortmapCall, fs);
+  params.mountPort = context.GetPorts()->GetMountPort();
+  params.nfsPort = context.GetPorts()->GetNfsPort();
+  params.addressChecker = context.GetAddressChecker();
+  params.crashSink = std::move(sink);
+  params.prepareRegistration = [] { CEpMapperTable::Instance().Seed(); };
+  params.registrationProc = [this] {
+    registration_.mountPort = ServicePorts().mount;
+    registration_.nfsPort = ServicePorts().nfs;
+    RegisterOnPortmapProc(registration_, ConnectToPortmapper, SignalConnectionEvent);
+  };
+  asyncServer_ = boost::make_shared<CAsyncServer>(std::move(params));
+}
+
+void CNfsService::Stop() noexcept {
+  try {
+    CSvcContextHolder::Set(nullptr);
+    // Last reference: the server stops before its memory goes.
+    asyncServer_.reset();
+    HostFsFileCache::Deinit();
+  } catch (const std::exception& failure) {
+    g_log.Error("Failed to stop NFS service.", failure);
+  }
+  g_log.Info("NFS server is stopped.");
+}
+
+void CNfsService::RunDebug(const CCommandLine& commandLine) {
+  const bool synchronous = commandLine.Has("-sync");
+  {
+    const auto context = boost::make_shared<CSvcContext>();
+    if (synchronous) {
+      g_log.Info("Launched with standard protocol server.");
+      throw exc::runtime_exc_t("%1 Leave out -sync.", NoSynchronousServer);
+    }
+    g_log.Info("Launched with async protocol server.");
+    StartAsyncServer(*context, boost::make_shared<CSilentNFSCrashSink>());
+  }
+  for (;;)
+    std::this_thread::sleep_for(DebugSleep);
+}
