@@ -8,6 +8,13 @@
 
 using namespace nfs_wire;
 
+namespace {
+
+/// Of an entry of a listing with attributes, a handle of ours and the name's padding.
+constexpr std::size_t MaxEntrySizeWithoutName = 4 + 8 + 4 + 3 + 8 + (4 + 84) + (4 + 28);
+
+}  // namespace
+
 void GETATTR3res::Decode(CXDRReader& reader) {
   Get(reader, status);
   if (status == NFS3_OK)
@@ -170,6 +177,10 @@ void READDIRPLUS3res::Encode(CXDRWriter& writer) const {
   PutAll(writer, status, dirAttributes);
   if (status != NFS3_OK)
     return;
+  std::size_t size = 8 + 4 + 4;
+  for (const entryplus3& entry : entries)
+    size += MaxEntrySizeWithoutName + entry.name.size();
+  writer.Reserve(size);
   Put(writer, cookieVerifier);
   for (const entryplus3& entry : entries)
     PutAll(writer, true, entry);
