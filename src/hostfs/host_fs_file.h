@@ -32,7 +32,11 @@ class CHostFsFile : public IFsFile {
   std::string LocalPath() const { return node_->Path(); }
 
  private:
-  boost::shared_ptr<platform::file_t> CachedFile(std::string& path) const;
+  struct SOpenFile {
+    boost::shared_ptr<platform::file_t> file;
+    boost::shared_ptr<const platform::location_t> where;
+  };
+  SOpenFile CachedFile() const;
 
   const boost::shared_ptr<CHostFsNode> node_;
   const boost::shared_ptr<IAddressChecker> addressChecker_;

@@ -15,22 +15,19 @@
 /// while a file is opened, never while one is read or written.
 class HostFsFileCache {
  public:
-  /// What tests replace.
-  struct SSettings {
-    std::function<std::int64_t()> now;             ///< Nanoseconds of any clock; empty for the system's.
-    std::chrono::milliseconds purgePeriod{60000};  ///< Between two purges.
-    std::chrono::milliseconds stopLimit{10000};    ///< How long Deinit waits for the thread.
-  };
-
-  static void Init();
-  static void Init(SSettings settings);
+  /// Idleness goes by platform::Clock(); the limits are for tests.
+  static void Init(std::chrono::milliseconds purgePeriod = std::chrono::milliseconds(60000),
+                   std::chrono::milliseconds stopLimit = std::chrono::milliseconds(10000));
   /// Ends the purge thread and drops every record. Files still in use close with their last holder.
   static void Deinit();
 
   /// The file at the location, opened for reading and writing, or for reading alone when that is refused (5). Throws
   /// win_sys_exc_t "Failed to open existing file [%1] for read/write access."
   static boost::shared_ptr<platform::file_t> GetFile(const platform::location_t& where, platform::files_t& files);
-  /// As above for any path of the host, confined to the folder it names.
+  /// As GetFile, and gives the failed open's number instead of throwing.
+  static platform::error_t TryGetFile(const platform::location_t& where, platform::files_t& files,
+                                      boost::shared_ptr<platform::file_t>& file);
+  /// As GetFile for any path of the host, confined to the folder it names.
   static boost::shared_ptr<platform::file_t> GetFile(const std::string& path);
   /// Drops the record of a path. The path may use `/` or `\`.
   static void Remove(const std::string& path);

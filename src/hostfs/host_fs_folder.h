@@ -66,8 +66,7 @@ class CHostFsFolder : public IFsFolder {
  private:
   boost::shared_ptr<IFsItem> FindChild(const std::string& name, const std::string& allowedHostAddr);
   boost::shared_ptr<IFsItem> MakeItem(const std::string& spelling, bool isFolder, const std::string& allowedHostAddr);
-  platform::location_t LocationOf(const std::string& name) const;
-  platform::location_t CurrentLocation() const;
+  std::string ChildPath(const std::string& name) const;
   bool RestoreRootFolder();
 
   const boost::shared_ptr<CHostFsNode> node_;

@@ -4,8 +4,11 @@
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "platform/files.h"
 
@@ -30,27 +33,41 @@ class CHostFsNode : public boost::enable_shared_from_this<CHostFsNode> {
   std::string Path() const;
   platform::files_t& Files() const;
 
-  /// Runs `call` with the location until it either does not end in "not found" (2, 3) or the node did not move
-  /// meanwhile. Gives 2 for a node that was replaced.
+  /// Runs `call` with the location (a shared pointer), again when it found nothing there (2, 3) because the node was
+  /// moved meanwhile. Gives 2 for a node that was replaced.
   template <typename Call>
-  platform::error_t AtLocation(const Call& call) const;
+  platform::error_t AtLocation(const Call& call) const {
+    boost::shared_ptr<const platform::location_t> location = Location();
+    while (location) {
+      const platform::error_t failure = call(location);
+      if (failure != platform::error::FileNotFound && failure != platform::error::PathNotFound) {
+        return failure;
+      }
+      boost::shared_ptr<const platform::location_t> present = LocationAfterRenames();
+      if (!present || present->Path() == location->Path()) {
+        return failure;
+      }
+      location = std::move(present);
+    }
+    return platform::error::FileNotFound;
+  }
 
-  /// Renames the entry on the host by `rename`, which gives an error number, and on success moves the nodes along.
-  /// Names are as the host spells them before, and as it spells them after.
-  template <typename Rename>
-  platform::error_t RenameChild(const std::string& oldName, const std::string& newName, const Rename& rename);
+  /// Renames an entry on the host by `rename`, which gives an error number, and on success moves the nodes along.
+  /// Names are as the host spells them: before, after, and of what is replaced (empty for nothing; its node then has
+  /// no location any more). `rename` must not ask nodes of this tree by AtLocation.
+  platform::error_t RenameChild(const std::string& oldName, const std::string& newName, const std::string& replacedName,
+                                const std::function<platform::error_t()>& rename);
 
  private:
-  friend class CHostFsTree;
   CHostFsNode(boost::shared_ptr<CHostFsTree> tree, boost::shared_ptr<CHostFsNode> parent, std::string name);
-  void Relink(const std::string& oldName, const std::string& newName);
+  void Relink(const std::string& oldName, const std::string& newName, const std::string& replacedName);
   boost::shared_ptr<const platform::location_t> LocationLocked() const;
   boost::shared_ptr<const platform::location_t> LocationAfterRenames() const;
 
   const boost::shared_ptr<CHostFsTree> tree_;
   const boost::shared_ptr<CHostFsNode> parent_;
 
-  // Guarded by the tree's lock.
+  // Guarded by the tree's lock. The location is kept until some rename in the tree makes it doubtful.
   std::string name_;
   bool isReplaced_ = false;
   std::unordered_map<std::string, boost::weak_ptr<CHostFsNode>> children_;

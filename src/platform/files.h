@@ -2,7 +2,6 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -74,7 +73,8 @@ struct disk_space_t {
 ///
 /// Whatever is asked of a location is resolved below its root: a link that leads out of it, absolute or by "..", is
 /// error 5. Names are found as they are spelled and, when there is no such entry, under the first entry in byte order
-/// that is equal without regard to ASCII case; that holds for the last component, those before it are exact.
+/// that is equal without regard to ASCII case; that holds for the last component, those before it are exact. What
+/// takes an entry away (DeleteFile, RemoveFolder, the source of Rename) wants it spelled as it is.
 class files_t {
  public:
   virtual ~files_t() = default;
@@ -103,9 +103,6 @@ class files_t {
   /// Of any path of the host, as the administrator writes it; not confined. A name that exists is 183.
   virtual error_t CreateFolderAt(const std::string& path) = 0;
   virtual error_t GetInfoAt(const std::string& path, WIN32_FILE_ATTRIBUTE_DATA& attributes) = 0;
-
-  /// Waits before a retry.
-  virtual void Sleep(std::chrono::milliseconds time) = 0;
 };
 
 /// The system's own. Lives as long as the process.

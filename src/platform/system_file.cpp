@@ -1,0 +1,103 @@
+#include "platform/system_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+namespace platform {
+namespace {
+
+bool IsOffset(std::uint64_t offset) {
+  return offset <= static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
+}
+
+timespec TimeOrOmit(const FILETIME* time) {
+  if (time != nullptr) {
+    return TimespecFromFiletime(*time);
+  }
+  timespec omitted{};
+  omitted.tv_nsec = UTIME_OMIT;
+  return omitted;
+}
+
+}  // namespace
+
+system_file_t::system_file_t(descriptor_t file, const file_id_t& id, file_access_t access)
+    : file_(std::move(file)), id_(id), access_(access) {}
+
+error_t system_file_t::Reserve(file_share_t share) {
+  return open_files_t::Instance().Reserve(id_, access_, share, reservation_);
+}
+
+error_t system_file_t::ReadAt(std::uint64_t offset, void* data, std::size_t length, std::size_t& outRead) {
+  outRead = 0;
+  if (!IsOffset(offset)) {
+    return error::InvalidParameter;
+  }
+  // The kernel refuses a range that ends past the last offset; there is nothing to read there.
+  const std::size_t within = std::min<std::uint64_t>(length, MaxOffset - offset);
+  for (;;) {
+    const ssize_t done = ::pread(file_.Get(), data, within, static_cast<off_t>(offset));
+    if (done >= 0) {
+      outRead = static_cast<std::size_t>(done);
+      return error::Success;
+    }
+    if (errno != EINTR) {
+      return LastError();
+    }
+  }
+}
+
+error_t system_file_t::WriteAt(std::uint64_t offset, const void* data, std::size_t length, std::size_t& outWritten) {
+  outWritten = 0;
+  if (access_ != file_access_t::ReadWrite) {
+    return error::AccessDenied;
+  }
+  if (!IsOffset(offset)) {
+    return error::InvalidParameter;
+  }
+  for (;;) {
+    const ssize_t done = ::pwrite(file_.Get(), data, length, static_cast<off_t>(offset));
+    if (done >= 0) {
+      outWritten = static_cast<std::size_t>(done);
+      return error::Success;
+    }
+    if (errno != EINTR) {
+      return LastError();
+    }
+  }
+}
+
+error_t system_file_t::GetSize(std::uint64_t& size) {
+  struct stat status {};
+  if (::fstat(file_.Get(), &status) != 0) {
+    return LastError();
+  }
+  size = static_cast<std::uint64_t>(status.st_size);
+  return error::Success;
+}
+
+error_t system_file_t::SetSize(std::uint64_t size) {
+  if (access_ != file_access_t::ReadWrite) {
+    return error::AccessDenied;
+  }
+  if (!IsOffset(size)) {
+    return error::InvalidParameter;
+  }
+  int result = 0;
+  do {
+    result = ::ftruncate(file_.Get(), static_cast<off_t>(size));
+  } while (result != 0 && errno == EINTR);
+  return result == 0 ? error::Success : LastError();
+}
+
+error_t system_file_t::SetTimes(const FILETIME* /*creation*/, const FILETIME* lastAccess, const FILETIME* lastWrite) {
+  const timespec times[2] = {TimeOrOmit(lastAccess), TimeOrOmit(lastWrite)};
+  return ::utimensat(file_.Get(), "", times, AT_EMPTY_PATH) == 0 ? error::Success : LastError();
+}
+
+}  // namespace platform
