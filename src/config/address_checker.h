@@ -42,10 +42,6 @@ class CAddressChecker : public IAddressChecker {
   bool IsEmpty() override;
   std::string ToString() override;
 
- protected:
-  /// Held by a derived class around its own steps.
-  std::recursive_mutex& Lock() noexcept { return lock_; }
-
  private:
   using entries_t = std::set<std::string, std::less<>>;
 

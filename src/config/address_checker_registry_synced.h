@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <mutex>
 #include <string>
 
 #include "config/address_checker.h"
@@ -20,4 +21,6 @@ class CAddressCheckerRegistrySynced : public CAddressChecker {
   void Store();
 
   const boost::shared_ptr<CRegConfigAddressList> regValue_;
+  /// Held for a whole change, so that the last list stored is the last one made. Nobody who asks waits for it.
+  std::mutex storeLock_;
 };

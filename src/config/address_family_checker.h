@@ -3,6 +3,7 @@
 
 #include <sys/socket.h>
 
+#include <compare>
 #include <cstdint>
 #include <set>
 
@@ -23,16 +24,16 @@ class CIPv4AddressFamilyChecker : public IAddressFamilyChecker {
   void AddAddress(const sockaddr* address, socklen_t length, std::uint32_t bits) override;
 
  private:
-  /// In network byte order.
+  /// In network byte order. Networks of one mask lie together in the set.
   struct SNetwork {
-    std::uint32_t network;
     std::uint32_t mask;
+    std::uint32_t network;
 
-    /// Networks that overlap are equal: what is covered already is not entered again.
-    bool operator<(const SNetwork& other) const noexcept {
-      return (network & mask & other.mask) < (other.network & mask & other.mask);
-    }
+    auto operator<=>(const SNetwork&) const = default;
   };
 
+  bool IsCovered(const SNetwork& entry) const;
+
+  /// None is covered by one that was entered before it.
   std::set<SNetwork> networks_;
 };
