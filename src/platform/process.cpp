@@ -1,0 +1,42 @@
+#include "platform/process.h"
+
+#include <limits.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <thread>
+
+namespace platform {
+
+std::uint32_t ProcessId() noexcept {
+  return static_cast<std::uint32_t>(::getpid());
+}
+
+std::uint32_t ThreadId() noexcept {
+  return static_cast<std::uint32_t>(::gettid());
+}
+
+void SetThreadName(std::string_view name) noexcept {
+  std::array<char, 16> text{};
+  name.copy(text.data(), text.size() - 1);
+  ::pthread_setname_np(::pthread_self(), text.data());
+}
+
+std::string ExecutablePath() {
+  std::array<char, PATH_MAX> path{};
+  const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
+  return length < 0 ? std::string() : std::string(path.data(), static_cast<std::size_t>(length));
+}
+
+std::uint32_t ProcessorCount() noexcept {
+  cpu_set_t set;
+  if (::sched_getaffinity(0, sizeof(set), &set) == 0)
+    return static_cast<std::uint32_t>(std::max(1, CPU_COUNT(&set)));
+  // More processors than the set can tell.
+  return std::max(1U, std::thread::hardware_concurrency());
+}
+
+}  // namespace platform
