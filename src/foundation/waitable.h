@@ -66,7 +66,6 @@ class waitable_t {
  private:
   struct sleeper_t;
   struct place_t;
-  friend struct sleeper_t;
 
   void WakeWatchers(std::size_t count, bool release) noexcept;
   void Enlist(place_t& place) noexcept;

@@ -1,0 +1,90 @@
+// A blocking IPv4 socket with exact lengths.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <boost/shared_ptr.hpp>
+#include <cstdint>
+#include <string>
+
+#include "foundation/io_dev.h"
+
+/// Calls of NonBlockingRead and NonBlockingWrite in the whole process, and the bytes that they moved.
+struct SSocketStatistics {
+  std::atomic<std::uint64_t> calls{0};
+  std::atomic<std::uint64_t> bytes{0};
+};
+
+/// One TCP or UDP socket, closed with the object. One thread may read while another one writes; all else is for one
+/// thread at a time. Failures are win_sys_exc_t with the WSA number, the peer's end of the stream is
+/// CCloseTCPConnection, and a receive that timed out is socket_timeout_exc_t. Never raises SIGPIPE.
+class CSocketIP : public io::INonBlockingIoDev {
+ public:
+  /// A new socket that is not connected. Throws "Cannot create socket".
+  explicit CSocketIP(bool tcp);
+  /// Takes over a descriptor.
+  CSocketIP(int socket, bool connected);
+  CSocketIP(const CSocketIP&) = delete;
+  CSocketIP& operator=(const CSocketIP&) = delete;
+  ~CSocketIP() override;
+
+  /// Moves all bytes. Each wait for the peer is limited to TimeoutSec() seconds; a send that timed out is
+  /// a runtime_exc_t.
+  std::uint64_t Read(void* data, std::uint64_t length) override;
+  std::uint64_t Write(const void* data, std::uint64_t length) override;
+  bool NonBlockingRead(void* data, std::uint64_t length, std::uint64_t& outCount) override;
+  bool NonBlockingWrite(const void* data, std::uint64_t length, std::uint64_t& outCount) override;
+
+  /// address: dotted.
+  void Connect(const std::string& address, std::uint16_t port);
+  /// To all interfaces. Throws "Cannot bind socket".
+  void Bind(std::uint16_t port);
+  /// A new connection's descriptor, the caller's to own.
+  int Accept();
+  /// True lets the system collect small sends.
+  void SetDelay(bool delay);
+
+  /// All bytes, through the second device when one is set. timeoutSec: seconds, 0 for no limit.
+  void Send(const void* data, std::uint64_t length, std::uint32_t timeoutSec = 0);
+  void Recv(void* data, std::uint64_t length);
+  void Recv(void* data, std::uint64_t length, std::uint32_t timeoutSec);
+
+  /// One datagram, without a limit of time: its length, and who sent it. An empty one is CCloseTCPConnection.
+  std::uint64_t ReceiveFrom(void* data, std::uint64_t length, sockaddr_in& address);
+  /// One datagram; the bytes that were sent.
+  std::uint64_t SendTo(const void* data, std::uint64_t length, const sockaddr_in& address);
+
+  /// Any number of times.
+  void Close() noexcept;
+
+  /// Devices in place of the socket. Send and Recv use the second, when it is set.
+  void SetDevices(boost::shared_ptr<io::io_dev_t> first, boost::shared_ptr<io::io_dev_t> second);
+  /// "n/a" until connected.
+  const std::string& RemoteName() const noexcept { return remoteName_; }
+  std::uint32_t TimeoutSec() const noexcept { return timeoutSec_.load(std::memory_order_relaxed); }
+  void SetTimeoutSec(std::uint32_t seconds) noexcept { timeoutSec_.store(seconds, std::memory_order_relaxed); }
+  /// -1 when closed.
+  int Socket() const noexcept { return socket_; }
+  bool IsConnected() const noexcept { return connected_; }
+  /// True, the default, ends the stream for the peer at Close.
+  void SetCloseGracefully(bool gracefully) noexcept { closeGracefully_ = gracefully; }
+
+  static SSocketStatistics& Statistics() noexcept;
+
+ private:
+  void WaitToRead();
+  void WaitToWrite();
+
+  boost::shared_ptr<io::io_dev_t> firstDevice_;
+  boost::shared_ptr<io::io_dev_t> secondDevice_;
+  std::string remoteName_ = "n/a";
+  /// Written by reader and writer.
+  std::atomic<std::uint32_t> timeoutSec_{0};
+  int socket_ = -1;
+  bool connected_ = false;
+  bool closeGracefully_ = true;
+};
+
+/// "a.b.c.d:port".
+std::string SocketAddressText(const sockaddr_in& address);
