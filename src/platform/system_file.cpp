@@ -11,8 +11,10 @@
 namespace platform {
 namespace {
 
+constexpr std::uint64_t MaxOffset = std::numeric_limits<off_t>::max();
+
 bool IsOffset(std::uint64_t offset) {
-  return offset <= static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
+  return offset <= MaxOffset;
 }
 
 timespec TimeOrOmit(const FILETIME* time) {

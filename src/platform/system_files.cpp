@@ -321,10 +321,6 @@ error_t system_files_t::GetInfoAt(const std::string& path, WIN32_FILE_ATTRIBUTE_
   return failure;
 }
 
-void system_files_t::Sleep(std::chrono::milliseconds time) {
-  std::this_thread::sleep_for(time);
-}
-
 files_t& SystemFiles() {
   static system_files_t* const files = new system_files_t;  // Used by items that other statics may still hold.
   return *files;
