@@ -1,7 +1,6 @@
 #include "service/udp_log_receiver.h"
 
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -15,8 +14,8 @@
 #include "foundation/exc.h"
 #include "foundation/log.h"
 #include "foundation/log_setup.h"
-#include "platform/location.h"
 #include "platform/text.h"
+#include "transports/sockets/socket_ip.h"
 
 namespace {
 
@@ -26,17 +25,6 @@ constexpr std::uint32_t LargestPort = 65535;
 [[noreturn]] void ThrowSocketError(const char* text) {
   const platform::error_t error = platform::SocketErrorFromErrno(errno);
   throw exc::win_sys_exc_t(text, error);
-}
-
-platform::descriptor_t BindSocket(std::uint16_t port) {
-  platform::descriptor_t socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
-  address.sin_port = htons(port);
-  if (!socket.IsOpen() || ::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
-    ThrowSocketError("Cannot bind socket");
-  return socket;
 }
 
 struct file_closer_t {
@@ -95,14 +83,15 @@ CUdpLogReceiverCfg ReadUdpLogReceiverCfg(const CCommandLine& commandLine) {
 }
 
 void RunUdpLogReceiver(const CUdpLogReceiverCfg& cfg) {
-  const platform::descriptor_t socket = BindSocket(cfg.port);
+  CSocketIP socket(false);
+  socket.Bind(cfg.port);
   const output_t output = OpenOutput(cfg.logPath);
   if (output == nullptr)
     return;
   for (;;) {
     std::string datagram;
-    if (WaitReadable(socket.Get()))
-      datagram = ReceivePending(socket.Get());
+    if (WaitReadable(socket.Socket()))
+      datagram = ReceivePending(socket.Socket());
     if (datagram.empty())
       std::fflush(output.get());
     else

@@ -14,7 +14,8 @@ class TempDir {
  public:
   TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "kelvo-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    if (::mkdtemp(pattern.data()) == nullptr)
+      throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
   }
   TempDir(const TempDir&) = delete;
@@ -36,7 +37,8 @@ class TempDir {
 class ScopedEnvironment {
  public:
   ScopedEnvironment(std::string name, const std::string& value) : name_(std::move(name)) {
-    if (const char* old = std::getenv(name_.c_str())) old_ = old;
+    if (const char* old = std::getenv(name_.c_str()))
+      old_ = old;
     ::setenv(name_.c_str(), value.c_str(), 1);
   }
   ScopedEnvironment(const ScopedEnvironment&) = delete;
