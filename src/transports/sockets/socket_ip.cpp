@@ -12,6 +12,9 @@
 #include <thread>
 #include <utility>
 
+#include "foundation/exc.h"
+#include "transports/sockets/close_tcp_connection.h"
+
 namespace {
 
 [[noreturn]] void ThrowSocketError(const std::string& text, int errnoValue = errno) {
@@ -41,22 +44,23 @@ wait_t WaitFor(int socket, short events, std::uint32_t timeoutSec) {
   }
 }
 
-std::string NameOf(const sockaddr_in& address) {
-  char text[INET_ADDRSTRLEN] = {};
-  inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-  return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
-}
-
 const sockaddr* Generic(const sockaddr_in& address) {
   return reinterpret_cast<const sockaddr*>(&address);
+}
+
+/// Adds a non-blocking call to the statistics; keeps errno.
+void Count(ssize_t result) {
+  SSocketStatistics& statistics = CSocketIP::Statistics();
+  statistics.calls.fetch_add(1, std::memory_order_relaxed);
+  if (result > 0)
+    statistics.bytes.fetch_add(static_cast<std::uint64_t>(result), std::memory_order_relaxed);
 }
 
 constexpr std::chrono::milliseconds WouldBlockPause{1000};
 
 }  // namespace
 
-CSocketIP::CSocketIP(protocol_t protocol) {
-  const bool tcp = protocol == protocol_t::Tcp;
+CSocketIP::CSocketIP(bool tcp) {
   socket_ = socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, tcp ? IPPROTO_TCP : IPPROTO_UDP);
   if (socket_ < 0)
     ThrowSocketError("Cannot create socket");
@@ -66,7 +70,7 @@ CSocketIP::CSocketIP(int socket, bool connected) : socket_(socket), connected_(c
   sockaddr_in peer{};
   socklen_t length = sizeof peer;
   if (connected && getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) == 0 && peer.sin_family == AF_INET)
-    remoteName_ = NameOf(peer);
+    remoteName_ = SocketAddressText(peer);
 }
 
 CSocketIP::~CSocketIP() {
@@ -87,7 +91,7 @@ void CSocketIP::Connect(const std::string& address, std::uint16_t port) {
     throw failure;
   }
   connected_ = true;
-  remoteName_ = NameOf(target);
+  remoteName_ = SocketAddressText(target);
 }
 
 void CSocketIP::Bind(std::uint16_t port) {
@@ -112,25 +116,25 @@ void CSocketIP::SetDelay(bool delay) {
     ThrowSocketError("setsockopt failed to set TCP_NODELAY");
 }
 
-void CSocketIP::Send(const void* data, std::size_t length, std::uint32_t timeoutSec) {
-  timeoutSec_ = timeoutSec;
+void CSocketIP::Send(const void* data, std::uint64_t length, std::uint32_t timeoutSec) {
+  SetTimeoutSec(timeoutSec);
   const std::uint64_t sent = secondDevice_ ? secondDevice_->Write(data, length) : Write(data, length);
   if (sent != length)
     throw exc::runtime_exc_t("CSosketIP::Send has failed.");
 }
 
-void CSocketIP::Recv(void* data, std::size_t length) {
+void CSocketIP::Recv(void* data, std::uint64_t length) {
   const std::uint64_t received = secondDevice_ ? secondDevice_->Read(data, length) : Read(data, length);
   if (received != length)
     throw exc::runtime_exc_t("CSosketIP::Recv has failed.");
 }
 
-void CSocketIP::Recv(void* data, std::size_t length, std::uint32_t timeoutSec) {
-  timeoutSec_ = timeoutSec;
+void CSocketIP::Recv(void* data, std::uint64_t length, std::uint32_t timeoutSec) {
+  SetTimeoutSec(timeoutSec);
   Recv(data, length);
 }
 
-std::size_t CSocketIP::ReceiveFrom(void* data, std::size_t length, sockaddr_in& address) {
+std::uint64_t CSocketIP::ReceiveFrom(void* data, std::uint64_t length, sockaddr_in& address) {
   if (WaitFor(socket_, POLLIN, 0) != wait_t::Ready)
     ThrowSocketError("Select error.");
   socklen_t addressLength = sizeof address;
@@ -139,14 +143,33 @@ std::size_t CSocketIP::ReceiveFrom(void* data, std::size_t length, sockaddr_in& 
     ThrowSocketError("Connection aborted.");
   if (count == 0)
     throw CCloseTCPConnection();
-  return static_cast<std::size_t>(count);
+  return static_cast<std::uint64_t>(count);
 }
 
-void CSocketIP::SendTo(const void* data, std::size_t length, const sockaddr_in& address) {
+std::uint64_t CSocketIP::SendTo(const void* data, std::uint64_t length, const sockaddr_in& address) {
   if (WaitFor(socket_, POLLOUT, 0) != wait_t::Ready)
     ThrowSocketError("Select error in SendTo().");
-  if (sendto(socket_, data, length, MSG_NOSIGNAL, Generic(address), sizeof address) < 0)
+  const ssize_t count = sendto(socket_, data, length, MSG_NOSIGNAL, Generic(address), sizeof address);
+  if (count < 0)
     ThrowSocketError("Connection aborted in SendTo().");
+  return static_cast<std::uint64_t>(count);
+}
+
+void CSocketIP::WaitToRead() {
+  const std::uint32_t limit = TimeoutSec();
+  const wait_t wait = WaitFor(socket_, POLLIN, limit);
+  if (wait == wait_t::Failed)
+    ThrowSocketError("Select error in  CSocketIP::Read.");
+  if (wait == wait_t::TimedOut)
+    throw exc::socket_timeout_exc_t("Socket recv operation timed out (%1 sec).", limit);
+}
+
+void CSocketIP::WaitToWrite() {
+  const wait_t wait = WaitFor(socket_, POLLOUT, TimeoutSec());
+  if (wait == wait_t::Failed)
+    ThrowSocketError("Select error in  CSocketIP::Write.");
+  if (wait == wait_t::TimedOut)
+    throw exc::runtime_exc_t("Timed out in socket send operation.");
 }
 
 std::uint64_t CSocketIP::Read(void* data, std::uint64_t length) {
@@ -155,11 +178,7 @@ std::uint64_t CSocketIP::Read(void* data, std::uint64_t length) {
   auto* place = static_cast<char*>(data);
   std::uint64_t left = length;
   while (left > 0) {
-    const wait_t wait = WaitFor(socket_, POLLIN, timeoutSec_);
-    if (wait == wait_t::Failed)
-      ThrowSocketError("Select error in  CSocketIP::Read.");
-    if (wait == wait_t::TimedOut)
-      throw exc::socket_timeout_exc_t("Socket recv operation timed out (%1 sec).", timeoutSec_);
+    WaitToRead();
     const ssize_t count = recv(socket_, place, left, 0);
     if (count > 0) {
       place += count;
@@ -181,13 +200,9 @@ std::uint64_t CSocketIP::Write(const void* data, std::uint64_t length) {
   const auto* place = static_cast<const char*>(data);
   std::uint64_t left = length;
   while (left > 0) {
-    const wait_t wait = WaitFor(socket_, POLLOUT, timeoutSec_);
-    if (wait == wait_t::Failed)
-      ThrowSocketError("Select error in  CSocketIP::Write.");
-    if (wait == wait_t::TimedOut)
-      throw exc::runtime_exc_t("Timed out in socket send operation.");
+    WaitToWrite();
     // A send that waited inside the kernel would not be bound by the limit.
-    const int flags = MSG_NOSIGNAL | (timeoutSec_ != 0 ? MSG_DONTWAIT : 0);
+    const int flags = MSG_NOSIGNAL | (TimeoutSec() != 0 ? MSG_DONTWAIT : 0);
     const ssize_t count = send(socket_, place, left, flags);
     if (count > 0) {
       place += count;
@@ -205,6 +220,7 @@ std::uint64_t CSocketIP::Write(const void* data, std::uint64_t length) {
 
 bool CSocketIP::NonBlockingRead(void* data, std::uint64_t length, std::uint64_t& outCount) {
   const ssize_t count = recv(socket_, data, length, MSG_DONTWAIT);
+  Count(count);
   if (count > 0) {
     outCount = static_cast<std::uint64_t>(count);
     return true;
@@ -218,6 +234,7 @@ bool CSocketIP::NonBlockingRead(void* data, std::uint64_t length, std::uint64_t&
 
 bool CSocketIP::NonBlockingWrite(const void* data, std::uint64_t length, std::uint64_t& outCount) {
   const ssize_t count = send(socket_, data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+  Count(count);
   if (count >= 0) {
     outCount = static_cast<std::uint64_t>(count);
     return true;
@@ -242,4 +259,10 @@ void CSocketIP::Close() noexcept {
 void CSocketIP::SetDevices(boost::shared_ptr<io::io_dev_t> first, boost::shared_ptr<io::io_dev_t> second) {
   firstDevice_ = std::move(first);
   secondDevice_ = std::move(second);
+}
+
+std::string SocketAddressText(const sockaddr_in& address) {
+  char text[INET_ADDRSTRLEN] = {};
+  inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+  return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
 }

@@ -8,7 +8,11 @@
 #include <thread>
 #include <vector>
 
-#include "transports/sockets/socket_io_devs.h"
+#include "foundation/exc.h"
+#include "transports/sockets/close_tcp_connection.h"
+#include "transports/sockets/fast_socket_io_dev.h"
+#include "transports/sockets/socket_ip_dev.h"
+#include "transports/sockets/socket_rpc_stream.h"
 
 namespace {
 
@@ -41,7 +45,7 @@ class CSocketPairTest : public testing::Test {
  protected:
   CSocketPairTest() {
     CListener listener;
-    client_ = boost::make_shared<CSocketIP>(CSocketIP::protocol_t::Tcp);
+    client_ = boost::make_shared<CSocketIP>(true);
     client_->Connect("127.0.0.1", listener.Port());
     server_ = listener.Accept();
   }
@@ -76,7 +80,7 @@ TEST_F(CSocketPairTest, RecvWaitsForAllBytes) {
 }
 
 TEST_F(CSocketPairTest, RemoteNameIsThePeersAddressOnceConnected) {
-  EXPECT_EQ(CSocketIP(CSocketIP::protocol_t::Tcp).RemoteName(), "n/a");
+  EXPECT_EQ(CSocketIP(true).RemoteName(), "n/a");
   EXPECT_EQ(client_->RemoteName().rfind("127.0.0.1:", 0), 0U);
   EXPECT_EQ(server_->RemoteName().rfind("127.0.0.1:", 0), 0U);
 }
@@ -118,7 +122,7 @@ TEST_F(CSocketPairTest, APeerThatDoesNotReadRunsOutOfTimeWithAPlainFailure) {
 
 TEST_F(CSocketPairTest, AResetIsAnErrorWithItsNumber) {
   const linger reset{1, 0};
-  setsockopt(client_->Handle(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+  setsockopt(client_->Socket(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
   client_->SetCloseGracefully(false);
   client_->Close();
   char byte = 0;
@@ -149,12 +153,12 @@ TEST_F(CSocketPairTest, NonBlockingCallsSayWhenTheyWouldWait) {
 TEST_F(CSocketPairTest, CloseIsIdempotent) {
   client_->Close();
   client_->Close();
-  EXPECT_EQ(client_->Handle(), -1);
+  EXPECT_EQ(client_->Socket(), -1);
   EXPECT_FALSE(client_->IsConnected());
 }
 
 TEST(CSocketIPTest, TransfersNeedAConnection) {
-  CSocketIP socket(CSocketIP::protocol_t::Tcp);
+  CSocketIP socket(true);
   char byte = 0;
   try {
     socket.Recv(&byte, 1);
@@ -176,7 +180,7 @@ TEST(CSocketIPTest, AConnectionThatIsRefusedTellsItsCodeTwice) {
     CListener listener;
     port = listener.Port();
   }
-  CSocketIP socket(CSocketIP::protocol_t::Tcp);
+  CSocketIP socket(true);
   try {
     socket.Connect("127.0.0.1", port);
     FAIL();
@@ -189,19 +193,19 @@ TEST(CSocketIPTest, AConnectionThatIsRefusedTellsItsCodeTwice) {
 }
 
 TEST(CSocketIPTest, ATextThatIsNoAddressIsRefused) {
-  CSocketIP socket(CSocketIP::protocol_t::Tcp);
+  CSocketIP socket(true);
   EXPECT_THROW(socket.Connect("localhost", 1), exc::win_sys_exc_t);
 }
 
 TEST(CSocketIPTest, DatagramsCarryTheirSource) {
-  CSocketIP receiver(CSocketIP::protocol_t::Udp);
+  CSocketIP receiver(false);
   receiver.Bind(0);
   sockaddr_in target{};
   socklen_t length = sizeof target;
-  getsockname(receiver.Handle(), reinterpret_cast<sockaddr*>(&target), &length);
+  getsockname(receiver.Socket(), reinterpret_cast<sockaddr*>(&target), &length);
   target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
 
-  CSocketIP sender(CSocketIP::protocol_t::Udp);
+  CSocketIP sender(false);
   sender.SendTo("datagram", 8, target);
   char buffer[64];
   sockaddr_in source{};
@@ -215,12 +219,12 @@ TEST(CSocketIPTest, DatagramsCarryTheirSource) {
 }
 
 TEST(CSocketIPTest, APortThatIsTakenIs10048) {
-  CSocketIP first(CSocketIP::protocol_t::Udp);
+  CSocketIP first(false);
   first.Bind(0);
   sockaddr_in address{};
   socklen_t length = sizeof address;
-  getsockname(first.Handle(), reinterpret_cast<sockaddr*>(&address), &length);
-  CSocketIP second(CSocketIP::protocol_t::Udp);
+  getsockname(first.Socket(), reinterpret_cast<sockaddr*>(&address), &length);
+  CSocketIP second(false);
   try {
     second.Bind(ntohs(address.sin_port));
     FAIL();
@@ -270,6 +274,24 @@ TEST(CFastSocketIoDevTest, ADestructorThatCannotWriteDoesNotThrow) {
     device->fails = true;
   }
   EXPECT_TRUE(device->writes.empty());
+}
+
+TEST_F(CSocketPairTest, AnRpcStreamPassesOnToItsSocket) {
+  CSocketRpcStream stream(client_);
+  stream.Send("call", 4);
+  std::string got(4, '\0');
+  server_->Recv(got.data(), 4);
+  EXPECT_EQ(got, "call");
+  EXPECT_THROW(stream.Recv(got.data(), 4, 1), exc::socket_timeout_exc_t);
+}
+
+TEST_F(CSocketPairTest, NonBlockingCallsAreCounted) {
+  const std::uint64_t calls = CSocketIP::Statistics().calls;
+  const std::uint64_t bytes = CSocketIP::Statistics().bytes;
+  std::uint64_t count = 0;
+  client_->NonBlockingWrite("0123", 4, count);
+  EXPECT_EQ(CSocketIP::Statistics().calls, calls + 1);
+  EXPECT_EQ(CSocketIP::Statistics().bytes, bytes + 4);
 }
 
 TEST_F(CSocketPairTest, SocketDevMovesAllBytes) {

@@ -1,22 +1,10 @@
-#include "transports/sockets/socket_io_devs.h"
+#include "transports/sockets/fast_socket_io_dev.h"
 
 #include <algorithm>
 #include <cstring>
 #include <utility>
 
 #include "foundation/log.h"
-
-CSocketIPDev::CSocketIPDev(boost::shared_ptr<CSocketIP> socket) : socket_(std::move(socket)) {}
-
-std::uint64_t CSocketIPDev::Write(const void* data, std::uint64_t length) {
-  socket_->Send(data, length, 0);
-  return length;
-}
-
-std::uint64_t CSocketIPDev::Read(void* data, std::uint64_t length) {
-  socket_->Recv(data, length, 0);
-  return length;
-}
 
 namespace io::net {
 
