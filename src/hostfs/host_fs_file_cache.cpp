@@ -1,0 +1,331 @@
+#include "hostfs/host_fs_file_cache.h"
+
+#include <algorithm>
+#include <boost/make_shared.hpp>
+#include <boost/smart_ptr/atomic_shared_ptr.hpp>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "foundation/exc.h"
+#include "foundation/log.h"
+#include "foundation/thread.h"
+#include "hostfs/files_access_permissions.h"
+#include "platform/clock.h"
+#include "platform/text.h"
+
+namespace {
+
+using file_ptr_t = boost::shared_ptr<platform::file_t>;
+
+constexpr std::uint64_t IdleLimitMilliseconds = 3 * 60 * 1000;
+
+/// One file kept open. Its end is logged, so it is never destroyed under the lock.
+class CHostFsFileHandleCacheRecord {
+ public:
+  CHostFsFileHandleCacheRecord(std::string ownKey, file_ptr_t ownFile, std::string root)
+      : key(std::move(ownKey)), file(std::move(ownFile)), roots{std::move(root)} {}
+  CHostFsFileHandleCacheRecord(const CHostFsFileHandleCacheRecord&) = delete;
+  CHostFsFileHandleCacheRecord& operator=(const CHostFsFileHandleCacheRecord&) = delete;
+  ~CHostFsFileHandleCacheRecord() { g_nfs_log.Info("[HostFsFileCache] Del record '%1'", key); }
+
+  const std::string key;
+  const file_ptr_t file;
+  std::uint64_t lastUse = 0;       // Milliseconds of platform::Clock().
+  std::vector<std::string> roots;  // Below which of them the path was found to lead to this file.
+};
+using record_ptr_t = boost::shared_ptr<CHostFsFileHandleCacheRecord>;
+using dropped_t = std::vector<record_ptr_t>;
+
+std::string MakeKey(std::string_view path) {
+  std::string key(path);
+  std::replace(key.begin(), key.end(), '\\', '/');
+  return key;
+}
+
+/// All of the cache between Init and Deinit. A purge thread that does not end keeps it alive.
+struct SCacheState {
+  using records_t = std::map<std::string, record_ptr_t, std::less<>>;
+
+  std::mutex lock;  // Guards the records, their last use and roots, and isClosed.
+  records_t records;
+  bool isClosed = false;
+
+  std::mutex stopLock;  // Guards the rest.
+  std::condition_variable stopChanged;
+  bool isStopping = false;
+  bool hasEnded = false;
+  bool isAbandoned = false;  // Deinit went on; the thread clears up after itself.
+  std::unique_ptr<synch::thread_t> purgeThread;
+
+  std::chrono::milliseconds purgePeriod{};  // Constant.
+  std::chrono::milliseconds stopLimit{};
+
+  records_t::iterator Drop(records_t::iterator record, dropped_t& dropped) {
+    dropped.push_back(record->second);
+    record->second->file->ReleaseShare();
+    return records.erase(record);
+  }
+
+  template <typename Predicate>
+  void DropIf(const Predicate& isUnwanted, dropped_t& dropped) {
+    for (auto record = records.begin(); record != records.end();) {
+      record = isUnwanted(*record->second) ? Drop(record, dropped) : std::next(record);
+    }
+  }
+};
+
+boost::atomic_shared_ptr<SCacheState> cacheState;
+
+[[noreturn]] void ThrowNoLock() {
+  throw exc::runtime_exc_t("Failed to synchronize {null} object");
+}
+
+boost::shared_ptr<SCacheState> State() {
+  boost::shared_ptr<SCacheState> state = cacheState.load();
+  if (!state) {
+    ThrowNoLock();
+  }
+  return state;
+}
+
+class CCacheLock {
+ public:
+  explicit CCacheLock(SCacheState& state) : lock_(state.lock) {
+    if (state.isClosed) {
+      ThrowNoLock();
+    }
+  }
+
+ private:
+  const std::lock_guard<std::mutex> lock_;
+};
+
+platform::error_t OpenFile(const platform::location_t& where, platform::files_t& files, file_ptr_t& file) {
+  security::FilesAccessPermissions().CheckAccess(where.Path());
+  platform::file_request_t request;
+  const platform::error_t failure = files.Open(where, request, file);
+  if (failure != platform::error::AccessDenied) {
+    return failure;
+  }
+  // Files and media that cannot be written can still be read.
+  request.access = platform::file_access_t::Read;
+  return files.Open(where, request, file);
+}
+
+/// Whether the record may serve a caller who is confined to another root than those so far: the path must lead to the
+/// same file without leaving that one.
+platform::error_t CheckRoot(CHostFsFileHandleCacheRecord& record, const platform::location_t& where,
+                            platform::files_t& files, bool& isSame) {
+  const std::string& root = where.Root().Path();
+  isSame = std::find(record.roots.begin(), record.roots.end(), root) != record.roots.end();
+  if (isSame) {
+    return platform::error::Success;
+  }
+  platform::file_info_t info;
+  const platform::error_t failure = files.GetInfo(where, info);
+  isSame = failure == platform::error::Success && info.id == record.file->Id();
+  if (isSame) {
+    record.roots.push_back(root);
+  }
+  return failure;
+}
+
+void PurgeState(SCacheState& state) {
+  dropped_t dropped;
+  const std::lock_guard<std::mutex> lock(state.lock);
+  const std::uint64_t now = platform::Clock().MonotonicMilliseconds();
+  state.DropIf(
+      [now](const CHostFsFileHandleCacheRecord& record) {
+        return (now > record.lastUse ? now - record.lastUse : record.lastUse - now) >= IdleLimitMilliseconds;
+      },
+      dropped);
+}
+
+void RunPurgeThread(const boost::shared_ptr<SCacheState>& state) {
+  try {
+    g_nfs_log.Info("[HostFsFileCache] Purge thread started");
+    for (;;) {
+      {
+        std::unique_lock<std::mutex> lock(state->stopLock);
+        if (state->stopChanged.wait_for(lock, state->purgePeriod, [&state] { return state->isStopping; })) {
+          break;
+        }
+      }
+      PurgeState(*state);
+    }
+    g_nfs_log.Info("[HostFsFileCache] Purge thread terminated");
+  } catch (const std::exception& exception) {
+    g_nfs_log.Error("[HostFsFileCache] Purge thread finished unexpectedly", exception);
+  }
+  std::unique_ptr<synch::thread_t> own;
+  const std::lock_guard<std::mutex> lock(state->stopLock);
+  state->hasEnded = true;
+  if (state->isAbandoned) {
+    own = std::move(state->purgeThread);
+  }
+}
+
+void StopPurgeThread(SCacheState& state) {
+  {
+    const std::lock_guard<std::mutex> lock(state.stopLock);
+    state.isStopping = true;
+    state.stopChanged.notify_all();
+  }
+  const bool isJoined = state.purgeThread->WaitFor(static_cast<std::uint32_t>(state.stopLimit.count()));
+  std::unique_ptr<synch::thread_t> ended;
+  const std::lock_guard<std::mutex> lock(state.stopLock);
+  if (isJoined || state.hasEnded) {
+    ended = std::move(state.purgeThread);
+  } else {
+    state.isAbandoned = true;
+  }
+}
+
+}  // namespace
+
+void HostFsFileCache::Init(std::chrono::milliseconds purgePeriod, std::chrono::milliseconds stopLimit) {
+  if (cacheState.load()) {
+    Deinit();
+  }
+  const auto state = boost::make_shared<SCacheState>();
+  state->purgePeriod = purgePeriod;
+  state->stopLimit = stopLimit;
+  state->purgeThread =
+      std::make_unique<synch::thread_t>("HostFs File Cache Purge Thread", [state] { RunPurgeThread(state); });
+  cacheState.store(state);
+  g_nfs_log.Info("[HostFsFileCache] Cache initialized");
+}
+
+void HostFsFileCache::Deinit() {
+  const boost::shared_ptr<SCacheState> state = cacheState.exchange(nullptr);
+  if (!state) {
+    return;
+  }
+  StopPurgeThread(*state);
+  dropped_t dropped;
+  {
+    const std::lock_guard<std::mutex> lock(state->lock);
+    state->isClosed = true;
+    state->DropIf([](const CHostFsFileHandleCacheRecord&) { return true; }, dropped);
+  }
+  dropped.clear();
+  g_nfs_log.Info("[HostFsFileCache] Cache deinitialized");
+}
+
+platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where, platform::files_t& files,
+                                              file_ptr_t& file) {
+  const boost::shared_ptr<SCacheState> state = State();
+  const std::string& path = where.Path();
+  const bool isKey = path.find('\\') == std::string::npos;
+  const std::string ownKey = isKey ? std::string() : MakeKey(path);
+  const std::string& key = isKey ? path : ownKey;
+  dropped_t dropped;
+  {
+    const CCacheLock lock(*state);
+    auto found = state->records.find(key);
+    if (found != state->records.end()) {
+      bool isSame = false;
+      if (const platform::error_t failure = CheckRoot(*found->second, where, files, isSame);
+          failure != platform::error::Success) {
+        return failure;
+      }
+      if (!isSame) {
+        state->Drop(found, dropped);
+        found = state->records.end();
+      }
+    }
+    if (found != state->records.end()) {
+      found->second->lastUse = platform::Clock().MonotonicMilliseconds();
+      file = found->second->file;
+      return platform::error::Success;
+    }
+    if (const platform::error_t failure = OpenFile(where, files, file); failure != platform::error::Success) {
+      return failure;
+    }
+    const auto record = boost::make_shared<CHostFsFileHandleCacheRecord>(key, file, where.Root().Path());
+    record->lastUse = platform::Clock().MonotonicMilliseconds();
+    state->records.emplace(key, record);
+  }
+  g_nfs_log.Info("[HostFsFileCache] Add record '%1'", key);
+  return platform::error::Success;
+}
+
+file_ptr_t HostFsFileCache::GetFile(const platform::location_t& where, platform::files_t& files) {
+  file_ptr_t file;
+  if (const platform::error_t failure = TryGetFile(where, files, file); failure != platform::error::Success) {
+    throw exc::win_sys_exc_t(exc::FormatText("Failed to open existing file [%1] for read/write access.", where.Path()),
+                             failure);
+  }
+  return file;
+}
+
+file_ptr_t HostFsFileCache::GetFile(const std::string& path) {
+  const std::string normalized = platform::NormalizePath(path);
+  const std::size_t separator = normalized.rfind('/');
+  const std::string folder = separator == std::string::npos ? std::string(".") : normalized.substr(0, separator + 1);
+  const std::string name = separator == std::string::npos ? normalized : normalized.substr(separator + 1);
+  return GetFile(platform::location_t(boost::make_shared<platform::root_folder_t>(folder), name),
+                 platform::SystemFiles());
+}
+
+void HostFsFileCache::Remove(const std::string& path) {
+  const boost::shared_ptr<SCacheState> state = State();
+  dropped_t dropped;
+  const CCacheLock lock(*state);
+  if (const auto found = state->records.find(MakeKey(path)); found != state->records.end()) {
+    state->Drop(found, dropped);
+  }
+}
+
+void HostFsFileCache::RemoveSubtree(const std::string& path) {
+  const boost::shared_ptr<SCacheState> state = State();
+  std::string folder = MakeKey(path);
+  if (!folder.ends_with('/')) {
+    folder += '/';
+  }
+  dropped_t dropped;
+  const CCacheLock lock(*state);
+  state->DropIf(
+      [&folder](const CHostFsFileHandleCacheRecord& record) {
+        return record.key.size() >= folder.size() &&
+               platform::EqualIgnoringCase(std::string_view(record.key).substr(0, folder.size()), folder);
+      },
+      dropped);
+}
+
+platform::error_t HostFsFileCache::CreateOver(const platform::location_t& where, platform::files_t& files,
+                                              const std::function<platform::error_t()>& create) {
+  const boost::shared_ptr<SCacheState> state = State();
+  dropped_t dropped;
+  const CCacheLock lock(*state);
+  if (const auto found = state->records.find(MakeKey(where.Path())); found != state->records.end()) {
+    state->Drop(found, dropped);
+  }
+  for (;;) {
+    const platform::error_t failure = create();
+    platform::file_info_t info;
+    if (failure != platform::error::SharingViolation || files.GetInfo(where, info) != platform::error::Success) {
+      return failure;
+    }
+    const std::size_t before = dropped.size();
+    state->DropIf([&info](const CHostFsFileHandleCacheRecord& record) { return record.file->Id() == info.id; },
+                  dropped);
+    if (dropped.size() == before) {
+      return failure;
+    }
+  }
+}
+
+void HostFsFileCache::Purge() {
+  PurgeState(*State());
+}
+
+std::size_t HostFsFileCache::RecordCount() {
+  const boost::shared_ptr<SCacheState> state = State();
+  const CCacheLock lock(*state);
+  return state->records.size();
+}
