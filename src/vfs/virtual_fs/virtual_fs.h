@@ -6,9 +6,9 @@
 #include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <exception>
 #include <mutex>
 #include <string>
-#include <string_view>
 
 #include "platform/guid.h"
 #include "vfs/items/fs_item.h"
@@ -26,7 +26,6 @@ struct CNfsShareCfg;
 struct SRegConfigData;
 
 struct nfs_fh3;
-struct sattr3;
 struct ACCESS3args;
 struct ACCESS3res;
 struct GETATTR3args;
@@ -130,29 +129,34 @@ class CVirtualFs {
   // Start and resumption.
   void Initialize();
   void ResumeShares(const SRegConfigData& catalogue);
+  void ResumeShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, const SRegConfigData& catalogue);
   void MountShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, std::uint64_t fid);
   void ClearStaleItems(const SRegConfigData& catalogue);
   void CheckNotLocked() const;
 
-  // Steps that several operations share. All throw.
+  // Steps that several operations share. All throw unless told otherwise.
   std::uint64_t FindChild(std::uint64_t parentFid, const std::string& name);
-  std::string MakeSubfolder(std::uint64_t parentFid, const std::string& name, const std::string& allowedHostAddr,
-                            IFsFolder& folder, std::uint64_t& fid);
-  void ApplyAttributes(IFsItem& item, const sattr3& attributes);
+  std::uint64_t MakeSubfolder(IFsFolder& folder, std::uint64_t parentFid, const std::string& name,
+                              const std::string& allowedHostAddr);
+  void RenameEntry(const RENAME3args& args, const sockaddr_in& client, std::uint64_t fromDir, std::uint64_t toDir);
   boost::shared_ptr<CNfsFolderDirPlusCache> RefreshDirListing(std::uint64_t folderFid);
   boost::shared_ptr<CNfsFolderDirPlusCache> FilterListing(const CNfsFolderDirPlusCache& listing,
-                                                          const sockaddr_in& client, std::size_t& hidden);
-  void LogFailure(std::string_view text, const std::exception& failure) const noexcept;
+                                                          const sockaddr_in& client);
+  void LogReadFailure(std::uint64_t fid, std::uint64_t offset, const std::exception& failure) noexcept;
+  void LogWriteFailure(std::uint64_t fid, std::uint64_t offset, const std::exception& failure) noexcept;
 
   // Constant after construction, in the order in which they are made.
   boost::shared_ptr<CRegConfig> regConfig_;
-  boost::shared_ptr<CCompletionEventsAllocator> completionEventsAllocator_;
   boost::shared_ptr<CNfsLogFilter> logFilter_;
+  boost::shared_ptr<CCompletionEventsAllocator> completionEventsAllocator_;
   boost::shared_ptr<CFsProcInvoker> invoker_;
   boost::shared_ptr<CRegConfigUpdateSink> updateSink_;
   boost::shared_ptr<CFsItemsTab> itemsTab_;
 
   std::atomic<bool> isLocked_{false};
+  // Equal while no rename is between its backend and the table.
+  std::atomic<std::uint64_t> renamesBegun_{0};
+  std::atomic<std::uint64_t> renamesEnded_{0};
 
   mutable std::mutex sizeMutex_;  // Guards the three below.
   bool customSizeSet_ = false;

@@ -1,0 +1,324 @@
+// Finding, making, removing and renaming entries of folders.
+#include <utility>
+
+#include "foundation/log.h"
+#include "platform/text.h"
+#include "vfs/table/fs_items_tab.h"
+#include "vfs/table/nfs_log_filter.h"
+#include "vfs/virtual_fs/operation.h"
+#include "vfs/virtual_fs/virtual_fs.h"
+
+namespace {
+
+/// Shows a rename to listings that run beside it.
+class CRenameMark {
+ public:
+  CRenameMark(std::atomic<std::uint64_t>& begun, std::atomic<std::uint64_t>& ended) : ended_(ended) { ++begun; }
+  CRenameMark(const CRenameMark&) = delete;
+  CRenameMark& operator=(const CRenameMark&) = delete;
+  ~CRenameMark() { ++ended_; }
+
+ private:
+  std::atomic<std::uint64_t>& ended_;
+};
+
+}  // namespace
+
+void CheckNameEncoding(const std::string& name) {
+  if (platform::IsValidUtf8(name))
+    return;
+  throw exc::win_sys_exc_t("Failed to convert string from UTF-8.", platform::error::NoUnicodeTranslation);
+}
+
+std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& name) {
+  if (!IsEntryName(name))
+    return InvalidFid;
+  CheckNameEncoding(name);
+  const std::uint64_t fid = itemsTab_->LookupChild(parentFid, name);
+  if (fid != InvalidFid) {
+    const auto item = itemsTab_->GetItem(fid);
+    if (!item) {
+      throw CVirtualFsExc(" FID [%1] is registered in the items table but it does not refer to valid item.",
+                          itemsTab_->GetItemPath(fid), NFS3ERR_NOENT);
+    }
+    if (item->Exists())
+      return fid;
+    g_nfs_log.Info(
+        "Item [%1] is registered in the Nfs hierarchy but the corresponding object on the disk was already deleted.",
+        itemsTab_->GetItemPath(fid));
+    itemsTab_->RemoveItem(fid);
+  }
+  if (IsDotName(name))
+    return InvalidFid;
+
+  std::vector<boost::shared_ptr<IFsFolder>> mirrors;
+  itemsTab_->GetFolderMirrors(parentFid, mirrors);
+  for (const auto& folder : mirrors) {
+    if (const auto child = folder->OpenChild(name))
+      return itemsTab_->AddItem(parentFid, name, child);
+  }
+  return InvalidFid;
+}
+
+void CVirtualFs::Lookup(const LOOKUP3args& args, const sockaddr_in& client, LOOKUP3res& result) noexcept {
+  const std::string& name = args.what.name;
+  std::uint64_t dirFid = InvalidFid;
+  AnswerFailures(
+      result,
+      [&] {
+        dirFid = FidFromHandle(args.what.dir);
+        if (g_nfs_log.IsVerbose()) {
+          g_nfs_log.Verbose("Searching directory [%1] for the item [%2]. Requested from %3.",
+                            itemsTab_->GetItemPath(dirFid), name, AddressText(client));
+        }
+        const auto dir = itemsTab_->GetItem(dirFid);
+        if (!dir)
+          throw CVirtualFsExc("The specified folder does not exist.", NFS3ERR_NOENT);
+        CheckAddress(*dir, client);
+        const std::uint64_t fid = FindChild(dirFid, name);
+        if (fid == InvalidFid)
+          throw CVirtualFsExc(NFS3ERR_NOENT);
+        const auto item = itemsTab_->GetItem(fid);
+        if (!item)
+          throw CVirtualFsExc(NFS3ERR_STALE);
+        CheckAddress(*item, client);
+        g_nfs_log.Verbose("Item [%1] ID is [%2].", name, fid);
+        result.object = HandleFromFid(fid);
+        result.attributes = MakeFattr(fid, *item);
+        result.dirAttributes = MakeFattr(dirFid, *dir);
+        result.status = NFS3_OK;
+      },
+      [&](const std::exception& failure, nfsstat3 status) {
+        if (!logFilter_->AdmitLookup(dirFid, name))
+          return;
+        const std::string folder = itemsTab_->GetItemPath(dirFid);
+        if (status == NFS3ERR_NOENT) {
+          g_nfs_log.Warning("[Lookup] Item \"%1\" does not exist. Folder: \"%2\".", name, folder);
+        } else {
+          g_nfs_log.Error(
+              exc::FormatText("[Lookup] Failed to lookup item. Parent folder: [%1]. Item name: [%2].", folder, name),
+              failure);
+        }
+      });
+}
+
+void CVirtualFs::CreateFile(const CREATE3args& args, const sockaddr_in& client, CREATE3res& result) noexcept {
+  const std::string& name = args.where.name;
+  std::uint64_t parentFid = InvalidFid;
+  AnswerFailures(
+      result,
+      [&] {
+        CheckNewName(name);
+        parentFid = FidFromHandle(args.where.dir);
+        const auto parent = itemsTab_->GetItem(parentFid);
+        if (!parent)
+          throw CVirtualFsExc("Parent folder does not exists.", NFS3ERR_NOENT);
+        CheckAddress(*parent, client);
+        if (args.how == EXCLUSIVE)
+          throw CVirtualFsExc("Exclusive creation mode is not supported.", NFS3ERR_NOTSUPP);
+        if (args.how == GUARDED && FindChild(parentFid, name) != InvalidFid) {
+          throw CVirtualFsExc("File already exists.", NFS3ERR_EXIST);
+        }
+        const auto folder = AsFolder(parent);
+        if (!folder)
+          throw CVirtualFsExc("The specified item is not folder", NFS3ERR_NOTDIR);
+        CheckNameEncoding(name);
+
+        const bool isRestricted = !folder->IsRootFolder() && !folder->IsAddressListEmpty();
+        const auto item = folder->CreateFile(name, isRestricted ? folder->GetAllowedHostAddr() : std::string());
+        ApplyAttributes(*item, args.attributes);
+        const std::uint64_t fid = itemsTab_->AddItem(parentFid, name, item);
+        result.object = HandleFromFid(fid);
+        result.attributes = MakeFattr(fid, *item);
+        result.status = NFS3_OK;
+      },
+      [&](const std::exception& failure, nfsstat3) {
+        g_nfs_log.Error(exc::FormatText("[Create] Failed to create item. Item name: [%1]. Parent: [%2].", name,
+                                        itemsTab_->GetItemPath(parentFid)),
+                        failure);
+      });
+}
+
+std::uint64_t CVirtualFs::MakeSubfolder(IFsFolder& folder, std::uint64_t parentFid, const std::string& name,
+                                        const std::string& allowedHostAddr) {
+  try {
+    return itemsTab_->AddItem(parentFid, name, folder.CreateSubfolder(name, allowedHostAddr));
+  } catch (const std::exception& failure) {
+    exc::ChainAndThrow("Failed to create subfolder [%1] of the folder  [%2].", failure, name,
+                       itemsTab_->GetItemPath(parentFid));
+  }
+}
+
+void CVirtualFs::CreateDir(const MKDIR3args& args, const sockaddr_in& client, MKDIR3res& result) noexcept {
+  const std::string& name = args.where.name;
+  std::uint64_t parentFid = InvalidFid;
+  AnswerFailures(
+      result,
+      [&] {
+        if (g_nfs_log.IsVerbose()) {
+          g_nfs_log.Verbose("Creating subfolder [%1] ( Parent folder: [%2]). Requested from %3.", name,
+                            itemsTab_->GetItemPath(FidFromHandle(args.where.dir)), AddressText(client));
+        }
+        CheckNewName(name);
+        parentFid = FidFromHandle(args.where.dir);
+        const auto folder = AsFolder(itemsTab_->GetItem(parentFid));
+        if (!folder)
+          throw CVirtualFsExc("Parent folder does not exist.", NFS3ERR_NOENT);
+        CheckAddress(*folder, client);
+        CheckNameEncoding(name);
+
+        // Unlike for a file, it is not asked whether the list is empty: an empty one is as good as none.
+        const std::uint64_t fid = MakeSubfolder(*folder, parentFid, name,
+                                                folder->IsRootFolder() ? std::string() : folder->GetAllowedHostAddr());
+        const auto item = itemsTab_->GetItem(fid);
+        if (!item)
+          throw CVirtualFsExc("Folder was not registered in the items tab.", NFS3ERR_SERVERFAULT);
+        result.object = HandleFromFid(fid);
+        result.attributes = MakeFattr(fid, *item);
+        result.dirWcc.after = result.attributes;  // The new folder's own: clients take them from here.
+        result.status = NFS3_OK;
+        g_nfs_log.Info("Subfolder is created. FID: [%1].", fid);
+      },
+      [&](const std::exception& failure, nfsstat3) {
+        g_nfs_log.Error(exc::FormatText("[MkDir] Failed to create directory. Parent folder: [%1], subfolder: [%2].",
+                                        itemsTab_->GetItemPath(parentFid), name),
+                        failure);
+      });
+}
+
+void CVirtualFs::Remove(const REMOVE3args& args, const sockaddr_in& client, REMOVE3res& result) noexcept {
+  const std::string& name = args.object.name;
+  std::uint64_t parentFid = InvalidFid;
+  AnswerFailures(
+      result,
+      [&] {
+        parentFid = FidFromHandle(args.object.dir);
+        if (g_nfs_log.IsVerbose()) {
+          g_nfs_log.Verbose("Removing item [%1] from folder [%2]. Requested from %3.", name,
+                            itemsTab_->GetItemPath(parentFid), AddressText(client));
+        }
+        const auto parent = itemsTab_->GetItem(parentFid);
+        if (!parent)
+          throw CVirtualFsExc("Parent folder does not exist.", NFS3ERR_NOENT);
+        CheckAddress(*parent, client);
+        if (name.empty() || IsDotName(name))
+          throw CVirtualFsExc(NFS3ERR_INVAL);
+        const auto folder = AsFolder(parent);
+        if (!folder)
+          throw CVirtualFsExc(NFS3ERR_NOTDIR);
+        if (IsEntryName(name)) {
+          CheckNameEncoding(name);
+          folder->DeleteChild(name);
+          itemsTab_->RemoveChild(parentFid, name);
+        }
+        result.status = NFS3_OK;
+      },
+      [&](const std::exception& failure, nfsstat3) {
+        g_nfs_log.Error(exc::FormatText("[Remove] Failed to remove item. Item name: [%1]. Parent: [%2].", name,
+                                        itemsTab_->GetItemPath(parentFid)),
+                        failure);
+      });
+}
+
+void CVirtualFs::RemoveDir(const RMDIR3args& args, const sockaddr_in& client, RMDIR3res& result) noexcept {
+  const std::string& name = args.object.name;
+  std::uint64_t parentFid = InvalidFid;
+  AnswerFailures(
+      result,
+      [&] {
+        if (g_nfs_log.IsVerbose()) {
+          g_nfs_log.Verbose("Deleting subfolder [%1] ( parent folder: [%2]). Requested from %3.", name,
+                            itemsTab_->GetItemPath(FidFromHandle(args.object.dir)), AddressText(client));
+        }
+        if (name.empty() || IsDotName(name))
+          throw CVirtualFsExc(NFS3ERR_INVAL);
+        parentFid = FidFromHandle(args.object.dir);
+        result.status = NFS3_OK;
+        const std::uint64_t fid = FindChild(parentFid, name);
+        if (fid == InvalidFid)
+          return;
+
+        const auto parent = itemsTab_->GetItem(parentFid);
+        if (!parent)
+          throw CVirtualFsExc("Parent folder does not exist.", NFS3ERR_NOENT);
+        CheckAddress(*parent, client);
+        const auto folder = AsFolder(parent);
+        if (!folder) {
+          throw CVirtualFsExc("Item [%1] is not folder.", itemsTab_->GetItemPath(parentFid), NFS3ERR_NOTDIR);
+        }
+        const auto child = itemsTab_->GetItem(fid);
+        if (child && !AsFolder(child)) {
+          throw CVirtualFsExc("Item [%1] is not folder.", itemsTab_->GetItemPath(fid), NFS3ERR_NOTDIR);
+        }
+        folder->DeleteChild(name);
+        itemsTab_->RemoveItem(fid);
+        g_nfs_log.Info("Subfolder was deleted.");
+      },
+      [&](const std::exception& failure, nfsstat3) {
+        g_nfs_log.Error(exc::FormatText("[RmDir] Failed to remove directory. Parent folder: [%1], subfolder: [%2].",
+                                        itemsTab_->GetItemPath(parentFid), name),
+                        failure);
+      });
+}
+
+void CVirtualFs::RenameEntry(const RENAME3args& args, const sockaddr_in& client, std::uint64_t fromDir,
+                             std::uint64_t toDir) {
+  const std::string& fromName = args.from.name;
+  const std::string& toName = args.to.name;
+  if (IsDotName(fromName))
+    throw CVirtualFsExc(NFS3ERR_INVAL);
+  CheckNewName(toName);
+
+  const std::uint64_t fid = FindChild(fromDir, fromName);
+  if (fid == InvalidFid)
+    throw CVirtualFsExc("Source item does not exist.", NFS3ERR_NOENT);
+  const std::uint64_t target = FindChild(toDir, toName);
+  const auto source = itemsTab_->GetItem(fromDir);
+  if (!source)
+    throw CVirtualFsExc("Parent folder does not exist.", NFS3ERR_NOENT);
+  CheckAddress(*source, client);
+  const auto folder = AsFolder(source);
+  if (!folder)
+    throw CVirtualFsExc(NFS3ERR_NOTDIR);
+  // Nothing has changed yet: a place that the item cannot move to is refused before the backend acts.
+  const auto destination = itemsTab_->GetItem(toDir);
+  if (!destination)
+    throw CVirtualFsExc("Parent folder does not exist.", NFS3ERR_NOENT);
+  if (!AsFolder(destination))
+    throw CVirtualFsExc(NFS3ERR_NOTDIR);
+  if (itemsTab_->IsSameOrBelow(toDir, fid))
+    throw CVirtualFsExc(NFS3ERR_INVAL);
+
+  // A rename to another spelling of its own name finds the item itself, which stays.
+  if (target != InvalidFid && target != fid)
+    itemsTab_->RemoveChildIf(toDir, toName, target);
+  const CRenameMark mark(renamesBegun_, renamesEnded_);
+  folder->RenameChild(fromName, toName);
+  itemsTab_->MoveItem(fid, toDir, toName);
+  g_nfs_log.Info("Item was renamed.");
+}
+
+void CVirtualFs::Rename(const RENAME3args& args, const sockaddr_in& client, RENAME3res& result) noexcept {
+  std::uint64_t fromDir = InvalidFid;
+  std::uint64_t toDir = InvalidFid;
+  AnswerFailures(
+      result,
+      [&] {
+        fromDir = FidFromHandle(args.from.dir);
+        toDir = FidFromHandle(args.to.dir);
+        if (g_nfs_log.IsVerbose()) {
+          g_nfs_log.Verbose("Renaming item [%1] ( folder [%2]) to [%3] (folder [%4]). Requested from %5.",
+                            args.from.name, itemsTab_->GetItemPath(fromDir), args.to.name,
+                            itemsTab_->GetItemPath(toDir), AddressText(client));
+        }
+        RenameEntry(args, client, fromDir, toDir);
+        result.status = NFS3_OK;
+      },
+      [&](const std::exception& failure, nfsstat3) {
+        g_nfs_log.Error(exc::FormatText("[Rename] Failed to rename item. Source folder: [%1]. Source item: [%2]. "
+                                        "Target folder: [%3]. Target item: [%4].",
+                                        itemsTab_->GetItemPath(fromDir), args.from.name, itemsTab_->GetItemPath(toDir),
+                                        args.to.name),
+                        failure);
+      });
+}

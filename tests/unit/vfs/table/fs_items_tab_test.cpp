@@ -1,0 +1,256 @@
+// Items: adding, finding, moving, removing.
+#include <set>
+
+#include "table_fixture.h"
+
+namespace test {
+namespace {
+
+using FsItemsTab = TableFixture;
+
+TEST_F(FsItemsTab, DotIsTheFolderItselfWhetherItExistsOrNot) {
+  EXPECT_EQ(table.LookupChild(root, "."), root);
+  EXPECT_EQ(table.LookupChild(4711, "."), 4711U);
+  EXPECT_EQ(table.AddItem(4711, ".", MakeFile("x")), 4711U);
+  EXPECT_EQ(table.LookupChild(root, "x"), InvalidFid);
+}
+
+TEST_F(FsItemsTab, DotDotIsTheParent) {
+  const auto folder = table.AddItem(root, "folder", MakeFolder("folder"));
+  EXPECT_EQ(table.LookupChild(folder, ".."), root);
+  EXPECT_EQ(table.AddItem(folder, "..", MakeFile("x")), root);
+  EXPECT_TRUE(Children(folder).empty());
+}
+
+TEST_F(FsItemsTab, DotDotOfARootAndOfAnUnknownFolderIsNothing) {
+  EXPECT_EQ(table.LookupChild(root, ".."), InvalidFid);
+  EXPECT_EQ(table.LookupChild(4711, ".."), InvalidFid);
+  EXPECT_EQ(ThrownStatus([&] { table.AddItem(4711, "..", MakeFile("x")); }), NFS3ERR_NOENT);
+}
+
+TEST_F(FsItemsTab, AnItemIsFoundByNameAndByFid) {
+  const auto file = MakeFile("disk");
+  const auto fid = table.AddItem(root, "disk", file);
+  EXPECT_NE(fid, InvalidFid);
+  EXPECT_EQ(table.LookupChild(root, "disk"), fid);
+  EXPECT_EQ(table.LookupChild(root, "DISK"), fid);
+  EXPECT_EQ(table.LookupChild(root, "dis"), InvalidFid);
+  EXPECT_EQ(table.GetItem(fid), file);
+  EXPECT_EQ(table.GetItem(4711), nullptr);
+  EXPECT_EQ(table.GetItemPath(fid), "vol/disk. FID: " + std::to_string(fid));
+  EXPECT_EQ(table.GetItemPath(4711), ". FID: 4711");
+}
+
+TEST_F(FsItemsTab, ANewItemIsStored) {
+  const auto fid = table.AddItem(root, "disk", MakeFile("disk"));
+  ASSERT_TRUE(sink->records.contains(fid));
+  const auto& record = sink->records[fid];
+  EXPECT_EQ(record.parentFid, root);
+  EXPECT_EQ(record.name, "disk");
+  ASSERT_TRUE(record.backings.contains(GUID{}));
+  EXPECT_EQ(record.backings.at(GUID{}).path, "disk");
+}
+
+TEST_F(FsItemsTab, ANameInAnotherCaseKeepsTheFidAndTakesTheNewSpelling) {
+  const auto fid = table.AddItem(root, "Disk", MakeFile("Disk"));
+  const auto second = MakeFile("DISK");
+  EXPECT_EQ(table.AddItem(root, "DISK", second), fid);
+  EXPECT_EQ(table.GetItem(fid), second);
+  const auto children = Children(root);
+  ASSERT_EQ(children.size(), 1U);
+  EXPECT_EQ(children.begin()->first, "DISK");
+  EXPECT_EQ(sink->records[fid].name, "DISK");
+  EXPECT_EQ(table.GetItemPath(fid), "vol/DISK. FID: " + std::to_string(fid));
+}
+
+TEST_F(FsItemsTab, AddingToAnUnknownFolderIsNotFound) {
+  EXPECT_EQ(ThrownText<CVirtualFsExc>([&] { table.AddItem(4711, "disk", MakeFile("disk")); }),
+            "Item with FID [4711] does not exist");
+  EXPECT_EQ(ThrownStatus([&] { table.AddItem(4711, "disk", MakeFile("disk")); }), NFS3ERR_NOENT);
+}
+
+TEST_F(FsItemsTab, AnItemThatIsNeitherFileNorFolderIsRefused) {
+  class CNeither : public CFakeItem<IFsItem> {
+   public:
+    using CFakeItem::CFakeItem;
+  };
+  const auto item = boost::make_shared<CNeither>(host, host->Put("odd", false), "odd");
+  EXPECT_EQ(ThrownText([&] { table.AddItem(root, "odd", item); }), "Unexpected type of the FS item");
+  EXPECT_EQ(table.LookupChild(root, "odd"), InvalidFid);
+}
+
+TEST_F(FsItemsTab, FidsAreUniqueAndNeverInvalid) {
+  std::set<std::uint64_t> fids{root};
+  for (int i = 0; i < 2000; ++i) {
+    const std::string name = "f" + std::to_string(i);
+    const auto fid = table.AddItem(root, name, MakeFile(name));
+    EXPECT_NE(fid, InvalidFid);
+    EXPECT_TRUE(fids.insert(fid).second);
+  }
+}
+
+TEST_F(FsItemsTab, ManyItemsComeInWithFewTransactions) {
+  std::vector<SNfsNewItem> items;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string name = "f" + std::to_string(i);
+    items.push_back({name, MakeFile(name)});
+  }
+  table.AddItems(root, items);
+  for (const auto& item : items)
+    EXPECT_EQ(table.LookupChild(root, item.name), item.fid);
+  EXPECT_EQ(sink->records.size(), 1001U);
+  EXPECT_LE(sink->batches, 10);
+}
+
+TEST_F(FsItemsTab, AWriteThatFailsLeavesTheItemInTheTable) {
+  sink->isBroken = true;
+  EXPECT_THROW(table.AddItem(root, "disk", MakeFile("disk")), exc::win_sys_exc_t);
+  EXPECT_NE(table.LookupChild(root, "disk"), InvalidFid);
+}
+
+TEST_F(FsItemsTab, RemovingAFolderRemovesAllBelowIt) {
+  const auto folder = table.AddItem(root, "folder", MakeFolder("folder"));
+  const auto sub = table.AddItem(folder, "sub", MakeFolder("folder/sub"));
+  const auto file = table.AddItem(sub, "disk", MakeFile("folder/sub/disk"));
+  const auto other = table.AddItem(root, "other", MakeFile("other"));
+  table.RemoveItem(folder);
+  for (const auto fid : {folder, sub, file}) {
+    EXPECT_EQ(table.GetItem(fid), nullptr);
+    EXPECT_FALSE(sink->records.contains(fid));
+  }
+  EXPECT_EQ(table.LookupChild(root, "folder"), InvalidFid);
+  EXPECT_EQ(table.LookupChild(sub, "disk"), InvalidFid);
+  EXPECT_EQ(table.LookupChild(root, "other"), other);
+}
+
+TEST_F(FsItemsTab, ADeepTreeIsRemovedWithoutDeepCalls) {
+  auto parent = root;
+  const auto top = table.AddItem(root, "d", MakeFolder("d"));
+  parent = top;
+  for (int i = 0; i < 50000; ++i)
+    parent = table.AddItem(parent, "d", boost::make_shared<CFakeFolder>(host, host->root, "d"));
+  table.RemoveItem(top);
+  EXPECT_EQ(table.GetItem(parent), nullptr);
+  EXPECT_EQ(sink->records.size(), 1U);
+}
+
+TEST_F(FsItemsTab, AnItemInUseOutlivesItsRecord) {
+  const auto fid = table.AddItem(root, "disk", MakeFile("disk"));
+  const auto item = table.GetItem(fid);
+  table.RemoveItem(fid);
+  EXPECT_TRUE(item->Exists());
+}
+
+TEST_F(FsItemsTab, RemovingAnUnknownItemIsNotFoundAndAnUnknownNameIsNoFault) {
+  EXPECT_EQ(ThrownText([&] { table.RemoveItem(4711); }), "Item with FID [4711] does not exist");
+  EXPECT_NO_THROW(table.RemoveChild(root, "nothing"));
+  EXPECT_NO_THROW(table.RemoveChildIf(root, "nothing", 5));
+}
+
+TEST_F(FsItemsTab, AChildIsRemovedByNameOnlyWhileItIsTheSame) {
+  const auto fid = table.AddItem(root, "disk", MakeFile("disk"));
+  table.RemoveChildIf(root, "disk", fid + 1);
+  EXPECT_EQ(table.LookupChild(root, "disk"), fid);
+  table.RemoveChildIf(root, "disk", fid);
+  EXPECT_EQ(table.LookupChild(root, "disk"), InvalidFid);
+}
+
+TEST_F(FsItemsTab, TheRootOfAShareIsNotRemovedAndKeepsItsChildren) {
+  const auto fid = table.AddItem(root, "disk", MakeFile("disk"));
+  EXPECT_EQ(ThrownText([&] { table.RemoveItem(root); }),
+            "Item [vol] refers to the root of the NFS share and cannot be deleted.");
+  EXPECT_NE(table.GetItem(root), nullptr);
+  EXPECT_NE(table.GetItem(fid), nullptr);
+}
+
+TEST_F(FsItemsTab, AMoveKeepsTheFidAndWhatIsBelow) {
+  const auto from = table.AddItem(root, "from", MakeFolder("from"));
+  const auto to = table.AddItem(root, "to", MakeFolder("to"));
+  const auto moved = table.AddItem(from, "a", MakeFolder("from/a"));
+  const auto below = table.AddItem(moved, "x", MakeFile("from/a/x"));
+  table.MoveItem(moved, to, "b");
+  EXPECT_EQ(table.LookupChild(from, "a"), InvalidFid);
+  EXPECT_EQ(table.LookupChild(to, "b"), moved);
+  EXPECT_EQ(table.LookupChild(moved, "x"), below);
+  EXPECT_EQ(table.LookupChild(moved, ".."), to);
+  EXPECT_EQ(table.GetItemPath(below), "vol/to/b/x. FID: " + std::to_string(below));
+}
+
+TEST_F(FsItemsTab, AMoveLeavesTheStoredRecord) {
+  const auto fid = table.AddItem(root, "a", MakeFile("a"));
+  table.MoveItem(fid, root, "b");
+  EXPECT_EQ(sink->records[fid].name, "a");
+}
+
+TEST_F(FsItemsTab, AStoredPlaceThatIsTakenAnewIsGivenUp) {
+  const auto moved = table.AddItem(root, "a", MakeFile("a"));
+  table.MoveItem(moved, root, "b");
+  const auto successor = table.AddItem(root, "A", MakeFile("A"));
+  EXPECT_NE(successor, moved);
+  EXPECT_EQ(sink->records[moved].name, "b");
+  EXPECT_EQ(sink->records[successor].name, "A");
+}
+
+TEST_F(FsItemsTab, AnItemThatMovedBackHasItsStoredPlace) {
+  const auto fid = table.AddItem(root, "a", MakeFile("a"));
+  table.MoveItem(fid, root, "b");
+  table.MoveItem(fid, root, "a");
+  EXPECT_EQ(table.AddItem(root, "a", MakeFile("a")), fid);
+  EXPECT_EQ(sink->records[fid].name, "a");
+}
+
+TEST_F(FsItemsTab, AMoveOntoAnotherItemDropsIt) {
+  const auto fid = table.AddItem(root, "a", MakeFile("a"));
+  const auto target = table.AddItem(root, "b", MakeFile("b"));
+  table.MoveItem(fid, root, "B");
+  EXPECT_EQ(table.LookupChild(root, "b"), fid);
+  EXPECT_EQ(table.GetItem(target), nullptr);
+}
+
+TEST_F(FsItemsTab, AMoveToAnotherSpellingOfTheNameIsOne) {
+  const auto fid = table.AddItem(root, "a", MakeFile("a"));
+  table.MoveItem(fid, root, "A");
+  EXPECT_EQ(table.LookupChild(root, "a"), fid);
+  EXPECT_EQ(Children(root).begin()->first, "A");
+}
+
+TEST_F(FsItemsTab, WhatCannotBeMoved) {
+  const auto folder = table.AddItem(root, "folder", MakeFolder("folder"));
+  const auto sub = table.AddItem(folder, "sub", MakeFolder("folder/sub"));
+  EXPECT_EQ(ThrownText<exc::runtime_exc_t>([&] { table.MoveItem(4711, root, "x"); }),
+            "There is no item with FID [4711]. Item cannot be moved.");
+  EXPECT_EQ(ThrownText<exc::runtime_exc_t>([&] { table.MoveItem(root, folder, "x"); }),
+            "Failed to move NFS shared folder [vol].");
+  EXPECT_EQ(ThrownStatus([&] { table.MoveItem(folder, sub, "x"); }), NFS3ERR_INVAL);
+  EXPECT_EQ(ThrownStatus([&] { table.MoveItem(folder, folder, "x"); }), NFS3ERR_INVAL);
+  EXPECT_EQ(ThrownStatus([&] { table.MoveItem(folder, 4711, "x"); }), NFS3ERR_NOENT);
+  EXPECT_EQ(table.LookupChild(root, "folder"), folder);
+}
+
+TEST_F(FsItemsTab, AFileInTheFoldersPlaceLeavesNothingBehind) {
+  const auto folder = table.AddItem(root, "x", MakeFolder("x"));
+  const auto below = table.AddItem(folder, "y", MakeFile("x/y"));
+  EXPECT_EQ(table.AddItem(root, "x", MakeFile("x")), folder);
+  EXPECT_EQ(table.GetItem(below), nullptr);
+  EXPECT_EQ(table.LookupChild(folder, "y"), InvalidFid);
+}
+
+TEST_F(FsItemsTab, AResumedItemHasItsFidAndIsNotStored) {
+  const int writes = sink->writes;
+  const auto file = MakeFile("disk");
+  table.ResumeItem(42, root, "disk", file, GUID{});
+  EXPECT_EQ(table.LookupChild(root, "disk"), 42U);
+  EXPECT_EQ(table.GetItem(42), file);
+  EXPECT_EQ(sink->writes, writes);
+  EXPECT_EQ(ThrownStatus([&] { table.ResumeItem(43, 4711, "disk", file, GUID{}); }), NFS3ERR_NOENT);
+}
+
+TEST_F(FsItemsTab, ARequiredItemThatIsNotThereIsStale) {
+  EXPECT_EQ(GetRequiredItem(table, root), table.GetItem(root));
+  EXPECT_EQ(ThrownText<CVirtualFsExc>([&] { GetRequiredItem(table, 4711); }),
+            "NFS listing table does not contain item with FID [4711].");
+  EXPECT_EQ(ThrownStatus([&] { GetRequiredItem(table, 4711); }), NFS3ERR_STALE);
+}
+
+}  // namespace
+}  // namespace test
