@@ -12,18 +12,12 @@ namespace synch {
 /// at once. Any thread.
 class manual_event_t final : public waitable_t {
  public:
-  explicit manual_event_t(bool set = false) noexcept : set_(set) {}
+  explicit manual_event_t(bool set = false) noexcept : word_(set ? IsSetBit : 0) {}
   ~manual_event_t();
 
-  void Set() noexcept {
-    if (!set_.exchange(true, std::memory_order_seq_cst))
-      WakeSleepers(SIZE_MAX, true);
-  }
-  void Reset() noexcept {
-    if (set_.exchange(false, std::memory_order_seq_cst))
-      WakeSleepers(0, false);
-  }
-  bool IsSet() const noexcept { return set_.load(std::memory_order_acquire); }
+  void Set() noexcept;
+  void Reset() noexcept;
+  bool IsSet() const noexcept { return (word_.load(std::memory_order_seq_cst) & IsSetBit) != 0; }
   bool TryTake() noexcept override { return IsSet(); }
 
   /// A descriptor that is readable while the event is set, for a wait together with sockets. Made at the first call,
@@ -32,10 +26,14 @@ class manual_event_t final : public waitable_t {
 
  protected:
   bool IsAvailable() const noexcept override { return IsSet(); }
+  std::uint32_t ReleaseCount() const noexcept override { return word_.load(std::memory_order_seq_cst) >> 1; }
   void SignalChangedLocked() noexcept override;
 
  private:
-  std::atomic<bool> set_;
+  static constexpr std::uint32_t IsSetBit = 1;
+
+  /// Whether it is set, and above that how often it has been.
+  std::atomic<std::uint32_t> word_;
   /// Guarded by lock_; -1 until asked for.
   int descriptor_ = -1;
   bool descriptorSet_ = false;
@@ -48,11 +46,11 @@ class auto_event_t final : public waitable_t {
 
   void Set() noexcept {
     if (!set_.exchange(true, std::memory_order_seq_cst))
-      WakeSleepers(1, false);
+      WakeSleepers(1);
   }
   void Reset() noexcept { set_.store(false, std::memory_order_seq_cst); }
   bool TryTake() noexcept override {
-    return set_.load(std::memory_order_relaxed) && set_.exchange(false, std::memory_order_seq_cst);
+    return set_.load(std::memory_order_seq_cst) && set_.exchange(false, std::memory_order_seq_cst);
   }
 
  protected:

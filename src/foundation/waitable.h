@@ -48,11 +48,12 @@ class waitable_t {
 
   /// True when TryTake would succeed; takes nothing.
   virtual bool IsAvailable() const noexcept = 0;
-  /// After the signal is there: wakes up to count sleepers. A manual event releases them (even when it is reset
-  /// before they run), the others only tell them to look.
-  void WakeSleepers(std::size_t count, bool release) noexcept {
+  /// Changes with each signal that ends every wait that had begun before it, whatever becomes of the signal afterwards.
+  virtual std::uint32_t ReleaseCount() const noexcept { return 0; }
+  /// After the signal is there: tells up to count sleepers to look.
+  void WakeSleepers(std::size_t count) noexcept {
     if (watchers_.load(std::memory_order_seq_cst) != 0)
-      WakeWatchers(count, release);
+      WakeWatchers(count);
   }
 
   /// Called with lock_ held whenever the signal changed while watchers_ was not 0.
@@ -67,7 +68,7 @@ class waitable_t {
   struct sleeper_t;
   struct place_t;
 
-  void WakeWatchers(std::size_t count, bool release) noexcept;
+  void WakeWatchers(std::size_t count) noexcept;
   void Enlist(place_t& place) noexcept;
   void Delist(place_t& place) noexcept;
   static std::optional<std::size_t> FirstTaken(std::span<waitable_t* const> things) noexcept;

@@ -16,6 +16,8 @@ struct deadline_t {
   /// Milliseconds from now.
   static deadline_t After(std::uint64_t milliseconds) noexcept;
   bool IsOver() const noexcept;
+  /// Milliseconds that are left, rounded up; 0 when over, 0xFFFFFFFF for never.
+  std::uint32_t RemainingMs() const noexcept;
 };
 
 /// Nanoseconds on the monotonic clock.

@@ -1,0 +1,36 @@
+#include "foundation/thread_entry.h"
+
+#include <cxxabi.h>
+
+#include <boost/make_shared.hpp>
+
+#include "foundation/log.h"
+#include "foundation/monitoring.h"
+#include "platform/process.h"
+
+namespace synch::impl {
+
+boost::shared_ptr<exc::exc_base_t> RunThread(const std::string& role, std::uint32_t parentId,
+                                             const thread_exec_proc_t& procedure) {
+  const monitoring::thread_registration_t registration(role, parentId);
+  platform::SetThreadName(role);
+  g_log.Info("Thread started. Thread id: %1, parent id: %2, role: %3", monitoring::CurrentThreadId(), parentId, role);
+  boost::shared_ptr<exc::exc_base_t> failure;
+  try {
+    procedure();
+  } catch (const exc::term_exc_t&) {
+    // Told to end.
+  } catch (const std::exception& exception) {
+    g_log.Error(exc::FormatText("Thread failed. Role: '%1'.", role), exception);
+    failure = exc::CloneException(exception);
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    failure = boost::make_shared<exc::runtime_exc_t>("Unknown exception.");
+    g_log.Error(exc::FormatText("Thread failed. Role: '%1'.", role), *failure);
+  }
+  g_log.Info("Thread finished. Role: '%1'.", role);
+  return failure;
+}
+
+}  // namespace synch::impl
