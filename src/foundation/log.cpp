@@ -1,7 +1,5 @@
 #include "foundation/log.h"
 
-#include <unistd.h>
-
 #include <ctime>
 #include <exception>
 
@@ -25,6 +23,13 @@ union undying_log_t {
 constinit undying_log_t theLog;
 thread_local constinit std::int32_t depth = 0;
 
+/// The thread's record shows the depth to a crash report; lines take it from here, also when there is no record.
+void ChangeDepth(std::int32_t change) noexcept {
+  depth += change;
+  if (monitoring::CThreadTrace* const trace = monitoring::CurrentTrace())
+    trace->SetDepth(depth);
+}
+
 }  // namespace
 
 constinit const log_handle_t g_log("", theLog.log);
@@ -40,11 +45,11 @@ std::int32_t IndentationDepth() noexcept {
 }
 
 indent_t::indent_t() noexcept {
-  ++depth;
+  ChangeDepth(1);
 }
 
 indent_t::~indent_t() {
-  --depth;
+  ChangeDepth(-1);
 }
 
 void log_t::Switch(std::uint32_t bit, bool on) noexcept {
@@ -102,7 +107,7 @@ void log_t::Write(level_t level, std::string_view name, std::string_view text) n
     format::line_t line;
     line.level = level;
     line.depth = depth;
-    line.threadId = static_cast<std::uint32_t>(::gettid());
+    line.threadId = monitoring::CurrentThreadId();
     line.time = now == static_cast<std::time_t>(-1) ? nullptr : &now;
     line.name = name;
 
@@ -169,7 +174,7 @@ void log_t::CheckSizeLocked() noexcept {
       const std::time_t now = std::time(nullptr);
       format::line_t line;
       line.level = level_t::Error;
-      line.threadId = static_cast<std::uint32_t>(::gettid());
+      line.threadId = monitoring::CurrentThreadId();
       line.time = &now;
       std::string lines;
       const std::string text(failure.what());
@@ -190,9 +195,9 @@ void log_handle_t::Exception(level_t level, std::string_view text, const std::ex
   exc::LogException(*this, level, text, exception);
 }
 
-log_scope_t::log_scope_t(const log_handle_t& log, std::string text) : log_(log), text_(std::move(text)) {
+log_scope_t::log_scope_t(const log_handle_t& log, std::string text) : log_(log), text_(std::move(text)), note_(text_) {
   log_.Info(text_);
-  ++depth;
+  ChangeDepth(1);
 }
 
 log_scope_t::~log_scope_t() {
@@ -206,7 +211,8 @@ void log_scope_t::Leave() noexcept {
   if (finished_)
     return;
   finished_ = true;
-  --depth;
+  note_.Close();
+  ChangeDepth(-1);
 }
 
 void log_scope_t::Success() {
@@ -225,7 +231,7 @@ void log_scope_t::SuccessOk() {
 
 quiet_log_scope_t::quiet_log_scope_t(const log_handle_t& log, const char* pattern, std::uint64_t first,
                                      std::uint64_t second) noexcept
-    : log_(log), pattern_(pattern), first_(first), second_(second) {}
+    : log_(log), pattern_(pattern), first_(first), second_(second), note_(pattern, first, second) {}
 
 quiet_log_scope_t::~quiet_log_scope_t() {
   if (finished_ || !log_.IsOpen())
@@ -239,6 +245,7 @@ quiet_log_scope_t::~quiet_log_scope_t() {
 
 void quiet_log_scope_t::Success() noexcept {
   finished_ = true;
+  note_.Close();
 }
 
 }  // namespace logging

@@ -10,6 +10,7 @@
 #include <type_traits>
 
 #include "foundation/exc.h"
+#include "foundation/monitoring.h"
 
 namespace logging {
 
@@ -179,7 +180,7 @@ class indent_t {
 };
 
 /// A stretch of work: its text is written at once and what is logged inside is indented. Left without Success() it
-/// writes its text with " Failed.". Lives on one thread's stack.
+/// writes its text with " Failed.". Noted in the thread's trace. Lives on one thread's stack.
 class log_scope_t {
  public:
   log_scope_t(const log_handle_t& log, std::string text);
@@ -198,11 +199,12 @@ class log_scope_t {
 
   const log_handle_t& log_;
   std::string text_;
+  monitoring::scope_note_t note_;
   bool finished_ = false;
 };
 
-/// A scope for per-packet work: writes nothing unless it is left unfinished, and costs no formatting. The pattern
-/// must outlive the scope; up to two numbers stand for %1 and %2.
+/// A scope for per-packet work: noted in the thread's trace, writes nothing unless it is left unfinished, and costs no
+/// formatting. The pattern must live as long as the process; up to two numbers stand for %1 and %2.
 class quiet_log_scope_t {
  public:
   quiet_log_scope_t(const log_handle_t& log, const char* pattern, std::uint64_t first = 0,
@@ -218,6 +220,7 @@ class quiet_log_scope_t {
   const char* pattern_;
   std::uint64_t first_;
   std::uint64_t second_;
+  monitoring::scope_note_t note_;
   bool finished_ = false;
 };
 

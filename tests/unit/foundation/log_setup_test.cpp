@@ -139,7 +139,7 @@ TEST_F(LogSetup, FailureToOpenIsChained) {
   EXPECT_THAT(TextOf([&] {
                 Init({"-log", path});
               }),
-              EndsWith("\nFailed to create or open file [" + path + "].\nError code: 3\nFailed to initialize log [" +
+              EndsWith("\nFailed to create or open file [" + path + "].\nError code: 2\nFailed to initialize log [" +
                        path + "]."));
   EXPECT_FALSE(g_log.IsOpen());
 }

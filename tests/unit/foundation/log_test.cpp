@@ -256,6 +256,31 @@ TEST(QuietLogScope, SaysNothingUnlessItFails) {
                                             "Info     Data size: [5]. Error code: [18446744073709551615]. Failed.\n"));
 }
 
+std::string ScopeText(std::size_t index) {
+  char text[200] = {};
+  monitoring::CurrentTrace()->ScopeText(index, text, sizeof(text));
+  return text;
+}
+
+TEST(LogScope, IsNotedInTheThreadsTraceUntilItIsLeft) {
+  RecordingLog recorded;
+  const std::size_t before = monitoring::CurrentTrace()->OpenScopes();
+  {
+    logging::log_scope_t outer(recorded.handle, "outer text");
+    EXPECT_EQ(monitoring::CurrentTrace()->Depth(), 1);
+    logging::quiet_log_scope_t inner(recorded.handle, "Data size: [%1]. Error code: [%2].", 5, 6);
+    EXPECT_EQ(monitoring::CurrentTrace()->Depth(), 1);
+    EXPECT_EQ(ScopeText(before), "outer text");
+    EXPECT_EQ(ScopeText(before + 1), "Data size: [5]. Error code: [6].");
+    inner.Success();
+    EXPECT_EQ(monitoring::CurrentTrace()->OpenScopes(), before + 1);
+    outer.Success();
+    EXPECT_EQ(monitoring::CurrentTrace()->OpenScopes(), before);
+    EXPECT_EQ(monitoring::CurrentTrace()->Depth(), 0);
+  }
+  EXPECT_EQ(monitoring::CurrentTrace()->OpenScopes(), before);
+}
+
 TEST(Log, ThreadsNeverMixLines) {
   RecordingLog recorded;
   const std::string first(300, 'a');
