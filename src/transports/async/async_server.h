@@ -10,6 +10,9 @@
 #include "rpc/rpc_message.h"
 
 class IAddressChecker;
+namespace win {
+class win_thread_t;
+}
 
 /// What the server serves and with whom. The three programs have their file system bound, and keep it alive.
 struct SAsyncServerParams {
@@ -51,5 +54,10 @@ class CAsyncServer {
 
  private:
   class CContext;
+
+  void WaitForInit();
+
+  /// Shared with the thread, which may outlive a stop that took too long.
   boost::shared_ptr<CContext> context_;
+  boost::shared_ptr<win::win_thread_t> thread_;
 };

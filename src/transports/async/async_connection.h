@@ -1,0 +1,128 @@
+// One client's TCP connection: records in, replies out.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <atomic>
+#include <boost/shared_ptr.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "foundation/byte_buffer.h"
+#include "rpc/xdr_writer.h"
+#include "transports/async/request_queue.h"
+#include "transports/async/tcp_stream.h"
+
+class IAddressChecker;
+
+namespace impl {
+
+/// Receives on the completion thread, one receive at a time; replies are sent by whichever thread queued the first of
+/// them, and by the completion thread when the peer is slow. Ends with its last reference: nothing pending, no request
+/// under way. A client that has too much under way, or does not take its replies, is not read from until that is less.
+class CAsyncConnection : public win::CTcpStream {
+ public:
+  /// Record bodies grow beyond this as their bytes arrive; what a WRITE of a megabyte needs fits at once.
+  static constexpr std::size_t FirstBodySize = (1U << 20) + (64U << 10);
+  /// Bounds of what one client has under way before it is read from no more. Reading goes on at half of them.
+  static constexpr std::size_t MaxRequests = 128;
+  static constexpr std::size_t MaxRequestBytes = 8U << 20;
+  static constexpr std::size_t MaxUnsentBytes = 4U << 20;
+
+  CAsyncConnection();
+  ~CAsyncConnection() override;
+
+  /// Takes over the descriptor that an accept brought.
+  void AdoptAccepted(int handle) noexcept;
+  /// The accept logic, on the completion thread, after the connection has joined the port; then records are received.
+  /// Throws when receiving cannot start. addressChecker may be null.
+  void Start(const sockaddr* peer, socklen_t peerLength, boost::shared_ptr<CRequestQueue> queue,
+             IAddressChecker* addressChecker);
+
+  /// After Start.
+  bool IsFsAccessAllowed() const { return fsAccessAllowed_; }
+  const sockaddr_in& PeerAddress() const { return peerAddress_; }
+  const std::string& ClientName() const { return clientName_; }
+
+  /// Worker thread: takes the reply out of the writer and sends it after those before it. Dropped when the connection
+  /// is to be closed.
+  void SendReply(CXDRWriter& writer);
+  /// Takes no more replies; the connection ends when those that are queued are out.
+  void Close();
+  /// Called by the senders: one more request under way, one less.
+  void RequestBegun(std::size_t recordSize);
+  void RequestOver(std::size_t recordSize) noexcept;
+
+ private:
+  class CReceiveCall;
+  class CResumeCall;
+  class CSendCall;
+
+  // Receiving; completion thread.
+  void StartReceive(bool tryFirst);
+  win::io_attempt_t AttemptReceive(int handle, win::SIoResult& result);
+  void OnReceived(platform::error_t error, std::uint32_t bytes);
+  void PlaceReceived(std::size_t bytes);
+  /// Works through what has arrived; false when nothing is to be received any more, or not for now.
+  bool TakeArrived();
+  std::size_t TakeStaged(std::uint8_t* target, std::size_t room);
+  /// False for a mark that ends the connection.
+  bool BeginBody();
+  void GrowBody();
+  void PostRecord();
+  bool PauseIfOverloaded();
+  void OnResumed();
+
+  // Sending; by whoever holds sending_.
+  void PumpReplies();
+  void StartSend(bool tryFirst);
+  win::io_attempt_t AttemptSend(int handle, win::SIoResult& result);
+  std::size_t GatherLocked(iovec* pieces, std::size_t room);
+  void OnSent(platform::error_t error, std::uint32_t bytes);
+  /// True when there is more to send.
+  bool AccountSent(platform::error_t error, std::uint32_t bytes);
+  void DropSentLocked(std::size_t bytes);
+  [[noreturn]] void FailSend(platform::error_t error);
+  bool IsOverloadedLocked(std::size_t divisor) const;
+  bool ShallResumeLocked();
+  void Resume();
+
+  // Constant after Start.
+  bool fsAccessAllowed_ = true;
+  sockaddr_in peerAddress_{};
+  std::string clientName_;
+  boost::shared_ptr<CRequestQueue> queue_;
+
+  // Completion thread only.
+  std::array<std::uint8_t, 4> headerBuffer_{};
+  std::size_t headerBytes_ = 0;
+  boost::shared_ptr<io::byte_buffer_t> body_;
+  std::size_t bodySize_ = 0;  ///< As announced; the buffer may be shorter yet.
+  std::size_t bodyBytes_ = 0;
+  bool expectLarge_ = false;  ///< The last record was large: only the next mark is read ahead.
+  std::size_t receiveRoom_ = 0;
+  /// Bytes that came behind what was asked for: small records arrive many at a time.
+  std::unique_ptr<std::uint8_t[]> staging_;
+  std::size_t stagingBegin_ = 0;
+  std::size_t stagingEnd_ = 0;
+
+  /// Guards all below. Not held across a send.
+  std::mutex sendLock_;
+  std::deque<SXdrSegment> sendQueue_;
+  std::size_t sendOffset_ = 0;  ///< Bytes of the first segment that are out.
+  std::size_t unsentBytes_ = 0;
+  bool sending_ = false;              ///< Someone sends, or a send is pending: new replies only queue up.
+  bool broken_ = false;               ///< A send failed: nothing will go out any more.
+  std::atomic<bool> closing_{false};  ///< Set under the lock.
+  std::size_t requests_ = 0;
+  std::size_t requestBytes_ = 0;
+  bool paused_ = false;
+};
+
+}  // namespace impl

@@ -1,0 +1,230 @@
+// The receiving half of a connection: one state machine over one pending receive.
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <boost/make_shared.hpp>
+#include <cstring>
+#include <utility>
+
+#include "foundation/exc.h"
+#include "foundation/log.h"
+#include "transports/async/async_connection.h"
+#include "transports/async/tcp_response_sender.h"
+#include "transports/sockets/close_tcp_connection.h"
+
+namespace impl {
+namespace {
+
+constexpr std::size_t StagingSize = 8U << 10;
+constexpr std::uint32_t LastFragment = 0x80000000U;
+
+}  // namespace
+
+class CAsyncConnection::CReceiveCall {
+ public:
+  explicit CReceiveCall(CAsyncConnection& connection) : connection_(connection) {}
+  win::io_attempt_t Attempt(int handle, win::SIoResult& result) { return connection_.AttemptReceive(handle, result); }
+  void operator()(platform::error_t error, std::uint32_t bytes) { connection_.OnReceived(error, bytes); }
+
+ private:
+  CAsyncConnection& connection_;
+};
+
+class CAsyncConnection::CResumeCall {
+ public:
+  explicit CResumeCall(CAsyncConnection& connection) : connection_(connection) {}
+  win::io_attempt_t Attempt(int, win::SIoResult&) { return win::io_attempt_t::Done; }
+  void operator()(platform::error_t, std::uint32_t) { connection_.OnResumed(); }
+
+ private:
+  CAsyncConnection& connection_;
+};
+
+void CAsyncConnection::StartReceive(bool tryFirst) {
+  const platform::error_t error =
+      StartIo(new CIOEvent<CReceiveCall>(this, win::io_direction_t::Read, CReceiveCall(*this)), tryFirst);
+  if (error == platform::error::WsaConnectionAborted) {
+    throw CCloseTCPConnection();
+  }
+  if (error != platform::error::Success) {
+    throw exc::win_sys_exc_t("Receive failed", error);
+  }
+}
+
+win::io_attempt_t CAsyncConnection::AttemptReceive(int handle, win::SIoResult& result) {
+  std::array<iovec, 2> pieces{};
+  std::size_t count = 0;
+  receiveRoom_ = 0;
+  const auto add = [&](std::uint8_t* data, std::size_t room) {
+    pieces[count++] = {data, room};
+    receiveRoom_ += room;
+  };
+  if (body_) {
+    add(body_->data() + bodyBytes_, body_->size() - bodyBytes_);
+  }
+  if (!body_ || body_->size() == bodySize_) {
+    if (expectLarge_) {
+      add(headerBuffer_.data() + headerBytes_, headerBuffer_.size() - headerBytes_);
+    } else {
+      add(staging_.get(), StagingSize);
+    }
+  }
+  return TryReceive(handle, pieces.data(), count, result);
+}
+
+void CAsyncConnection::OnReceived(platform::error_t error, std::uint32_t bytes) {
+  logging::quiet_log_scope_t scope(g_nfs_log, "Processing incoming TCP data. Data size: [%1]. Error code: [%2].", bytes,
+                                   error);
+  if (error != platform::error::Success) {
+    if (error != platform::error::NetnameDeleted) {
+      g_nfs_log.Error("Client %1: receive error %2", clientName_, error);
+    }
+  } else if (bytes != 0) {
+    // Fewer bytes than there was room for: the socket was empty, and asking it again at once would be for nothing.
+    const bool mayHaveMore = bytes == receiveRoom_;
+    PlaceReceived(bytes);
+    if (TakeArrived()) {
+      StartReceive(mayHaveMore);
+    }
+  }
+  scope.Success();
+}
+
+void CAsyncConnection::PlaceReceived(std::size_t bytes) {
+  if (body_) {
+    const std::size_t ofBody = std::min(bytes, body_->size() - bodyBytes_);
+    bodyBytes_ += ofBody;
+    bytes -= ofBody;
+  }
+  if (expectLarge_) {
+    headerBytes_ += bytes;
+  } else {
+    stagingEnd_ += bytes;
+  }
+}
+
+bool CAsyncConnection::TakeArrived() {
+  for (;;) {
+    if (!body_) {
+      headerBytes_ += TakeStaged(headerBuffer_.data() + headerBytes_, headerBuffer_.size() - headerBytes_);
+      // With the connection about to be closed, what came with the failed request is not looked at any more.
+      if (headerBytes_ < headerBuffer_.size() || closing_) {
+        return true;
+      }
+      if (!BeginBody()) {
+        return false;
+      }
+    }
+    bodyBytes_ += TakeStaged(body_->data() + bodyBytes_, body_->size() - bodyBytes_);
+    if (bodyBytes_ < body_->size()) {
+      return true;
+    }
+    if (bodyBytes_ < bodySize_) {
+      GrowBody();
+      continue;
+    }
+    PostRecord();
+    if (PauseIfOverloaded()) {
+      return false;
+    }
+  }
+}
+
+std::size_t CAsyncConnection::TakeStaged(std::uint8_t* target, std::size_t room) {
+  const std::size_t length = std::min(room, stagingEnd_ - stagingBegin_);
+  std::memcpy(target, staging_.get() + stagingBegin_, length);
+  stagingBegin_ += length;
+  if (stagingBegin_ == stagingEnd_) {
+    stagingBegin_ = stagingEnd_ = 0;
+  }
+  return length;
+}
+
+bool CAsyncConnection::BeginBody() {
+  std::uint32_t word = 0;
+  std::memcpy(&word, headerBuffer_.data(), sizeof(word));
+  word = ntohl(word);
+  headerBytes_ = 0;
+  if ((word & LastFragment) == 0) {
+    g_nfs_log.Error("Client %1: partial packet not implemented", clientName_);
+    return false;
+  }
+  bodySize_ = word & ~LastFragment;
+  if (bodySize_ == 0) {
+    // A receive of nothing brings nothing, which is how the end of a stream looks.
+    return false;
+  }
+  expectLarge_ = bodySize_ > StagingSize;
+  bodyBytes_ = 0;
+  auto body = boost::make_shared<io::byte_buffer_t>();
+  body->resize(std::min(bodySize_, FirstBodySize));
+  body_ = std::move(body);
+  return true;
+}
+
+void CAsyncConnection::GrowBody() {
+  body_->resize(std::min(bodySize_, body_->size() * 2));
+}
+
+void CAsyncConnection::PostRecord() {
+  const boost::intrusive_ptr<CResponseSender> sender(new CTcpResponseSender(this, bodySize_));
+  queue_->Post(sender, std::move(body_));
+  body_.reset();
+  bodyBytes_ = 0;
+}
+
+bool CAsyncConnection::IsOverloadedLocked(std::size_t divisor) const {
+  return requests_ >= MaxRequests / divisor || requestBytes_ >= MaxRequestBytes / divisor ||
+         unsentBytes_ >= MaxUnsentBytes / divisor;
+}
+
+bool CAsyncConnection::PauseIfOverloaded() {
+  const std::lock_guard guard(sendLock_);
+  paused_ = IsOverloadedLocked(1);
+  return paused_;
+}
+
+bool CAsyncConnection::ShallResumeLocked() {
+  if (!paused_ || IsOverloadedLocked(2)) {
+    return false;
+  }
+  paused_ = false;
+  return true;
+}
+
+void CAsyncConnection::Resume() {
+  CompleteLater(new CIOEvent<CResumeCall>(this, win::io_direction_t::Read, CResumeCall(*this)), {});
+}
+
+void CAsyncConnection::OnResumed() {
+  if (TakeArrived()) {
+    StartReceive(true);
+  }
+}
+
+void CAsyncConnection::RequestBegun(std::size_t recordSize) {
+  const std::lock_guard guard(sendLock_);
+  ++requests_;
+  requestBytes_ += recordSize;
+}
+
+void CAsyncConnection::RequestOver(std::size_t recordSize) noexcept {
+  bool resume = false;
+  {
+    const std::lock_guard guard(sendLock_);
+    --requests_;
+    requestBytes_ -= recordSize;
+    resume = ShallResumeLocked();
+  }
+  if (!resume) {
+    return;
+  }
+  try {
+    Resume();
+  } catch (const std::exception& failure) {
+    // Nothing is received any more: the connection ends with its last request.
+    g_nfs_log.Error("Exception while handling I/O event.", failure);
+  }
+}
+
+}  // namespace impl

@@ -1,0 +1,174 @@
+// The sending half of a connection: replies leave in order, as many at once as are there.
+#include <algorithm>
+#include <climits>
+#include <stdexcept>
+#include <utility>
+
+#include "foundation/exc.h"
+#include "foundation/log.h"
+#include "transports/async/async_connection.h"
+
+namespace impl {
+namespace {
+
+/// Segments of one gather send; what exceeds it goes with the next.
+constexpr std::size_t MaxPieces = 128;
+static_assert(MaxPieces <= IOV_MAX);
+
+}  // namespace
+
+class CAsyncConnection::CSendCall {
+ public:
+  explicit CSendCall(CAsyncConnection& connection) : connection_(connection) {}
+  win::io_attempt_t Attempt(int handle, win::SIoResult& result) { return connection_.AttemptSend(handle, result); }
+  void operator()(platform::error_t error, std::uint32_t bytes) { connection_.OnSent(error, bytes); }
+
+ private:
+  CAsyncConnection& connection_;
+};
+
+void CAsyncConnection::SendReply(CXDRWriter& writer) {
+  if (closing_) {
+    return;
+  }
+  std::vector<SXdrSegment> segments = writer.TakeSegments(true);
+  {
+    const std::lock_guard guard(sendLock_);
+    if (broken_) {
+      return;
+    }
+    for (SXdrSegment& segment : segments) {
+      if (segment.length == 0) {
+        continue;
+      }
+      unsentBytes_ += segment.length;
+      sendQueue_.push_back(std::move(segment));
+    }
+    if (std::exchange(sending_, true)) {
+      return;
+    }
+  }
+  PumpReplies();
+}
+
+void CAsyncConnection::PumpReplies() {
+  for (;;) {
+    win::SIoResult result;
+    const win::io_attempt_t attempt = AttemptSend(GetHandle(), result);
+    if (attempt == win::io_attempt_t::Refused) {
+      FailSend(result.error);
+    }
+    if (attempt != win::io_attempt_t::Done) {
+      StartSend(attempt == win::io_attempt_t::Exhausted);
+      return;
+    }
+    if (!AccountSent(result.error, result.bytes)) {
+      return;
+    }
+  }
+}
+
+void CAsyncConnection::StartSend(bool tryFirst) {
+  const platform::error_t error =
+      StartIo(new CIOEvent<CSendCall>(this, win::io_direction_t::Write, CSendCall(*this)), tryFirst);
+  if (error != platform::error::Success) {
+    FailSend(error);
+  }
+}
+
+void CAsyncConnection::FailSend(platform::error_t error) {
+  {
+    const std::lock_guard guard(sendLock_);
+    broken_ = true;
+  }
+  throw exc::win_sys_exc_t("Send failed", error);
+}
+
+win::io_attempt_t CAsyncConnection::AttemptSend(int handle, win::SIoResult& result) {
+  std::array<iovec, MaxPieces> pieces;
+  std::size_t count = 0;
+  {
+    const std::lock_guard guard(sendLock_);
+    count = GatherLocked(pieces.data(), pieces.size());
+  }
+  // The segments stay where they are: only the sender takes them out, and there is one at a time.
+  return TrySend(handle, pieces.data(), count, result);
+}
+
+std::size_t CAsyncConnection::GatherLocked(iovec* pieces, std::size_t room) {
+  const std::size_t count = std::min(room, sendQueue_.size());
+  std::size_t offset = sendOffset_;
+  for (std::size_t i = 0; i < count; ++i) {
+    const SXdrSegment& segment = sendQueue_[i];
+    if (offset >= segment.length) {
+      throw std::logic_error("Attempting to send already sent buffer");
+    }
+    // sendmsg only reads what the pieces point at.
+    pieces[i] = {const_cast<std::uint8_t*>(segment.buffer->data() + segment.offset + offset),  // NOLINT
+                 segment.length - offset};
+    offset = 0;
+  }
+  return count;
+}
+
+void CAsyncConnection::OnSent(platform::error_t error, std::uint32_t bytes) {
+  logging::quiet_log_scope_t scope(g_nfs_log, "Sending data via TCP. Error code: [%1]. Bytes to send: [%2].", error,
+                                   bytes);
+  // One send a completion: a client that always has room does not keep the others waiting.
+  if (AccountSent(error, bytes)) {
+    StartSend(true);
+  }
+  scope.Success();
+}
+
+bool CAsyncConnection::AccountSent(platform::error_t error, std::uint32_t bytes) {
+  if (error != platform::error::Success) {
+    g_nfs_log.Error("Client %1: send error %1", clientName_);
+  }
+  bool more = false;
+  bool end = false;
+  bool resume = false;
+  {
+    const std::lock_guard guard(sendLock_);
+    if (error != platform::error::Success) {
+      broken_ = true;
+      end = closing_;
+    } else {
+      DropSentLocked(bytes);
+      more = !sendQueue_.empty();
+      sending_ = more;
+      end = !more && closing_;
+      resume = ShallResumeLocked();
+    }
+  }
+  if (end) {
+    CancelIo(win::io_direction_t::Read);
+  }
+  if (resume) {
+    Resume();
+  }
+  return more;
+}
+
+void CAsyncConnection::DropSentLocked(std::size_t bytes) {
+  unsentBytes_ -= bytes;
+  sendOffset_ += bytes;
+  while (!sendQueue_.empty() && sendOffset_ >= sendQueue_.front().length) {
+    sendOffset_ -= sendQueue_.front().length;
+    sendQueue_.pop_front();
+  }
+}
+
+void CAsyncConnection::Close() {
+  bool end = false;
+  {
+    const std::lock_guard guard(sendLock_);
+    closing_ = true;
+    end = !sending_ || broken_;
+  }
+  if (end) {
+    CancelIo(win::io_direction_t::Read);
+  }
+}
+
+}  // namespace impl

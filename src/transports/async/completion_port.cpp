@@ -1,0 +1,284 @@
+#include "transports/async/completion_port.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <limits>
+#include <utility>
+
+#include "foundation/exc.h"
+#include "foundation/log.h"
+
+namespace synch {
+namespace {
+
+/// Key of the wake-up event; objects count from 1.
+constexpr std::uint64_t WakeKey = 0;
+/// Completions handed out between two looks at the descriptors: none waits long behind one that is always ready.
+constexpr std::size_t TurnBudget = 64;
+constexpr std::size_t EventsPerWait = 64;
+
+std::string InHexadecimal(const void* token) {
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), "%p", token);
+  return text.data();
+}
+
+}  // namespace
+
+completion_port_t::completion_port_t() {
+  epoll_ = ::epoll_create1(EPOLL_CLOEXEC);
+  if (epoll_ >= 0) {
+    wakeEvent_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  }
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = WakeKey;
+  if (wakeEvent_ < 0 || ::epoll_ctl(epoll_, EPOLL_CTL_ADD, wakeEvent_, &event) != 0) {
+    const platform::error_t error = platform::LastError();
+    ::close(wakeEvent_);
+    ::close(epoll_);
+    throw exc::win_sys_exc_t("Create I/O Completion port for NFS Server.", error);
+  }
+}
+
+completion_port_t::~completion_port_t() {
+  ::close(wakeEvent_);
+  ::close(epoll_);
+}
+
+void completion_port_t::Run() {
+  logging::log_scope_t scope(g_nfs_log, "IO dispatch loop is started.");
+  loopThread_ = std::this_thread::get_id();
+  while (!stop_) {
+    TakeReadiness();
+    TakePosted();
+    RetryResting();
+    HandOut();
+  }
+  loopThread_ = std::thread::id();
+  scope.Success("IO dispatch queue is finished.");
+}
+
+void completion_port_t::Stop() {
+  {
+    const std::lock_guard guard(lock_);
+    stop_ = true;
+  }
+  stopped_.notify_all();
+  Post(nullptr, nullptr, {});
+}
+
+void completion_port_t::Associate(win::CIoObject& object) {
+  object.port_ = shared_from_this();
+  {
+    const std::lock_guard guard(lock_);
+    object.portKey_ = ++lastKey_;
+    objects_.emplace(object.portKey_, &object);
+  }
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+  event.data.u64 = object.portKey_;
+  if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, object.GetHandle(), &event) != 0) {
+    throw exc::win_sys_exc_t("Socket association with completion port failed", platform::LastError());
+  }
+}
+
+void completion_port_t::Forget(win::CIoObject& object) noexcept {
+  const std::lock_guard guard(lock_);
+  objects_.erase(object.portKey_);
+}
+
+boost::intrusive_ptr<win::CIoObject> completion_port_t::Find(std::uint64_t key) {
+  const std::lock_guard guard(lock_);
+  const auto found = objects_.find(key);
+  // One that is being destroyed waits for this lock before it goes.
+  if (found == objects_.end() || !found->second->TryAddRef()) {
+    return nullptr;
+  }
+  return {found->second, false};
+}
+
+void completion_port_t::Wake() noexcept {
+  const std::uint64_t one = 1;
+  // Can only fail with the event set already.
+  [[maybe_unused]] const auto written = ::write(wakeEvent_, &one, sizeof(one));
+}
+
+void completion_port_t::Post(boost::intrusive_ptr<win::CIoObject> object, const void* token, win::SIoResult result) {
+  if (loopThread_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
+    ready_.push_back({std::move(object), token, result});
+    return;
+  }
+  bool wake = false;
+  {
+    const std::lock_guard guard(lock_);
+    if (abandoned_) {
+      return;
+    }
+    posted_.push_back({object, token, result});
+    wake = !wakePending_;
+    wakePending_ = true;
+  }
+  if (wake) {
+    Wake();
+  }
+}
+
+void completion_port_t::Rest(boost::intrusive_ptr<win::CIoObject> object,
+                             boost::intrusive_ptr<win::CIoEventHandler> handler, platform::error_t error) {
+  bool warn = false;
+  bool wake = false;
+  {
+    const std::lock_guard guard(lock_);
+    if (abandoned_) {
+      return;
+    }
+    if (resting_.empty()) {
+      restUntil_ = clock_t::now() + ExhaustedRest;
+    }
+    resting_.push_back({std::move(object), std::move(handler)});
+    warn = !std::exchange(restWarned_, true);
+    wake = loopThread_.load(std::memory_order_relaxed) != std::this_thread::get_id();
+  }
+  if (warn) {
+    g_nfs_log.Warning("Short of descriptors or memory (error %1). What needs them is tried again until it succeeds.",
+                      error);
+  }
+  if (wake) {
+    Wake();
+  }
+}
+
+void completion_port_t::Pause(std::chrono::milliseconds duration) {
+  std::unique_lock guard(lock_);
+  stopped_.wait_for(guard, duration, [this] { return stop_.load(); });
+}
+
+int completion_port_t::WaitMilliseconds() {
+  if (!ready_.empty()) {
+    return 0;
+  }
+  const std::lock_guard guard(lock_);
+  if (resting_.empty()) {
+    return -1;
+  }
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(restUntil_ - clock_t::now()).count();
+  return static_cast<int>(std::clamp<std::int64_t>(left, 0, std::numeric_limits<int>::max()));
+}
+
+void completion_port_t::TakeReadiness() {
+  std::array<epoll_event, EventsPerWait> events;
+  const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), WaitMilliseconds());
+  if (count < 0) {
+    if (errno != EINTR) {
+      g_nfs_log.Error("IOCP: event dequeueing failed %1", platform::LastError());
+    }
+    return;
+  }
+  for (int i = 0; i < count; ++i) {
+    const epoll_event& event = events[static_cast<std::size_t>(i)];
+    if (event.data.u64 == WakeKey) {
+      std::uint64_t wakeUps = 0;
+      [[maybe_unused]] const auto taken = ::read(wakeEvent_, &wakeUps, sizeof(wakeUps));
+    } else {
+      TellReady(event.data.u64, event.events);
+    }
+  }
+}
+
+void completion_port_t::TellReady(std::uint64_t key, std::uint32_t events) noexcept {
+  const auto object = Find(key);
+  if (!object) {
+    return;
+  }
+  try {
+    constexpr std::uint32_t Broken = EPOLLHUP | EPOLLERR;
+    if ((events & (EPOLLIN | EPOLLRDHUP | Broken)) != 0) {
+      object->OnReady(win::io_direction_t::Read, (events & (EPOLLRDHUP | EPOLLHUP)) != 0);
+    }
+    if ((events & (EPOLLOUT | Broken)) != 0) {
+      object->OnReady(win::io_direction_t::Write, (events & EPOLLHUP) != 0);
+    }
+  } catch (const std::exception& failure) {
+    g_nfs_log.Error("Exception while handling I/O event.", failure);
+  }
+}
+
+void completion_port_t::TakePosted() {
+  const std::lock_guard guard(lock_);
+  wakePending_ = false;
+  for (SCompletion& completion : posted_) {
+    ready_.push_back(std::move(completion));
+  }
+  posted_.clear();
+}
+
+void completion_port_t::RetryResting() {
+  std::vector<SResting> due;
+  {
+    const std::lock_guard guard(lock_);
+    if (resting_.empty() || clock_t::now() < restUntil_) {
+      return;
+    }
+    due.swap(resting_);
+  }
+  for (SResting& resting : due) {
+    win::CIoObject& object = *resting.object;
+    object.TryUntilPending(std::move(resting.handler), true, true);
+  }
+  const std::lock_guard guard(lock_);
+  restWarned_ = !resting_.empty();
+}
+
+void completion_port_t::HandOut() {
+  for (std::size_t i = 0; i < TurnBudget && !ready_.empty() && !stop_; ++i) {
+    SCompletion completion = std::move(ready_.front());
+    ready_.pop_front();
+    if (completion.token != nullptr) {
+      Dispatch(completion);
+    }
+  }
+}
+
+void completion_port_t::Dispatch(SCompletion& completion) noexcept {
+  try {
+    const auto handler = completion.object->TakeEvent(completion.token);
+    if (!handler) {
+      g_nfs_log.Error("There is no IO completion handler for the OVERLAPPED object [%1].",
+                      InHexadecimal(completion.token));
+      return;
+    }
+    handler->OnComplete(*completion.object, completion.result.error, completion.result.bytes);
+  } catch (const std::exception& failure) {
+    g_nfs_log.Error("Exception while handling I/O event.", failure);
+  }
+}
+
+void completion_port_t::Abandon() {
+  std::vector<boost::intrusive_ptr<win::CIoObject>> objects;
+  std::vector<SCompletion> posted;
+  std::vector<SResting> resting;
+  {
+    const std::lock_guard guard(lock_);
+    abandoned_ = true;
+    posted.swap(posted_);
+    resting.swap(resting_);
+    for (const auto& [key, object] : objects_) {
+      if (object->TryAddRef()) {
+        objects.emplace_back(object, false);
+      }
+    }
+  }
+  ready_.clear();
+  for (const auto& object : objects) {
+    object->AbandonIo();
+  }
+}
+
+}  // namespace synch

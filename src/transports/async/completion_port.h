@@ -1,0 +1,95 @@
+// The completion port: one loop that tells each finished operation to the object that waits for it.
+#pragma once
+
+#include <atomic>
+#include <boost/shared_ptr.hpp>
+#include <boost/smart_ptr/enable_shared_from_this.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "transports/async/io_object.h"
+
+namespace synch {
+
+/// Readiness turned into completions. A descriptor is registered once, edge-triggered; operations are tried at once and
+/// wait here only when they would block. Run is called by one thread, the completion thread; the rest by any.
+class completion_port_t : public boost::enable_shared_from_this<completion_port_t> {
+ public:
+  /// How long an operation rests that found the process out of descriptors or memory.
+  static constexpr std::chrono::milliseconds ExhaustedRest{100};
+
+  /// Throws win_sys_exc_t. The owner is a boost::shared_ptr.
+  completion_port_t();
+  completion_port_t(const completion_port_t&) = delete;
+  completion_port_t& operator=(const completion_port_t&) = delete;
+  ~completion_port_t();
+
+  /// Hands out completions until Stop. One operation's failure never ends it.
+  void Run();
+  void Stop();
+  /// Joins an object with its descriptor to the port, once. The caller holds a reference. Throws win_sys_exc_t.
+  void Associate(win::CIoObject& object);
+
+  /// Queues a completion; a null object with a null token merely wakes the loop. Dropped after Abandon.
+  void Post(boost::intrusive_ptr<win::CIoObject> object, const void* token, win::SIoResult result);
+  /// Waits on the completion thread; ends early at Stop.
+  void Pause(std::chrono::milliseconds duration);
+  /// After Run has returned and nothing starts operations any more: drops all pending ones and with them the objects
+  /// that nobody else holds. The second call finds nothing to do.
+  void Abandon();
+
+ private:
+  friend class win::CIoObject;
+
+  struct SCompletion {
+    boost::intrusive_ptr<win::CIoObject> object;
+    const void* token = nullptr;
+    win::SIoResult result;
+  };
+  struct SResting {
+    boost::intrusive_ptr<win::CIoObject> object;
+    boost::intrusive_ptr<win::CIoEventHandler> handler;
+  };
+  using clock_t = std::chrono::steady_clock;
+
+  void Rest(boost::intrusive_ptr<win::CIoObject> object, boost::intrusive_ptr<win::CIoEventHandler> handler,
+            platform::error_t error);
+  void Forget(win::CIoObject& object) noexcept;
+  boost::intrusive_ptr<win::CIoObject> Find(std::uint64_t key);
+  void Wake() noexcept;
+  int WaitMilliseconds();
+  void TakeReadiness();
+  void TellReady(std::uint64_t key, std::uint32_t events) noexcept;
+  void TakePosted();
+  void RetryResting();
+  void HandOut();
+  static void Dispatch(SCompletion& completion) noexcept;
+
+  int epoll_ = -1;
+  int wakeEvent_ = -1;
+  std::atomic<bool> stop_{false};
+  std::atomic<std::thread::id> loopThread_{};
+
+  /// Completion thread only.
+  std::deque<SCompletion> ready_;
+
+  /// Guards all below. Taken under no other lock.
+  std::mutex lock_;
+  std::condition_variable stopped_;
+  std::unordered_map<std::uint64_t, win::CIoObject*> objects_;
+  std::uint64_t lastKey_ = 0;
+  std::vector<SCompletion> posted_;
+  bool wakePending_ = false;
+  std::vector<SResting> resting_;
+  clock_t::time_point restUntil_{};
+  bool restWarned_ = false;
+  bool abandoned_ = false;
+};
+
+}  // namespace synch

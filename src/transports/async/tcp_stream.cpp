@@ -1,0 +1,83 @@
+#include "transports/async/tcp_stream.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "foundation/exc.h"
+
+namespace win {
+namespace {
+
+int MakeSocket() {
+  const int handle = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
+  if (handle < 0) {
+    throw exc::win_sys_exc_t("Socket creation failed", platform::SocketErrorFromErrno(errno));
+  }
+  return handle;
+}
+
+/// What the failure of a transfer means: most are the end of the connection, the rest is a call that was wrong.
+io_attempt_t Judge(int errnoValue, SIoResult& result) noexcept {
+  switch (errnoValue) {
+    case EAGAIN:
+    case EINTR:
+      return io_attempt_t::WouldBlock;
+    case ENOMEM:
+    case ENOBUFS:
+      result.error = platform::SocketErrorFromErrno(errnoValue);
+      return io_attempt_t::Exhausted;
+    case ECONNRESET:
+    case EPIPE:
+      result.error = platform::error::NetnameDeleted;
+      return io_attempt_t::Done;
+    case EBADF:
+    case ENOTSOCK:
+    case ENOTCONN:
+    case EINVAL:
+    case EFAULT:
+    case ECONNABORTED:
+      result.error = platform::SocketErrorFromErrno(errnoValue);
+      return io_attempt_t::Refused;
+    default:
+      result.error = platform::SocketErrorFromErrno(errnoValue);
+      return io_attempt_t::Done;
+  }
+}
+
+template <typename Transfer>
+io_attempt_t Move(Transfer transfer, SIoResult& result) noexcept {
+  ssize_t moved = 0;
+  do {
+    moved = transfer();
+  } while (moved < 0 && errno == EINTR);
+  if (moved < 0) {
+    return Judge(errno, result);
+  }
+  result.bytes = static_cast<std::uint32_t>(moved);
+  return io_attempt_t::Done;
+}
+
+msghdr Message(iovec* pieces, std::size_t count) noexcept {
+  msghdr message{};
+  message.msg_iov = pieces;
+  message.msg_iovlen = count;
+  return message;
+}
+
+}  // namespace
+
+CTcpStream::CTcpStream() : CSocket(MakeSocket()) {}
+
+io_attempt_t CTcpStream::TryReceive(int handle, iovec* pieces, std::size_t count, SIoResult& result) noexcept {
+  msghdr message = Message(pieces, count);
+  return Move([&] { return ::recvmsg(handle, &message, MSG_DONTWAIT); }, result);
+}
+
+io_attempt_t CTcpStream::TrySend(int handle, iovec* pieces, std::size_t count, SIoResult& result) noexcept {
+  const msghdr message = Message(pieces, count);
+  return Move([&] { return ::sendmsg(handle, &message, MSG_DONTWAIT | MSG_NOSIGNAL); }, result);
+}
+
+}  // namespace win

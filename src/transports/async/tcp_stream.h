@@ -1,0 +1,44 @@
+// A TCP socket over IPv4 with overlapped operations.
+#pragma once
+
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <utility>
+
+#include "transports/async/socket.h"
+
+namespace win {
+
+/// One side of a TCP connection, or a listener. Descriptors do not block and are not inherited.
+class CTcpStream : public CSocket {
+ public:
+  /// One receive or send. call_on_io is asked for Attempt(handle, result), and is called with error and bytes when the
+  /// operation is over.
+  template <typename call_on_io>
+  class CIOEvent : public CIoEventHandler {
+   public:
+    CIOEvent(boost::intrusive_ptr<CTcpStream> stream, io_direction_t direction, call_on_io call)
+        : CIoEventHandler(std::move(stream), direction), call_(std::move(call)) {}
+    io_attempt_t Attempt(int handle, SIoResult& result) override { return call_.Attempt(handle, result); }
+    void OnComplete(CIoObject&, platform::error_t error, std::uint32_t bytes) override { call_(error, bytes); }
+
+   private:
+    call_on_io call_;
+  };
+
+  /// A socket of its own. Throws win_sys_exc_t.
+  CTcpStream();
+
+ protected:
+  /// Without a descriptor until an accept brings one.
+  struct SUnconnected {};
+  explicit CTcpStream(SUnconnected) noexcept : CSocket(-1) {}
+
+  /// One receive into up to count pieces; 64 when the peer has gone.
+  static io_attempt_t TryReceive(int handle, iovec* pieces, std::size_t count, SIoResult& result) noexcept;
+  /// One gather send of count pieces.
+  static io_attempt_t TrySend(int handle, iovec* pieces, std::size_t count, SIoResult& result) noexcept;
+};
+
+}  // namespace win
