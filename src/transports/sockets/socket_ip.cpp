@@ -77,6 +77,11 @@ CSocketIP::~CSocketIP() {
   Close();
 }
 
+SSocketStatistics& CSocketIP::Statistics() noexcept {
+  static SSocketStatistics statistics;
+  return statistics;
+}
+
 void CSocketIP::Connect(const std::string& address, std::uint16_t port) {
   sockaddr_in target{};
   target.sin_family = AF_INET;
