@@ -83,8 +83,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   if (wasFound)
     TakeOverOldRec(*rec, fid, removed);
   items_[fid] = rec;
-  if (!wasFound)
-    listing_.emplace(SListingKey{parentFid, prepared.name}, fid);
+  PutListing(parentFid, prepared.name, fid);
 
   FreeStoredPlace(parentFid, prepared.name, fid);
   ForgetMove(fid);
@@ -188,7 +187,7 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const 
     EraseListing(*rec, fid);
     rec->name = newName;
     rec->parentFid = newParentFid;
-    listing_.insert_or_assign(SListingKey{newParentFid, newName}, fid);
+    PutListing(newParentFid, newName, fid);
   });
 }
 

@@ -1,6 +1,7 @@
 #include "vfs/virtual_fs/virtual_fs.h"
 
 #include <boost/make_shared.hpp>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -57,6 +58,7 @@ void CVirtualFs::Initialize() {
   updateSink_ = boost::make_shared<CRegConfigUpdateSink>(regConfig_);
   itemsTab_ = boost::make_shared<CFsItemsTab>(updateSink_);
   ResumeShares(catalogue);
+  ResumeRemoteItems(catalogue);
   ClearStaleItems(catalogue);
 }
 
@@ -76,12 +78,18 @@ void CVirtualFs::ResumeShare(const GUID& uid, const boost::shared_ptr<CNfsShareC
     if (node.parentFid != InvalidFid || !platform::EqualIgnoringCase(node.itemName, cfg->nfsFolderName))
       continue;
     MountShare(uid, cfg, fid);
-    CItemsResumer resumer(*itemsTab_, catalogue.items);
-    resumer.ResumeHostFolders(fid);
-    resumer.ResumeNodeChildren(fid);
+    CItemsResumer(*itemsTab_, catalogue.items).ResumeHostFolders(fid);
     return;
   }
   MountShare(uid, cfg, InvalidFid);
+}
+
+void CVirtualFs::ResumeRemoteItems(const SRegConfigData& catalogue) {
+  std::set<GUID> uids;
+  itemsTab_->GetShareUids(uids);
+  CItemsResumer resumer(*itemsTab_, catalogue.items);
+  for (const GUID& uid : uids)
+    resumer.ResumeNodeChildren(itemsTab_->GetShareFid(uid));
 }
 
 void CVirtualFs::MountShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, std::uint64_t fid) {

@@ -130,6 +130,8 @@ class CVirtualFs {
   void Initialize();
   void ResumeShares(const SRegConfigData& catalogue);
   void ResumeShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, const SRegConfigData& catalogue);
+  /// After the mounts are back: what was stored below the shares, of the host and of the mounts.
+  void ResumeRemoteItems(const SRegConfigData& catalogue);
   void MountShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, std::uint64_t fid);
   void ClearStaleItems(const SRegConfigData& catalogue);
   void CheckNotLocked() const;

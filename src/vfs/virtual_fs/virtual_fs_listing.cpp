@@ -50,10 +50,20 @@ class CListing {
       actual_.emplace(std::move(name), known->second);
       return;
     }
-    if (auto item = folder.OpenChild(name)) {
+    if (auto item = Open(folder, name)) {
       newItems_.push_back({std::move(name), std::move(item)});
       if (newItems_.size() == MaxNewItems)
         AddNewItems();
+    }
+  }
+
+  /// An entry that cannot be opened, as a link that leads out of the share, does not hide the others.
+  static boost::shared_ptr<IFsItem> Open(IFsFolder& folder, const std::string& name) {
+    try {
+      return folder.OpenChild(name);
+    } catch (const std::exception& failure) {
+      g_nfs_log.Warning(exc::FormatText("Item [%1] cannot be opened and is left out of the listing.", name), failure);
+      return {};
     }
   }
 

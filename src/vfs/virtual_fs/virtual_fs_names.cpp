@@ -46,10 +46,15 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
     g_nfs_log.Info(
         "Item [%1] is registered in the Nfs hierarchy but the corresponding object on the disk was already deleted.",
         itemsTab_->GetItemPath(fid));
-    itemsTab_->RemoveItem(fid);
-  }
-  if (IsDotName(name))
+    if (IsDotName(name)) {
+      itemsTab_->RemoveItem(fid);
+      return InvalidFid;
+    }
+    // Another client may have met the same and been faster.
+    itemsTab_->RemoveChildIf(parentFid, name, fid);
+  } else if (IsDotName(name)) {
     return InvalidFid;
+  }
 
   std::vector<boost::shared_ptr<IFsFolder>> mirrors;
   itemsTab_->GetFolderMirrors(parentFid, mirrors);
@@ -251,7 +256,7 @@ void CVirtualFs::RemoveDir(const RMDIR3args& args, const sockaddr_in& client, RM
           throw CVirtualFsExc("Item [%1] is not folder.", itemsTab_->GetItemPath(fid), NFS3ERR_NOTDIR);
         }
         folder->DeleteChild(name);
-        itemsTab_->RemoveItem(fid);
+        itemsTab_->RemoveChildIf(parentFid, name, fid);
         g_nfs_log.Info("Subfolder was deleted.");
       },
       [&](const std::exception& failure, nfsstat3) {

@@ -1,5 +1,7 @@
 // Shares and folders, and what the lock refuses.
 #include "config/reg_config.h"
+#include "hostfs/host_fs_folder.h"
+#include "vfs/table/host_folder_path.h"
 #include "virtual_fs_fixture.h"
 
 namespace test {
@@ -145,6 +147,31 @@ TEST_F(Administration, AFileIsNoFolderToDelete) {
   PutLocal("disk", "keep");
   EXPECT_THROW(fs->DeleteHostFolder(shareUid, "disk"), exc::runtime_exc_t);
   EXPECT_EQ(GetLocal("disk"), "keep");
+}
+
+TEST_F(Administration, OnlyAFolderOfTheHostIsOne) {
+  const auto& table = *fs->ItemsTab();
+  EXPECT_EQ(GetHostFolder(table, root)->LocalPath(), local.string());
+  const auto file = MakeFile(root, "disk");
+  EXPECT_EQ(ThrownText<exc::runtime_exc_t>([&] { GetHostFolder(table, file); }),
+            "NFS item [" + table.GetItemPath(file) + "] does not refer to local folder.");
+  const auto fake = PublishFake(boost::make_shared<SFakeBackend>());
+  EXPECT_THROW(GetHostFolder(table, fake), exc::runtime_exc_t);
+  EXPECT_THROW(GetHostFolder(table, 4711), CVirtualFsExc);
+}
+
+TEST_F(Administration, APathIsFollowedOnTheDisk) {
+  auto& table = *fs->ItemsTab();
+  PutLocal("a/b/disk");
+  EXPECT_EQ(SyncHostFolderPath(table, Guid(9), "a"), InvalidFid);
+  EXPECT_EQ(SyncHostFolderPath(table, shareUid, ""), root);
+  const auto file = SyncHostFolderPath(table, shareUid, "/a\\b/disk");
+  EXPECT_EQ(file, Find(Find(Find(root, "a"), "b"), "disk"));
+  EXPECT_TRUE(IsStored(file));
+  EXPECT_EQ(SyncHostFolderPath(table, shareUid, "a/b/disk/below"), InvalidFid);
+  std::filesystem::remove(local / "a/b/disk");
+  EXPECT_EQ(SyncHostFolderPath(table, shareUid, "a/b/disk"), InvalidFid);
+  EXPECT_EQ(GetAttrs(file).status, NFS3ERR_STALE);
 }
 
 TEST_F(Administration, TheLockStopsAdministrationAndNotTheClients) {

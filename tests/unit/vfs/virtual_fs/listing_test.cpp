@@ -158,6 +158,16 @@ TEST_F(Listing, WhatHasGoneLeavesTheTable) {
   EXPECT_FALSE(IsStored(fid));
 }
 
+TEST_F(Listing, ALinkThatLeadsOutDoesNotHideTheOthers) {
+  PutLocal("disk");
+  PutLocal("../secret/file");
+  std::filesystem::create_symlink(temp.Path(), local / "absolute");
+  std::filesystem::create_symlink("../secret", local / "relative");
+  std::filesystem::create_symlink("nowhere", local / "dangling");
+  EXPECT_EQ(List(root), std::vector<std::string>{"disk"});
+  EXPECT_NE(Lookup(root, "relative").status, NFS3_OK);
+}
+
 TEST_F(Listing, HandlesStayOverListings) {
   const auto fake = Fill(3);
   const auto first = ReadDirPlus(fake).entries;
