@@ -1,0 +1,138 @@
+// What renames do to the entries, and to the items that stand for them.
+#include <thread>
+
+#include "unit/hostfs/host_fs_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace error = platform::error;
+
+class HostFsRename : public test::HostFs {};
+
+TEST_F(HostFsRename, ReplacesWhatHasTheName) {
+  Put("old", "old");
+  Put("new", "new");
+  root->RenameChild("old", "new");
+  EXPECT_FALSE(IsThere("old"));
+  EXPECT_EQ(Get("new"), "old");
+}
+
+TEST_F(HostFsRename, FailureTellsBothPathsAndMovesNothing) {
+  const std::string text = "Failed to rename file from [" + Path("old") + "] to [" + Path("new") + "].";
+  EXPECT_EQ(NumberOf([&] { root->RenameChild("old", "new"); }, text), error::FileNotFound);
+  Put("old", "old");
+  const auto file = File("old");
+  files.faults.beforeRename = [](const platform::location_t&) { return error::AccessDenied; };
+  EXPECT_EQ(NumberOf([&] { root->RenameChild("old", "new"); }, text), error::AccessDenied);
+  EXPECT_EQ(Read(*file), "old");
+}
+
+TEST_F(HostFsRename, ItemsOfAFileFollowIt) {
+  Put("old", "old");
+  const auto first = File("old");
+  const auto second = File("old");
+  EXPECT_EQ(Read(*first), "old");
+  root->RenameChild("old", "new");
+  Put("old", "another");
+  SFsItemSpec spec;
+  for (const auto& file : {first, second}) {
+    EXPECT_TRUE(file->Exists());
+    file->GetItemSpec(spec);
+    EXPECT_EQ(spec.path, Path("new"));
+    EXPECT_EQ(Read(*file), "old");
+  }
+  Write(*first, "NEW");
+  EXPECT_EQ(Get("new"), "NEW");
+  EXPECT_EQ(Get("old"), "another");
+  EXPECT_EQ(Read(*File("old")), "another");
+  EXPECT_EQ(Read(*File("new")), "NEW");
+}
+
+TEST_F(HostFsRename, EverythingBelowAFolderFollowsIt) {
+  fs::create_directories(Path("a/b"));
+  Put("a/b/file", "text");
+  const auto outer = Folder("a");
+  const auto inner = AsFolder(outer->OpenChild("b"));
+  const auto file = AsFile(inner->OpenChild("file"));
+  EXPECT_EQ(Read(*file), "text");
+  root->RenameChild("a", "c");
+  outer->RenameChild("b", "d");
+  EXPECT_EQ(inner->LocalPath(), Path("c/d"));
+  EXPECT_EQ(Read(*file), "text");
+  Write(*file, "TEXT");
+  EXPECT_EQ(Get("c/d/file"), "TEXT");
+  EXPECT_EQ(Names(*inner), std::vector<std::string>{"file"});
+  fs::create_directories(Path("a/b"));
+  Put("a/b/file", "another");
+  EXPECT_EQ(Read(*file), "TEXT");
+  EXPECT_EQ(Read(*AsFile(AsFolder(Folder("a")->OpenChild("b"))->OpenChild("file"))), "another");
+}
+
+TEST_F(HostFsRename, ItemOfAReplacedFileIsGone) {
+  Put("old", "old");
+  Put("new", "new");
+  const auto replaced = File("new");
+  EXPECT_EQ(Read(*replaced), "new");
+  root->RenameChild("old", "NEW");
+  EXPECT_FALSE(replaced->Exists());
+  EXPECT_EQ(NumberOf([&] { Read(*replaced); }), error::FileNotFound);
+  EXPECT_EQ(NumberOf([&] { Write(*replaced, "x"); }), error::FileNotFound);
+  EXPECT_EQ(Get("NEW"), "old");
+  SFsItemSpec spec;
+  replaced->GetItemSpec(spec);
+  EXPECT_EQ(spec.path, Path("new"));
+}
+
+TEST_F(HostFsRename, ChangeOfCaseAndOfNothing) {
+  Put("name", "text");
+  const auto file = File("name");
+  EXPECT_EQ(Read(*file), "text");
+  root->RenameChild("name", "Name");
+  EXPECT_EQ(Names(*root), std::vector<std::string>{"Name"});
+  EXPECT_EQ(Read(*file), "text");
+  root->RenameChild("NAME", "Name");
+  EXPECT_EQ(Read(*file), "text");
+  EXPECT_EQ(Names(*root), std::vector<std::string>{"Name"});
+}
+
+TEST_F(HostFsRename, HandleOpenedBetweenIsNotLeftUnderTheOldPath) {
+  Put("old", "old");
+  const auto file = File("old");
+  files.faults.beforeRename = [&](const platform::location_t&) {
+    EXPECT_EQ(Read(*file), "old");  // Opens the old path just before it goes.
+    return 0U;
+  };
+  root->RenameChild("old", "new");
+  files.faults.beforeRename = nullptr;
+  Put("old", "another");
+  EXPECT_EQ(Read(*File("old")), "another");
+  EXPECT_EQ(Read(*file), "old");
+}
+
+TEST_F(HostFsRename, ReadersMeanwhileAlwaysFindTheFile) {
+  Put("a", "text");
+  const auto file = File("a");
+  std::thread reader([&] {
+    for (int round = 0; round < 2000; ++round) {
+      ASSERT_EQ(Read(*file), "text");
+      ASSERT_TRUE(file->Exists());
+    }
+  });
+  for (int round = 0; round < 300; ++round) {
+    root->RenameChild("a", "b");
+    root->RenameChild("b", "a");
+  }
+  reader.join();
+}
+
+TEST_F(HostFsRename, ItemsAreForgottenWithTheirLastHolder) {
+  for (int round = 0; round < 3; ++round) {
+    Put("file", std::to_string(round));
+    EXPECT_EQ(Read(*File("file")), std::to_string(round));
+    root->RenameChild("file", "moved");
+    EXPECT_EQ(Read(*File("moved")), std::to_string(round));
+  }
+}
+
+}  // namespace
