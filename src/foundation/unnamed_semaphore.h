@@ -17,7 +17,7 @@ class CUnnamedSemaphore final : public waitable_t {
   /// Throws win_sys_exc_t "Cannot release a semaphore object." and changes nothing when the count would pass the
   /// maximum, or count is below 1.
   void Release(std::int32_t count = 1);
-  std::int32_t Count() const noexcept { return count_.load(std::memory_order_acquire); }
+  std::int32_t Count() const noexcept { return count_.load(std::memory_order_seq_cst); }
   bool TryTake() noexcept override;
 
  protected:

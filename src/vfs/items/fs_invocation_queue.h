@@ -32,9 +32,10 @@ class CFsInvocation {
   boost::shared_ptr<IFsProcCompletionCallback> callback_;
 };
 
-/// How many procedures may wait, and how long a caller waits for its place.
+/// How many procedures may wait, and how long each wait may last, in milliseconds. Tests shorten them.
 struct SFsInvocationLimits {
   std::int32_t slots = 1000;
+  /// Of a caller, for a slot.
   std::uint32_t pushLimitMs = 600000;
   /// How long the end of a pool waits for a thread before it says so, and after.
   std::uint32_t stopLimitMs = 180000;
@@ -51,7 +52,7 @@ struct SFsInvocationLimits {
 /// difference by order or by overlap.
 class CFsInvocationQueue {
  public:
-  CFsInvocationQueue(std::uint32_t runners, const SFsInvocationLimits& limits);
+  explicit CFsInvocationQueue(std::uint32_t runners, const SFsInvocationLimits& limits = {});
   CFsInvocationQueue(const CFsInvocationQueue&) = delete;
   CFsInvocationQueue& operator=(const CFsInvocationQueue&) = delete;
 
@@ -62,13 +63,19 @@ class CFsInvocationQueue {
   /// is set, which goes before everything else. Throws runtime_exc_t "CFsInvocationQueue::Pop(): Queue has been
   /// broken".
   CFsInvocation Pop(synch::manual_event_t& stopEvent);
-  /// True when nothing waits, a place is free and the queue is open: the place is the caller's until Finish. Waits for
+  /// Gives the place of a record from Pop back.
+  void Finish() noexcept;
+  /// True when nothing waits, a place is free and loans are open: the place is the caller's until FinishLoan. Waits for
   /// nothing, takes no lock.
   bool TryBorrow() noexcept;
-  /// Gives a runner's place back.
-  void Finish() noexcept;
-  /// No more loans. Returns when those that are out are back, or when the limit (milliseconds) passed: false then.
-  bool EndLoans(std::uint32_t limitMs);
+  void FinishLoan() noexcept;
+
+  /// No more loans.
+  void CloseLoans() noexcept;
+  /// After CloseLoans: waits, without a limit, until a runner's place is free.
+  void WaitForPlace() noexcept;
+  /// After CloseLoans: waits until all loans are back; false when the limit (milliseconds) passed.
+  bool WaitForLoans(std::uint32_t limitMs) noexcept;
   /// Cancels what is queued, in order, and all that comes later.
   void Break();
 
@@ -76,19 +83,22 @@ class CFsInvocationQueue {
 
  private:
   bool TryPopRecord(CFsInvocation& record);
+  void TellThreads();
+  void GiveBack(std::uint64_t places) noexcept;
 
-  const SFsInvocationLimits limits_;
   const std::uint32_t runners_;
-  /// Records that wait (low half), places in use (next 16 bits), loans closed, queue broken. Waiting grows and shrinks
-  /// under lock_ alone; a loan is taken by one exchange of the word.
+  const std::uint32_t pushLimitMs_;
+  /// Records that wait, places in use, loans among these, and two flags; see the .cpp. The number of waiting records
+  /// changes under lock_ alone; a loan is taken by one exchange of the word.
   std::atomic<std::uint64_t> state_{0};
   /// Tells the threads to look: whenever records wait and a place is free, there is a count here or a thread that is
   /// about to look anyway.
   synch::CUnnamedSemaphore items_;
   synch::CUnnamedSemaphore freeSlots_;
   synch::manual_event_t broken_;
-  /// Set when no place is in use after the end of loans.
-  synch::manual_event_t idle_;
+  /// Both are set once loans are closed: a place is free, and no loan is out.
+  synch::manual_event_t placeFree_;
+  synch::manual_event_t noLoans_;
 
   mutable std::mutex lock_;
   /// Guarded by lock_.

@@ -28,20 +28,19 @@ class CFsInvocationThreadPool {
   void Stop() noexcept;
 
   CFsInvocationQueue& Queue() noexcept { return *queue_; }
-  const boost::shared_ptr<CCompletionEventsAllocator>& CompletionEventsAllocator() const noexcept {
-    return completionEventsAllocator_;
-  }
   std::size_t ThreadCount() const noexcept { return threads_.size(); }
 
  private:
   /// What the threads share; a thread that outlives a failed stop keeps it.
   struct shared_t;
 
-  static void ThreadProc(const std::string& name, shared_t& shared);
+  static void ThreadProc(shared_t& shared) noexcept;
   void StopThread(synch::thread_t& thread) noexcept;
+  void WaitForLoans();
 
   const std::string name_;
   const SFsInvocationLimits limits_;
+  /// Kept for the callers whose events must not go before the threads do.
   const boost::shared_ptr<CCompletionEventsAllocator> completionEventsAllocator_;
   const boost::shared_ptr<CFsInvocationQueue> queue_;
   const boost::shared_ptr<shared_t> shared_;

@@ -17,7 +17,7 @@ class IFsProcCompletionCallback;
 
 /// An item as the catalogue stores it.
 struct SFsItemSpec {
-  std::string path;             ///< Host path, or the remote path of an item behind a mount agent.
+  std::string path;  ///< Host path, or the remote path of an item behind a mount agent.
   bool isFolder = false;
   bool isRfsItem = false;
   GUID mountUid;                ///< Of the backup mount; nil for a host item.

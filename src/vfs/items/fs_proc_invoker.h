@@ -27,8 +27,9 @@ class CFsProcInvoker {
 
   /// Queues the procedure and returns. Throws runtime_exc_t when the queue stays full for ten minutes.
   void Invoke(boost::shared_ptr<IFsProc> proc, boost::shared_ptr<IFsProcCompletionCallback> callback);
-  /// Runs the procedure as Invoke does and waits for its end; throws what it throws, of its own dynamic type.
-  void InvokeAndWait(boost::shared_ptr<IFsProc> proc);
+  /// Queues the procedure and waits for its end, on an event of the allocator; throws what it throws, of its own
+  /// dynamic type. The procedure may outlive the call when the wait ran out of its 21 days.
+  void InvokeAndWait(boost::shared_ptr<IFsProc> proc, boost::shared_ptr<CCompletionEventsAllocator> allocator);
 
   /// Lets what runs come to its end and cancels all else, now and later: "Procedure is cancelled.". Not on a thread of
   /// the pool. A second call does nothing.
@@ -45,7 +46,7 @@ class CFsProcInvoker {
     CLoan& operator=(const CLoan&) = delete;
     ~CLoan() {
       if (queue_ != nullptr)
-        queue_->Finish();
+        queue_->FinishLoan();
     }
     explicit operator bool() const noexcept { return queue_ != nullptr; }
 

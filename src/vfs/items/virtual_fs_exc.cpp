@@ -10,7 +10,8 @@ struct status_name_t {
   const char* name;
 };
 
-constexpr status_name_t Names[] = {
+// In the order of the numbers.
+constexpr status_name_t StatusNames[] = {
     {0, "NFS3_OK"},
     {1, "NFS3ERR_PERM"},
     {2, "NFS3ERR_NOENT"},
@@ -22,6 +23,7 @@ constexpr status_name_t Names[] = {
     {19, "NFS3ERR_NODEV"},
     {20, "NFS3ERR_NOTDIR"},
     {21, "NFS3ERR_ISDIR"},
+    // Written so in the logs that tools read; 10005 likewise.
     {22, "NFS3ERR_INVA"},
     {27, "NFS3ERR_FBIG"},
     {28, "NFS3ERR_NOSPC"},
@@ -45,13 +47,15 @@ constexpr status_name_t Names[] = {
 }  // namespace
 
 std::string NfsStatusName(nfsstat3 status) {
-  const auto* found = std::find_if(std::begin(Names), std::end(Names),
-                                   [status](const status_name_t& row) { return row.status == status; });
-  return found == std::end(Names) ? std::to_string(status) : found->name;
+  const auto place = std::lower_bound(std::begin(StatusNames), std::end(StatusNames), status,
+                                      [](const status_name_t& entry, nfsstat3 value) { return entry.status < value; });
+  if (place != std::end(StatusNames) && place->status == status)
+    return place->name;
+  return std::to_string(status);
 }
 
 CVirtualFsExc::CVirtualFsExc(nfsstat3 status)
-    : CVirtualFsExc("NFS error:%1 Code: %2", NfsStatusName(status), std::to_string(status), status) {}
+    : exc_of_t(exc::FormatText("NFS error:%1 Code: %2", NfsStatusName(status), status)), status_(status) {}
 
 CVirtualFsExc::CVirtualFsExc(std::string_view message, nfsstat3 status)
     : exc_of_t(std::string(message)), status_(status) {}
@@ -68,9 +72,9 @@ std::string CVirtualFsExc::GetKind() const {
 }
 
 nfsstat3 StatusFromException(const std::exception& exception) {
-  if (const auto* own = dynamic_cast<const CVirtualFsExc*>(&exception))
+  if (const auto* const own = dynamic_cast<const CVirtualFsExc*>(&exception))
     return own->Status();
-  if (const auto* system = dynamic_cast<const exc::win_sys_exc_t*>(&exception))
+  if (const auto* const system = dynamic_cast<const exc::win_sys_exc_t*>(&exception))
     return system->Code();
   return NFS3ERR_SERVERFAULT;
 }
