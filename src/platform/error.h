@@ -27,6 +27,7 @@ inline constexpr error_t DiskFull = 112;
 inline constexpr error_t CallNotImplemented = 120;
 inline constexpr error_t SemaphoreTimeout = 121;
 inline constexpr error_t DirNotEmpty = 145;
+inline constexpr error_t Busy = 170;
 inline constexpr error_t AlreadyExists = 183;
 inline constexpr error_t FilenameExceedsRange = 206;
 inline constexpr error_t FileTooLarge = 223;
