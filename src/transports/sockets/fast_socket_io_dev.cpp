@@ -8,26 +8,25 @@
 
 namespace io::net {
 
-CFastSocketIoDev::CFastSocketIoDev(boost::shared_ptr<io_dev_t> device, std::size_t bufferSize)
-    : device_(std::move(device)), buffer_(std::max<std::size_t>(bufferSize, 1)) {}
+CFastSocketIoDev::CFastSocketIoDev(boost::shared_ptr<io_dev_t> device, std::size_t size)
+    : device_(std::move(device)), buffer_(std::max<std::size_t>(size, 1)) {}
 
 CFastSocketIoDev::~CFastSocketIoDev() {
   try {
     Flush();
   } catch (const std::exception& failure) {
-    g_log.Warning("Buffered data was not sent.", failure);
+    g_nfs_log.Error("Failed to send the rest of a buffer.", failure);
   }
 }
 
 std::uint64_t CFastSocketIoDev::Write(const void* data, std::uint64_t length) {
-  const auto* place = static_cast<const std::uint8_t*>(data);
-  std::uint64_t left = length;
-  while (left > 0) {
-    const std::size_t step = std::min<std::size_t>(left, buffer_.size() - fill_);
-    std::memcpy(buffer_.data() + fill_, place, step);
-    fill_ += step;
-    place += step;
-    left -= step;
+  const auto* bytes = static_cast<const std::uint8_t*>(data);
+  for (std::uint64_t left = length; left > 0;) {
+    const std::size_t part = std::min<std::uint64_t>(left, buffer_.size() - fill_);
+    std::memcpy(buffer_.data() + fill_, bytes, part);
+    fill_ += part;
+    bytes += part;
+    left -= part;
     if (fill_ == buffer_.size())
       Flush();
   }
@@ -38,11 +37,11 @@ std::uint64_t CFastSocketIoDev::Read(void* data, std::uint64_t length) {
   return device_->Read(data, length);
 }
 
+// What could not be sent is not tried a second time: part of it may be out already.
 void CFastSocketIoDev::Flush() {
-  // Not kept when the device fails: the stream is broken then, and sending it twice would be worse.
-  const std::size_t fill = std::exchange(fill_, 0);
-  if (fill > 0)
-    device_->Write(buffer_.data(), fill);
+  const std::size_t length = std::exchange(fill_, 0);
+  if (length > 0)
+    device_->Write(buffer_.data(), length);
 }
 
 }  // namespace io::net

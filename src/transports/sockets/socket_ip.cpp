@@ -8,73 +8,103 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <thread>
-#include <utility>
+#include <cstdint>
 
 #include "foundation/exc.h"
+#include "platform/clock.h"
+#include "platform/error.h"
+#include "platform/futex.h"
 #include "transports/sockets/close_tcp_connection.h"
 
 namespace {
 
-[[noreturn]] void ThrowSocketError(const std::string& text, int errnoValue = errno) {
-  throw exc::win_sys_exc_t(text, platform::SocketErrorFromErrno(errnoValue));
+constexpr std::uint32_t WouldBlockPauseMs = 1000;
+constexpr std::uint32_t MsPerSecond = 1000;
+
+[[noreturn]] void ThrowSocketError(const std::string& text) {
+  const platform::error_t code = platform::SocketErrorFromErrno(errno);
+  throw exc::win_sys_exc_t(text, code);
 }
 
 enum class wait_t { Ready, TimedOut, Failed };
 
-/// Waits for one side of a socket; seconds of 0 are no limit. Not select, which cannot name descriptors past 1023.
-wait_t WaitFor(int socket, short events, std::uint32_t timeoutSec) {
-  using clock_t = std::chrono::steady_clock;
-  const auto end = clock_t::now() + std::chrono::seconds(timeoutSec);
+/// As select on one socket, for descriptors of any size. timeoutSec 0: no limit. An error state of the socket counts
+/// as ready: the call that follows tells it.
+wait_t WaitFor(int socket, short events, std::uint32_t timeoutSec) noexcept {
+  const platform::deadline_t deadline = timeoutSec == 0
+                                            ? platform::deadline_t::Never()
+                                            : platform::deadline_t::After(std::uint64_t{timeoutSec} * MsPerSecond);
   for (;;) {
-    int limit = -1;
-    if (timeoutSec != 0) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - clock_t::now()).count();
-      limit = static_cast<int>(std::clamp<long long>(left, 0, 0x7FFFFFFF));
-    }
-    pollfd poll{socket, events, 0};
-    const int result = ::poll(&poll, 1, limit);
-    if (result > 0)
-      return wait_t::Ready;
-    if (result == 0)
-      return wait_t::TimedOut;
-    if (errno != EINTR)
+    pollfd entry = {socket, events, 0};
+    const std::uint32_t left = deadline.RemainingMs();
+    const int limit = timeoutSec == 0 ? -1 : static_cast<int>(std::min<std::uint32_t>(left, INT32_MAX));
+    const int ready = ::poll(&entry, 1, limit);
+    if (ready > 0) {
+      if ((entry.revents & POLLNVAL) == 0)
+        return wait_t::Ready;
+      errno = EBADF;
       return wait_t::Failed;
+    }
+    if (ready < 0 && errno != EINTR)
+      return wait_t::Failed;
+    if (timeoutSec != 0 && deadline.IsOver())
+      return wait_t::TimedOut;
   }
 }
 
-const sockaddr* Generic(const sockaddr_in& address) {
-  return reinterpret_cast<const sockaddr*>(&address);
+/// A call that a signal interrupted is made again.
+template <typename SocketCall>
+auto Repeat(const SocketCall& call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR)
+    result = call();
+  return result;
 }
 
-/// Adds a non-blocking call to the statistics; keeps errno.
-void Count(ssize_t result) {
-  SSocketStatistics& statistics = CSocketIP::Statistics();
-  statistics.calls.fetch_add(1, std::memory_order_relaxed);
-  if (result > 0)
-    statistics.bytes.fetch_add(static_cast<std::uint64_t>(result), std::memory_order_relaxed);
+/// What a failed transfer means: returns when it is to be tried again after a pause.
+void CheckTransferFailure(const char* function) {
+  const platform::error_t code = platform::SocketErrorFromErrno(errno);
+  if (code == platform::error::WsaConnectionAborted)
+    throw CCloseTCPConnection();
+  if (code != platform::error::WsaWouldBlock)
+    throw exc::win_sys_exc_t(exc::FormatText("Error in %1", function), code);
 }
 
-constexpr std::chrono::milliseconds WouldBlockPause{1000};
+/// After a transfer that was tried without waiting. The wait is also what tells of a descriptor that is none.
+bool MustWait() noexcept {
+  return errno == EAGAIN || errno == EWOULDBLOCK || errno == EBADF;
+}
+
+sockaddr_in AnyAddress(std::uint16_t port) noexcept {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  return address;
+}
+
+/// Connects; a wait that a signal interrupted is gone on with.
+bool ConnectWhole(int socket, const sockaddr_in& address) noexcept {
+  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0)
+    return true;
+  if (errno != EINTR)
+    return false;
+  if (WaitFor(socket, POLLOUT, 0) != wait_t::Ready)
+    return false;
+  int failure = 0;
+  socklen_t size = sizeof(failure);
+  if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &failure, &size) != 0)
+    return false;
+  errno = failure;
+  return failure == 0;
+}
 
 }  // namespace
 
-CSocketIP::CSocketIP(bool tcp) {
-  socket_ = socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, tcp ? IPPROTO_TCP : IPPROTO_UDP);
-  if (socket_ < 0)
-    ThrowSocketError("Cannot create socket");
-}
-
-CSocketIP::CSocketIP(int socket, bool connected) : socket_(socket), connected_(connected) {
-  sockaddr_in peer{};
-  socklen_t length = sizeof peer;
-  if (connected && getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) == 0 && peer.sin_family == AF_INET)
-    remoteName_ = SocketAddressText(peer);
-}
-
-CSocketIP::~CSocketIP() {
-  Close();
+std::string SocketAddressText(const sockaddr_in& address) {
+  char text[INET_ADDRSTRLEN] = {};
+  ::inet_ntop(AF_INET, &address.sin_addr, text, sizeof(text));
+  return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
 SSocketStatistics& CSocketIP::Statistics() noexcept {
@@ -82,34 +112,157 @@ SSocketStatistics& CSocketIP::Statistics() noexcept {
   return statistics;
 }
 
+CSocketIP::CSocketIP(bool tcp)
+    : socket_(::socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, tcp ? IPPROTO_TCP : IPPROTO_UDP)) {
+  if (socket_ < 0)
+    ThrowSocketError("Cannot create socket");
+}
+
+CSocketIP::CSocketIP(int socket, bool connected) : socket_(socket), connected_(connected) {
+  if (!connected_)
+    return;
+  sockaddr_in peer = {};
+  socklen_t size = sizeof(peer);
+  if (::getpeername(socket_, reinterpret_cast<sockaddr*>(&peer), &size) == 0 && peer.sin_family == AF_INET)
+    remoteName_ = SocketAddressText(peer);
+}
+
+CSocketIP::~CSocketIP() {
+  Close();
+}
+
+void CSocketIP::Close() noexcept {
+  if (socket_ < 0)
+    return;
+  if (connected_ && closeGracefully_)
+    ::shutdown(socket_, SHUT_RDWR);
+  ::close(socket_);
+  socket_ = -1;
+  connected_ = false;
+}
+
+void CSocketIP::WaitToRead() {
+  const std::uint32_t timeoutSec = TimeoutSec();
+  switch (WaitFor(socket_, POLLIN, timeoutSec)) {
+    case wait_t::Ready:
+      return;
+    case wait_t::TimedOut:
+      throw exc::socket_timeout_exc_t("Socket recv operation timed out (%1 sec).", timeoutSec);
+    case wait_t::Failed:
+      ThrowSocketError("Select error in  CSocketIP::Read.");
+  }
+}
+
+void CSocketIP::WaitToWrite() {
+  switch (WaitFor(socket_, POLLOUT, TimeoutSec())) {
+    case wait_t::Ready:
+      return;
+    case wait_t::TimedOut:
+      throw exc::runtime_exc_t("Timed out in socket send operation.");
+    case wait_t::Failed:
+      ThrowSocketError("Select error in  CSocketIP::Write.");
+  }
+}
+
+std::uint64_t CSocketIP::Read(void* data, std::uint64_t length) {
+  if (!connected_)
+    throw exc::runtime_exc_t("Trying to receive over not connected socket.");
+  auto* const bytes = static_cast<std::uint8_t*>(data);
+  for (std::uint64_t done = 0; done < length;) {
+    ssize_t received = Repeat([&] { return ::recv(socket_, bytes + done, length - done, MSG_DONTWAIT); });
+    if (received < 0 && MustWait()) {
+      WaitToRead();
+      received = Repeat([&] { return ::recv(socket_, bytes + done, length - done, 0); });
+    }
+    if (received == 0)
+      throw CCloseTCPConnection();
+    if (received > 0) {
+      done += static_cast<std::uint64_t>(received);
+    } else {
+      CheckTransferFailure(__PRETTY_FUNCTION__);
+      platform::Clock().Sleep(WouldBlockPauseMs);
+    }
+  }
+  return length;
+}
+
+std::uint64_t CSocketIP::Write(const void* data, std::uint64_t length) {
+  if (!connected_)
+    throw exc::runtime_exc_t("Trying to send over not connected socket.");
+  const auto* const bytes = static_cast<const std::uint8_t*>(data);
+  // With a limit a send takes only what fits at once, so that no wait hides in it.
+  const int flags = MSG_NOSIGNAL | (TimeoutSec() != 0 ? MSG_DONTWAIT : 0);
+  for (std::uint64_t done = 0; done < length;) {
+    ssize_t sent = Repeat([&] { return ::send(socket_, bytes + done, length - done, MSG_NOSIGNAL | MSG_DONTWAIT); });
+    if (sent < 0 && MustWait()) {
+      WaitToWrite();
+      sent = Repeat([&] { return ::send(socket_, bytes + done, length - done, flags); });
+    }
+    if (sent == 0)
+      throw CCloseTCPConnection();
+    if (sent > 0) {
+      done += static_cast<std::uint64_t>(sent);
+    } else {
+      CheckTransferFailure(__PRETTY_FUNCTION__);
+      platform::Clock().Sleep(WouldBlockPauseMs);
+    }
+  }
+  return length;
+}
+
+bool CSocketIP::NonBlockingRead(void* data, std::uint64_t length, std::uint64_t& outCount) {
+  const ssize_t received = Repeat([&] { return ::recv(socket_, data, length, MSG_DONTWAIT); });
+  Statistics().calls.fetch_add(1, std::memory_order_relaxed);
+  if (received == 0)
+    throw CCloseTCPConnection();
+  if (received < 0) {
+    CheckTransferFailure(__PRETTY_FUNCTION__);
+    return false;
+  }
+  outCount = static_cast<std::uint64_t>(received);
+  Statistics().bytes.fetch_add(outCount, std::memory_order_relaxed);
+  return true;
+}
+
+bool CSocketIP::NonBlockingWrite(const void* data, std::uint64_t length, std::uint64_t& outCount) {
+  const ssize_t sent = Repeat([&] { return ::send(socket_, data, length, MSG_DONTWAIT | MSG_NOSIGNAL); });
+  Statistics().calls.fetch_add(1, std::memory_order_relaxed);
+  if (sent < 0) {
+    CheckTransferFailure(__PRETTY_FUNCTION__);
+    return false;
+  }
+  outCount = static_cast<std::uint64_t>(sent);
+  Statistics().bytes.fetch_add(outCount, std::memory_order_relaxed);
+  return true;
+}
+
 void CSocketIP::Connect(const std::string& address, std::uint16_t port) {
-  sockaddr_in target{};
-  target.sin_family = AF_INET;
-  target.sin_port = htons(port);
-  errno = EINVAL;
-  const bool connected = inet_pton(AF_INET, address.c_str(), &target.sin_addr) == 1 &&
-                         connect(socket_, Generic(target), sizeof target) == 0;
-  if (!connected) {
+  sockaddr_in peer = {};
+  peer.sin_family = AF_INET;
+  peer.sin_port = htons(port);
+  peer.sin_addr.s_addr = ::inet_addr(address.c_str());
+  if (!ConnectWhole(socket_, peer)) {
     const platform::error_t code = platform::SocketErrorFromErrno(errno);
     exc::win_sys_exc_t failure("Cannot connect to socket.", code);
     failure.AddMessage(exc::FormatText("TCP error, code: [%1].", code));
     throw failure;
   }
   connected_ = true;
-  remoteName_ = SocketAddressText(target);
+  remoteName_ = SocketAddressText(peer);
 }
 
 void CSocketIP::Bind(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (bind(socket_, Generic(address), sizeof address) != 0)
+  const sockaddr_in address = AnyAddress(port);
+  if (::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
     ThrowSocketError("Cannot bind socket");
 }
 
+bool CSocketIP::BindReservedPort() noexcept {
+  return ::bindresvport(socket_, nullptr) == 0;
+}
+
 int CSocketIP::Accept() {
-  const int accepted = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
+  const int accepted = Repeat([&] { return ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC); });
   if (accepted < 0)
     ThrowSocketError("Cannot accept socket");
   return accepted;
@@ -117,20 +270,20 @@ int CSocketIP::Accept() {
 
 void CSocketIP::SetDelay(bool delay) {
   const int noDelay = delay ? 0 : 1;
-  if (setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay) != 0)
+  if (::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay)) != 0)
     ThrowSocketError("setsockopt failed to set TCP_NODELAY");
 }
 
 void CSocketIP::Send(const void* data, std::uint64_t length, std::uint32_t timeoutSec) {
   SetTimeoutSec(timeoutSec);
-  const std::uint64_t sent = secondDevice_ ? secondDevice_->Write(data, length) : Write(data, length);
-  if (sent != length)
+  const std::uint64_t sent = secondDevice_ != nullptr ? secondDevice_->Write(data, length) : Write(data, length);
+  if (sent < length)
     throw exc::runtime_exc_t("CSosketIP::Send has failed.");
 }
 
 void CSocketIP::Recv(void* data, std::uint64_t length) {
-  const std::uint64_t received = secondDevice_ ? secondDevice_->Read(data, length) : Read(data, length);
-  if (received != length)
+  const std::uint64_t received = secondDevice_ != nullptr ? secondDevice_->Read(data, length) : Read(data, length);
+  if (received < length)
     throw exc::runtime_exc_t("CSosketIP::Recv has failed.");
 }
 
@@ -142,132 +295,28 @@ void CSocketIP::Recv(void* data, std::uint64_t length, std::uint32_t timeoutSec)
 std::uint64_t CSocketIP::ReceiveFrom(void* data, std::uint64_t length, sockaddr_in& address) {
   if (WaitFor(socket_, POLLIN, 0) != wait_t::Ready)
     ThrowSocketError("Select error.");
-  socklen_t addressLength = sizeof address;
-  const ssize_t count = recvfrom(socket_, data, length, 0, reinterpret_cast<sockaddr*>(&address), &addressLength);
-  if (count < 0)
+  socklen_t size = sizeof(address);
+  const ssize_t received =
+      Repeat([&] { return ::recvfrom(socket_, data, length, 0, reinterpret_cast<sockaddr*>(&address), &size); });
+  if (received < 0)
     ThrowSocketError("Connection aborted.");
-  if (count == 0)
+  if (received == 0)
     throw CCloseTCPConnection();
-  return static_cast<std::uint64_t>(count);
+  return static_cast<std::uint64_t>(received);
 }
 
 std::uint64_t CSocketIP::SendTo(const void* data, std::uint64_t length, const sockaddr_in& address) {
   if (WaitFor(socket_, POLLOUT, 0) != wait_t::Ready)
     ThrowSocketError("Select error in SendTo().");
-  const ssize_t count = sendto(socket_, data, length, MSG_NOSIGNAL, Generic(address), sizeof address);
-  if (count < 0)
+  const ssize_t sent = Repeat([&] {
+    return ::sendto(socket_, data, length, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  });
+  if (sent < 0)
     ThrowSocketError("Connection aborted in SendTo().");
-  return static_cast<std::uint64_t>(count);
-}
-
-void CSocketIP::WaitToRead() {
-  const std::uint32_t limit = TimeoutSec();
-  const wait_t wait = WaitFor(socket_, POLLIN, limit);
-  if (wait == wait_t::Failed)
-    ThrowSocketError("Select error in  CSocketIP::Read.");
-  if (wait == wait_t::TimedOut)
-    throw exc::socket_timeout_exc_t("Socket recv operation timed out (%1 sec).", limit);
-}
-
-void CSocketIP::WaitToWrite() {
-  const wait_t wait = WaitFor(socket_, POLLOUT, TimeoutSec());
-  if (wait == wait_t::Failed)
-    ThrowSocketError("Select error in  CSocketIP::Write.");
-  if (wait == wait_t::TimedOut)
-    throw exc::runtime_exc_t("Timed out in socket send operation.");
-}
-
-std::uint64_t CSocketIP::Read(void* data, std::uint64_t length) {
-  if (!connected_)
-    throw exc::runtime_exc_t("Trying to receive over not connected socket.");
-  auto* place = static_cast<char*>(data);
-  std::uint64_t left = length;
-  while (left > 0) {
-    WaitToRead();
-    const ssize_t count = recv(socket_, place, left, 0);
-    if (count > 0) {
-      place += count;
-      left -= static_cast<std::uint64_t>(count);
-    } else if (count == 0 || errno == ECONNABORTED) {
-      throw CCloseTCPConnection();
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      std::this_thread::sleep_for(WouldBlockPause);
-    } else if (errno != EINTR) {
-      ThrowSocketError(exc::FormatText("Error in %1", "CSocketIP::Read"));
-    }
-  }
-  return length;
-}
-
-std::uint64_t CSocketIP::Write(const void* data, std::uint64_t length) {
-  if (!connected_)
-    throw exc::runtime_exc_t("Trying to send over not connected socket.");
-  const auto* place = static_cast<const char*>(data);
-  std::uint64_t left = length;
-  while (left > 0) {
-    WaitToWrite();
-    // A send that waited inside the kernel would not be bound by the limit.
-    const int flags = MSG_NOSIGNAL | (TimeoutSec() != 0 ? MSG_DONTWAIT : 0);
-    const ssize_t count = send(socket_, place, left, flags);
-    if (count > 0) {
-      place += count;
-      left -= static_cast<std::uint64_t>(count);
-    } else if (count < 0 && errno == ECONNABORTED) {
-      throw CCloseTCPConnection();
-    } else if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      std::this_thread::sleep_for(WouldBlockPause);
-    } else if (count < 0 && errno != EINTR) {
-      ThrowSocketError(exc::FormatText("Error in %1", "CSocketIP::Write"));
-    }
-  }
-  return length;
-}
-
-bool CSocketIP::NonBlockingRead(void* data, std::uint64_t length, std::uint64_t& outCount) {
-  const ssize_t count = recv(socket_, data, length, MSG_DONTWAIT);
-  Count(count);
-  if (count > 0) {
-    outCount = static_cast<std::uint64_t>(count);
-    return true;
-  }
-  if (count == 0 || errno == ECONNABORTED)
-    throw CCloseTCPConnection();
-  if (errno == EAGAIN || errno == EWOULDBLOCK)
-    return false;
-  ThrowSocketError(exc::FormatText("Error in %1", "CSocketIP::NonBlockingRead"));
-}
-
-bool CSocketIP::NonBlockingWrite(const void* data, std::uint64_t length, std::uint64_t& outCount) {
-  const ssize_t count = send(socket_, data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
-  Count(count);
-  if (count >= 0) {
-    outCount = static_cast<std::uint64_t>(count);
-    return true;
-  }
-  if (errno == ECONNABORTED)
-    throw CCloseTCPConnection();
-  if (errno == EAGAIN || errno == EWOULDBLOCK)
-    return false;
-  ThrowSocketError(exc::FormatText("Error in %1", "CSocketIP::NonBlockingWrite"));
-}
-
-void CSocketIP::Close() noexcept {
-  if (socket_ < 0)
-    return;
-  if (connected_ && closeGracefully_)
-    shutdown(socket_, SHUT_RDWR);
-  close(socket_);
-  socket_ = -1;
-  connected_ = false;
+  return static_cast<std::uint64_t>(sent);
 }
 
 void CSocketIP::SetDevices(boost::shared_ptr<io::io_dev_t> first, boost::shared_ptr<io::io_dev_t> second) {
   firstDevice_ = std::move(first);
   secondDevice_ = std::move(second);
-}
-
-std::string SocketAddressText(const sockaddr_in& address) {
-  char text[INET_ADDRSTRLEN] = {};
-  inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-  return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
 }

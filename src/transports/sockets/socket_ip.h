@@ -40,6 +40,9 @@ class CSocketIP : public io::INonBlockingIoDev {
   void Connect(const std::string& address, std::uint16_t port);
   /// To all interfaces. Throws "Cannot bind socket".
   void Bind(std::uint16_t port);
+  /// To a source port below 1024, which tells the peer that this process is privileged. False when it is not, or when
+  /// all are taken: the socket then works without.
+  bool BindReservedPort() noexcept;
   /// A new connection's descriptor, the caller's to own.
   int Accept();
   /// True lets the system collect small sends.

@@ -10,6 +10,7 @@ std::uint64_t CSocketIPDev::Write(const void* data, std::uint64_t length) {
 }
 
 std::uint64_t CSocketIPDev::Read(void* data, std::uint64_t length) {
-  socket_->Recv(data, length, 0);
+  socket_->SetTimeoutSec(0);
+  socket_->Recv(data, length);
   return length;
 }

@@ -3,6 +3,14 @@
 #include <boost/make_shared.hpp>
 #include <utility>
 
+#include "foundation/exc.h"
+
+namespace {
+
+constexpr platform::error_t AddressNotAvailable = 10049;
+
+}  // namespace
+
 CSocketRpcStream::CSocketRpcStream(boost::shared_ptr<CSocketIP> socket) : socket_(std::move(socket)) {}
 
 void CSocketRpcStream::Send(const void* data, std::size_t length) {
@@ -15,6 +23,15 @@ void CSocketRpcStream::Recv(void* data, std::size_t length, std::uint32_t timeou
 
 std::unique_ptr<IRpcClientStream> ConnectRpcStream(const std::string& address, std::uint16_t port) {
   auto socket = boost::make_shared<CSocketIP>(true);
-  socket->Connect(address, port);
-  return std::make_unique<CSocketRpcStream>(std::move(socket));
+  socket->BindReservedPort();
+  try {
+    socket->Connect(address, port);
+  } catch (const exc::win_sys_exc_t& failure) {
+    // The reserved port may still be held by an earlier connection to the same peer.
+    if (failure.Code() != platform::error::WsaAddressInUse && failure.Code() != AddressNotAvailable)
+      throw;
+    socket = boost::make_shared<CSocketIP>(true);
+    socket->Connect(address, port);
+  }
+  return std::make_unique<CSocketRpcStream>(socket);
 }

@@ -20,5 +20,6 @@ class CSocketRpcStream : public IRpcClientStream {
   const boost::shared_ptr<CSocketIP> socket_;
 };
 
-/// A new TCP connection; throws what CSocketIP::Connect throws.
+/// A new TCP connection, from a reserved source port where this process may bind one: portmappers take SET and UNSET
+/// from there alone. Throws what CSocketIP::Connect throws.
 std::unique_ptr<IRpcClientStream> ConnectRpcStream(const std::string& address, std::uint16_t port);
