@@ -1,7 +1,6 @@
 #include "programs/mount_rpc_interface.h"
 
 #include "foundation/exc.h"
-#include "service/context/svc_context.h"
 #include "service/context/svc_context_holder.h"
 #include "unit/programs/program_test.h"
 
@@ -92,7 +91,7 @@ TEST_F(MountProgram, ExportWithoutAContextIsNotAnswered) {
 }
 
 TEST_F(MountProgram, ExportIsEmptyThoughSharesExist) {
-  CSvcContextHolder::Set(boost::make_shared<CSvcContext>());
+  CSvcContextHolder::Set(home_.context);
   const auto words = Call(5);
   CSvcContextHolder::Set({});
   EXPECT_EQ(words, Accepted({0}));

@@ -2,20 +2,16 @@
 
 #include <gmock/gmock.h>
 
-#include <sys/socket.h>
-
-#include <boost/make_shared.hpp>
 #include <memory>
-#include <stdexcept>
+#include <vector>
 
 #include "config/address_checker.h"
 #include "foundation/exc.h"
 #include "programs/ep_mapper_table.h"
-#include "service/context/svc_context.h"
 #include "service/context/svc_context_holder.h"
 #include "support/memory_rpc_stream.h"
-#include "support/temp_dir.h"
 #include "support/xdr_record.h"
+#include "unit/programs/service_home.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -70,13 +66,10 @@ class PortmapRegistration : public testing::Test {
 /// With the service's context published, as in service mode.
 class PublishedRegistration : public PortmapRegistration {
  protected:
-  PublishedRegistration() { CSvcContextHolder::Set(context_); }
+  PublishedRegistration() { CSvcContextHolder::Set(home_.context); }
   ~PublishedRegistration() override { CSvcContextHolder::Set({}); }
 
-  test::TempDir dir_;
-  test::ScopedEnvironment appData_{"ALLUSERSPROFILE", dir_.Path().string()};
-  test::ScopedEnvironment runtimeDir_{"KELVO_RUNTIME_DIR", dir_.Path().string()};
-  boost::shared_ptr<CSvcContext> context_ = boost::make_shared<CSvcContext>();
+  test::SServiceHome home_;
 };
 
 TEST_F(PublishedRegistration, SetsBothPortsAndSignals) {
@@ -94,7 +87,7 @@ TEST_F(PublishedRegistration, AdmitsItself) {
   AddAnswer(1);
   AddAnswer(1);
   Register();
-  EXPECT_THAT(context_->GetAddressChecker()->ToString(), testing::HasSubstr("127.0.0.1"));
+  EXPECT_THAT(home_.context->GetAddressChecker()->ToString(), testing::HasSubstr("127.0.0.1"));
 }
 
 TEST_F(PublishedRegistration, RefusedMountPasses) {

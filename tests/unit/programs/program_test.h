@@ -6,15 +6,14 @@
 
 #include <boost/make_shared.hpp>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "config/nfs_share_cfg.h"
 #include "rpc/rpc_message.h"
-#include "support/temp_dir.h"
 #include "support/xdr_record.h"
+#include "unit/programs/service_home.h"
 #include "vfs/nfs3/nfs_handle.h"
 #include "vfs/virtual_fs/virtual_fs.h"
 
@@ -37,7 +36,6 @@ class CProgramTest : public testing::Test {
     std::filesystem::create_directory(dir_.Path() / "share");
     cfg->localPath = dir_ / "share";
     cfg->nfsFolderName = "/share";
-    fs_ = std::make_unique<CVirtualFs>();
     fs_->CreateShare(cfg);
   }
 
@@ -91,13 +89,12 @@ class CProgramTest : public testing::Test {
   }
   static std::vector<std::uint32_t> Unavailable() { return {Xid, 1, 0, 3, 0, 0}; }
 
-  TempDir dir_;
-  ScopedEnvironment appData_{"ALLUSERSPROFILE", dir_.Path().string()};
-  ScopedEnvironment runtimeDir_{"KELVO_RUNTIME_DIR", dir_.Path().string()};
+  SServiceHome home_;
+  const TempDir& dir_ = home_.surroundings.dir;
   dispatch_t dispatch_;
   RpcCallHeader header_;
   sockaddr_in peer_{};
-  std::unique_ptr<CVirtualFs> fs_;
+  boost::shared_ptr<CVirtualFs> fs_ = home_.context->GetFs();
 };
 
 }  // namespace test
