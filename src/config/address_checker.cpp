@@ -31,7 +31,9 @@ addresses_ptr Resolve(const std::string& address, const std::string& entry) {
   hints.ai_flags = AI_NUMERICHOST;
   hints.ai_family = AF_UNSPEC;
   addrinfo* result = nullptr;
-  const int code = ::getaddrinfo(address.c_str(), nullptr, &hints, &result);
+  // A zero byte would hide the rest of the text from the parser.
+  const bool isWhole = address.find('\0') == std::string::npos;
+  const int code = isWhole ? ::getaddrinfo(address.c_str(), nullptr, &hints, &result) : EAI_NONAME;
   if (code == 0)
     return {result, &::freeaddrinfo};
 

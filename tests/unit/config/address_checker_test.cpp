@@ -115,6 +115,12 @@ TEST_F(AddressCheckerTest, AHostNameIsLoggedAndAllowsNobody) {
   EXPECT_EQ(checker.ToString(), "10.0.0.256;localhost");
 }
 
+TEST_F(AddressCheckerTest, AZeroByteHidesNothing) {
+  CAddressChecker checker(std::string("10.0.0.1\0.example", 17));
+  EXPECT_FALSE(Allows(checker, "10.0.0.1"));
+  EXPECT_EQ(log.Texts("Warning").size(), 1U);
+}
+
 TEST_F(AddressCheckerTest, ABadEntryIsParsedAgainAtEachRebuild) {
   CAddressChecker checker("localhost");
   checker.AddAddresses("10.0.0.1");
