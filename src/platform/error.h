@@ -38,6 +38,7 @@ inline constexpr error_t IoPending = 997;
 inline constexpr error_t BadDatabase = 1009;
 inline constexpr error_t NoUnicodeTranslation = 1113;
 inline constexpr error_t IoDevice = 1117;
+inline constexpr error_t ConnectionRefused = 1225;
 inline constexpr error_t RevisionMismatch = 1306;
 inline constexpr error_t InvalidFunctionHandle = 1627;
 inline constexpr error_t InvalidUserBuffer = 1784;
