@@ -33,8 +33,8 @@ class CHostFsNode : public boost::enable_shared_from_this<CHostFsNode> {
   std::string Path() const;
   platform::files_t& Files() const;
 
-  /// Runs `call` with the location (a shared pointer), again when it found nothing there (2, 3) because the node was
-  /// moved meanwhile. Gives 2 for a node that was replaced.
+  /// Runs `call` with the location (a shared pointer), again when it found nothing there (2, 3) while something in the
+  /// tree was renamed. Gives 2 for a node that was replaced.
   template <typename Call>
   platform::error_t AtLocation(const Call& call) const {
     boost::shared_ptr<const platform::location_t> location = Location();
@@ -44,7 +44,7 @@ class CHostFsNode : public boost::enable_shared_from_this<CHostFsNode> {
         return failure;
       }
       boost::shared_ptr<const platform::location_t> present = LocationAfterRenames();
-      if (!present || present->Path() == location->Path()) {
+      if (!present || present == location) {
         return failure;
       }
       location = std::move(present);
