@@ -28,7 +28,8 @@ class CRequestQueue {
   CRequestQueue(std::string name, rpc_handler_t handler);
   CRequestQueue(const CRequestQueue&) = delete;
   CRequestQueue& operator=(const CRequestQueue&) = delete;
-  /// Stops.
+  /// Stops. Senders may share the queue through their connections, so its owner stops it first: the last reference
+  /// must not go on the worker itself.
   ~CRequestQueue();
 
   const std::string& Name() const { return name_; }
