@@ -50,20 +50,18 @@ void Export(SProcedureCall& call) {
   call.writer.UInt(0);
 }
 
-using enum procedure_answer_t;
-
 constexpr std::size_t MountResultSize = 4 + 4 + 24 + 4;
 
 constexpr SProcedure Procedures[] = {
-    {0, "NULL", "=== MOUNTPROC3_NULL ========== :", PlainSuccess},
-    {1, "MNT", nullptr, Procedure, MountResultSize, Mnt},
-    {2, "DUMP", "=== MOUNTPROC3_DUMP =======UN= :", Unavailable},
-    {3, "UMNT", "=== MOUNTPROC3_UMNT ========== :", PlainSuccess},
-    {4, "UMNTALL", "=== MOUNTPROC3_UMNTALL ======= :", PlainSuccess},
-    {5, "EXPORT", "=== MOUNTPROC3_EXPORT ======== :", Procedure, 4, Export},
+    PlainRow(0, "NULL", "=== MOUNTPROC3_NULL ========== :"),
+    ServedRow(1, "MNT", nullptr, MountResultSize, Mnt),
+    UnavailableRow(2, "DUMP", "=== MOUNTPROC3_DUMP =======UN= :"),
+    PlainRow(3, "UMNT", "=== MOUNTPROC3_UMNT ========== :"),
+    PlainRow(4, "UMNTALL", "=== MOUNTPROC3_UMNTALL ======= :"),
+    ServedRow(5, "EXPORT", "=== MOUNTPROC3_EXPORT ======== :", 4, Export),
 };
 constexpr std::uint32_t HighestProcedure = 5;
-static_assert(std::size(Procedures) == HighestProcedure + 1 && IsTableSound(Procedures));
+static_assert(IsTableSound(Procedures, HighestProcedure));
 
 constexpr SProgram MountProgram = {CMountRpcInterface::Program, CMountRpcInterface::Version, Procedures,
                                    "Procedure not found."};

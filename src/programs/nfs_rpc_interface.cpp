@@ -89,34 +89,32 @@ constexpr std::size_t ListingSize = 1024;
 constexpr std::size_t FsStatSize = StatusSize + PostOpAttrSize + 6 * 8 + 4;
 constexpr std::size_t FsInfoSize = StatusSize + 4 + 7 * 4 + 8 + 8 + 4;
 
-using enum procedure_answer_t;
-
 constexpr SProcedure Procedures[] = {
-    {0, "NULL", "=== NFSPROC3_NULL ============= :", PlainSuccess},
-    {1, "GETATTR", "=== NFSPROC3_GETATTR ========== :", Procedure, StatusSize + FattrSize, GetAttrs},
-    {2, "SETATTR", "=== NFSPROC3_SETATTR ========== :", Procedure, StatusSize + WccDataSize, SetAttrs},
-    {3, "LOOKUP", "=== NFSPROC3_LOOKUP =========== :", Procedure, StatusSize + HandleSize + 2 * PostOpAttrSize, Lookup},
-    {4, "ACCESS", "=== NFSPROC3_ACCESS ========== :", Procedure, StatusSize + PostOpAttrSize + 4, Access},
-    {5, "READLINK", "=== NFSPROC3_READLINK ======UN= :", Unavailable},
-    {6, "READ", nullptr, Procedure, ReadHeaderSize, Read},
-    {7, "WRITE", nullptr, Procedure, WriteResultSize, Write},
-    {8, "CREATE", "=== NFSPROC3_CREATE ========== :", Procedure, NewItemSize, CreateFile},
-    {9, "MKDIR", "=== NFSPROC3_MKDIR ============ :", Procedure, NewItemSize, CreateDir},
-    {10, "SYMLINK", "=== NFSPROC3_SYMLINK =======UN= :", Unavailable},
-    {11, "MKNOD", "=== NFSPROC3_MKNOD ========UN= :", Unavailable},
-    {12, "REMOVE", "=== NFSPROC3_REMOVE =========== :", Procedure, StatusSize + 8, Remove},
-    {13, "RMDIR", "=== NFSPROC3_RMDIR ============ :", Procedure, StatusSize + 8, RemoveDir},
-    {14, "RENAME", "=== NFSPROC3_RENAME =========== :", Procedure, StatusSize + 16, Rename},
-    {15, "LINK", "=== NFSPROC3_LINK =========UN= :", Unavailable},
-    {16, "READDIR", "=== NFSPROC3_READDIR ======UN= :", Unavailable},
-    {17, "READDIRPLUS", "=== NFSPROC3_READDIRPLUS ====== :", Procedure, ListingSize, ReadDirPlus},
-    {18, "FSSTAT", "=== NFSPROC3_FSSTAT ========== :", Procedure, FsStatSize, FsStat},
-    {19, "FSINFO", "=== NFSPROC3_FSINFO ========== :", Procedure, FsInfoSize, FsInfo},
-    {20, "PATHCONF", "=== NFSPROC3_PATHCONF =====UN= :", Unavailable},
-    {21, "COMMIT", "=== NFSPROC3_COMMIT =======UN= :", Unavailable},
+    PlainRow(0, "NULL", "=== NFSPROC3_NULL ============= :"),
+    ServedRow(1, "GETATTR", "=== NFSPROC3_GETATTR ========== :", StatusSize + FattrSize, GetAttrs),
+    ServedRow(2, "SETATTR", "=== NFSPROC3_SETATTR ========== :", StatusSize + WccDataSize, SetAttrs),
+    ServedRow(3, "LOOKUP", "=== NFSPROC3_LOOKUP =========== :", StatusSize + HandleSize + 2 * PostOpAttrSize, Lookup),
+    ServedRow(4, "ACCESS", "=== NFSPROC3_ACCESS ========== :", StatusSize + PostOpAttrSize + 4, Access),
+    UnavailableRow(5, "READLINK", "=== NFSPROC3_READLINK ======UN= :"),
+    ServedRow(6, "READ", nullptr, ReadHeaderSize, Read),
+    ServedRow(7, "WRITE", nullptr, WriteResultSize, Write),
+    ServedRow(8, "CREATE", "=== NFSPROC3_CREATE ========== :", NewItemSize, CreateFile),
+    ServedRow(9, "MKDIR", "=== NFSPROC3_MKDIR ============ :", NewItemSize, CreateDir),
+    UnavailableRow(10, "SYMLINK", "=== NFSPROC3_SYMLINK =======UN= :"),
+    UnavailableRow(11, "MKNOD", "=== NFSPROC3_MKNOD ========UN= :"),
+    ServedRow(12, "REMOVE", "=== NFSPROC3_REMOVE =========== :", StatusSize + 8, Remove),
+    ServedRow(13, "RMDIR", "=== NFSPROC3_RMDIR ============ :", StatusSize + 8, RemoveDir),
+    ServedRow(14, "RENAME", "=== NFSPROC3_RENAME =========== :", StatusSize + 16, Rename),
+    UnavailableRow(15, "LINK", "=== NFSPROC3_LINK =========UN= :"),
+    UnavailableRow(16, "READDIR", "=== NFSPROC3_READDIR ======UN= :"),
+    ServedRow(17, "READDIRPLUS", "=== NFSPROC3_READDIRPLUS ====== :", ListingSize, ReadDirPlus),
+    ServedRow(18, "FSSTAT", "=== NFSPROC3_FSSTAT ========== :", FsStatSize, FsStat),
+    ServedRow(19, "FSINFO", "=== NFSPROC3_FSINFO ========== :", FsInfoSize, FsInfo),
+    UnavailableRow(20, "PATHCONF", "=== NFSPROC3_PATHCONF =====UN= :"),
+    UnavailableRow(21, "COMMIT", "=== NFSPROC3_COMMIT =======UN= :"),
 };
 constexpr std::uint32_t HighestProcedure = 21;
-static_assert(std::size(Procedures) == HighestProcedure + 1 && IsTableSound(Procedures));
+static_assert(IsTableSound(Procedures, HighestProcedure));
 
 constexpr SProgram NfsProgram = {CNfsRpcInterface::Program, CNfsRpcInterface::Version, Procedures,
                                  "Procedure not found: [%1]."};

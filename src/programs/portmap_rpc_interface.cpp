@@ -56,18 +56,16 @@ void Dump(SProcedureCall& call) {
   call.writer.UInt(0);
 }
 
-using enum procedure_answer_t;
-
 constexpr SProcedure Procedures[] = {
-    {0, "NULL", "=== PMAPPROC_NULL ============ :", PlainSuccess},
-    {1, "SET", "=== PMAPPROC_SET ============= :", Procedure, 4, Set},
-    {2, "UNSET", "=== PMAPPROC_UNSET =========== :", Procedure, 4, Unset},
-    {3, "GETPORT", nullptr, Procedure, 4, GetPort},
-    {4, "DUMP", "=== PMAPPROC_DUMP ============ :", Procedure, 0, Dump},
-    {5, "CALLIT", "=== PMAPPROC_CALLIT =======UN= :", Unavailable},
+    PlainRow(0, "NULL", "=== PMAPPROC_NULL ============ :"),
+    ServedRow(1, "SET", "=== PMAPPROC_SET ============= :", 4, Set),
+    ServedRow(2, "UNSET", "=== PMAPPROC_UNSET =========== :", 4, Unset),
+    ServedRow(3, "GETPORT", nullptr, 4, GetPort),
+    ServedRow(4, "DUMP", "=== PMAPPROC_DUMP ============ :", 0, Dump),
+    UnavailableRow(5, "CALLIT", "=== PMAPPROC_CALLIT =======UN= :"),
 };
 constexpr std::uint32_t HighestProcedure = 5;
-static_assert(std::size(Procedures) == HighestProcedure + 1 && IsTableSound(Procedures));
+static_assert(IsTableSound(Procedures, HighestProcedure));
 
 constexpr SProgram PortmapProgram = {CPortmapRpcInterface::Program, CPortmapRpcInterface::Version, Procedures,
                                      "Procedure not found: [%1]."};

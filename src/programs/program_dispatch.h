@@ -23,15 +23,31 @@ enum class procedure_answer_t {
   Unavailable    ///< The refusing reply; arguments are not read.
 };
 
-/// A row of a program's table.
+using procedure_handler_t = void (*)(SProcedureCall& call);
+
+/// A row of a program's table. Made by one of the three functions below, so that the handler is there exactly when the
+/// answer is Procedure.
 struct SProcedure {
   std::uint32_t number;
   const char* name;
   const char* traceLine;  ///< Verbose line on entry; null when there is none or the handler writes it.
   procedure_answer_t answer;
-  std::size_t replySize = 0;                        ///< Bytes that the result usually needs; a hint.
-  void (*handler)(SProcedureCall& call) = nullptr;  ///< With Procedure alone. Throws when the arguments do not decode.
+  std::size_t replySize;        ///< Bytes that the result usually needs; a hint.
+  procedure_handler_t handler;  ///< Throws when the arguments do not decode.
 };
+
+consteval SProcedure ServedRow(std::uint32_t number, const char* name, const char* traceLine, std::size_t replySize,
+                               procedure_handler_t handler) {
+  return {number, name, traceLine, procedure_answer_t::Procedure, replySize, handler};
+}
+
+consteval SProcedure PlainRow(std::uint32_t number, const char* name, const char* traceLine) {
+  return {number, name, traceLine, procedure_answer_t::PlainSuccess, 0, nullptr};
+}
+
+consteval SProcedure UnavailableRow(std::uint32_t number, const char* name, const char* traceLine) {
+  return {number, name, traceLine, procedure_answer_t::Unavailable, 0, nullptr};
+}
 
 struct SProgram {
   std::uint32_t program;
@@ -40,12 +56,12 @@ struct SProgram {
   const char* notFoundLine;                ///< For a number past the table; %1 is the number.
 };
 
-/// True when row n has number n and a handler exactly where one is needed; for static_assert beside each table.
-consteval bool IsTableSound(std::span<const SProcedure> procedures) {
+/// True when the table has a row for each number up to the highest, in their order; for static_assert beside it.
+consteval bool IsTableSound(std::span<const SProcedure> procedures, std::uint32_t highestNumber) {
+  if (procedures.size() != std::size_t{highestNumber} + 1)
+    return false;
   for (std::size_t i = 0; i < procedures.size(); ++i) {
     if (procedures[i].number != i)
-      return false;
-    if ((procedures[i].handler != nullptr) != (procedures[i].answer == procedure_answer_t::Procedure))
       return false;
   }
   return true;

@@ -50,10 +50,9 @@ TEST_F(MountProgram, UnknownPathYieldsTwoAndNothingElse) {
   }
 }
 
-TEST_F(MountProgram, EmptyPathIsAnswered) {
-  const auto words = Call(1, test::BytesOf(SDirPath{""}));
-  ASSERT_GE(words.size(), 7U);
-  EXPECT_TRUE(words[6] == MNT3_OK || words[6] == MNT3ERR_NOENT);
+TEST_F(MountProgram, EmptyPathIsTheAliasOfNoShareHere) {
+  EXPECT_EQ(Call(1, test::BytesOf(SDirPath{""})), Accepted({2}));
+  EXPECT_EQ(Call(1, test::BytesOf(SDirPath{"/"})), Accepted({2}));
 }
 
 TEST_F(MountProgram, DumpIsRefused) {
