@@ -21,12 +21,12 @@
 #include "service/context/svc_context_holder.h"
 #include "service/crash_sinks.h"
 #include "service/portmap_connection.h"
+#include "service/start_advice.h"
 #include "transports/async/async_server.h"
 
 namespace {
 
 constexpr std::chrono::milliseconds DebugSleep{10000};
-constexpr platform::error_t WsaAccess = 10013;
 constexpr char NoSynchronousServer[] = "The synchronous protocol server is not available in this version.";
 
 rpc_handler_t WithFs(void (*dispatch)(bool, const sockaddr_in&, CXDRReader&, CXDRWriter&, CVirtualFs&),
@@ -37,15 +37,11 @@ rpc_handler_t WithFs(void (*dispatch)(bool, const sockaddr_in&, CXDRReader&, CXD
 }
 
 /// For the user in front of the terminal: a failed start ends the process with 0, so that it must be said.
-void TellFailedStart(const std::exception& failure) noexcept {
+void TellFailedStart(const std::exception& failure) {
   std::fprintf(stderr, "Failed to start NFS service.\n%s\n", failure.what());
-  const auto* const system = dynamic_cast<const exc::win_sys_exc_t*>(&failure);
-  if (system != nullptr && (system->Code() == WsaAccess || system->Code() == platform::error::AccessDenied) &&
-      std::string_view(failure.what()).find("bind") != std::string_view::npos) {
-    constexpr char Privilege[] =
-        "This account may not bind port 111: run KelvoNfsSvc as root or with the capability CAP_NET_BIND_SERVICE.";
-    g_log.Error(Privilege);
-    std::fprintf(stderr, "%s\n", Privilege);
+  if (const auto advice = AdviceForFailedStart(failure)) {
+    g_log.Error(*advice);
+    std::fprintf(stderr, "%s\n", advice->c_str());
   }
 }
 

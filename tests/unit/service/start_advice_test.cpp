@@ -1,0 +1,23 @@
+#include "service/start_advice.h"
+
+#include <gtest/gtest.h>
+
+#include "foundation/exc.h"
+
+namespace {
+
+constexpr char BindText[] = "Failed to bind socket object to port \"111\".";
+
+TEST(StartAdvice, AccountWithoutThePrivilegeIsToldWhatItLacks) {
+  EXPECT_EQ(AdviceForFailedStart(exc::win_sys_exc_t(BindText, 10013)),
+            "This account may not bind port 111: run KelvoNfsSvc as root or with the capability CAP_NET_BIND_SERVICE.");
+}
+
+TEST(StartAdvice, OtherFailuresSpeakForThemselves) {
+  EXPECT_FALSE(AdviceForFailedStart(exc::win_sys_exc_t(BindText, 10048)));
+  EXPECT_FALSE(AdviceForFailedStart(exc::win_sys_exc_t("Cannot create socket", 10013)));
+  EXPECT_FALSE(AdviceForFailedStart(exc::runtime_exc_t(std::string(BindText))));
+  EXPECT_FALSE(AdviceForFailedStart(std::out_of_range(BindText)));
+}
+
+}  // namespace
