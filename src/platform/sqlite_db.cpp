@@ -81,6 +81,8 @@ sqlite_query_t::sqlite_query_t(sqlite_statement_t& statement) : statement_(state
 }
 
 sqlite_query_t::~sqlite_query_t() {
+  if (statement_.handle_ == nullptr)
+    return;
   sqlite3_reset(statement_.handle_);
   sqlite3_clear_bindings(statement_.handle_);
 }
