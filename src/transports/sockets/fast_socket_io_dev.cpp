@@ -15,7 +15,7 @@ CFastSocketIoDev::~CFastSocketIoDev() {
   try {
     Flush();
   } catch (const std::exception& failure) {
-    g_nfs_log.Error("Failed to send the rest of a buffer.", failure);
+    g_log.Warning("Buffered data was not sent.", failure);
   }
 }
 

@@ -34,6 +34,11 @@ wait_t WaitFor(int socket, short events, std::uint32_t timeoutSec) noexcept {
   const platform::deadline_t deadline = timeoutSec == 0
                                             ? platform::deadline_t::Never()
                                             : platform::deadline_t::After(std::uint64_t{timeoutSec} * MsPerSecond);
+  if (socket < 0) {
+    // poll passes over it in silence.
+    errno = EBADF;
+    return wait_t::Failed;
+  }
   for (;;) {
     pollfd entry = {socket, events, 0};
     const std::uint32_t left = deadline.RemainingMs();
@@ -241,7 +246,8 @@ void CSocketIP::Connect(const std::string& address, std::uint16_t port) {
   peer.sin_family = AF_INET;
   peer.sin_port = htons(port);
   peer.sin_addr.s_addr = ::inet_addr(address.c_str());
-  if (!ConnectWhole(socket_, peer)) {
+  errno = EADDRNOTAVAIL;
+  if (peer.sin_addr.s_addr == INADDR_NONE || !ConnectWhole(socket_, peer)) {
     const platform::error_t code = platform::SocketErrorFromErrno(errno);
     exc::win_sys_exc_t failure("Cannot connect to socket.", code);
     failure.AddMessage(exc::FormatText("TCP error, code: [%1].", code));

@@ -1,9 +1,13 @@
 #include "transports/sockets/socket_ip.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <boost/make_shared.hpp>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -131,7 +135,8 @@ TEST_F(CSocketPairTest, AResetIsAnErrorWithItsNumber) {
     FAIL();
   } catch (const exc::win_sys_exc_t& failure) {
     EXPECT_EQ(failure.Code(), 10054U);
-    EXPECT_NE(TextOf(failure).find("Error in CSocketIP::Read"), std::string::npos);
+    EXPECT_NE(TextOf(failure).find("\nError in virtual "), std::string::npos);
+    EXPECT_NE(TextOf(failure).find(" CSocketIP::Read(void*, "), std::string::npos);
   }
 }
 
@@ -195,6 +200,171 @@ TEST(CSocketIPTest, AConnectionThatIsRefusedTellsItsCodeTwice) {
 TEST(CSocketIPTest, ATextThatIsNoAddressIsRefused) {
   CSocketIP socket(true);
   EXPECT_THROW(socket.Connect("localhost", 1), exc::win_sys_exc_t);
+}
+
+TEST(CSocketIPTest, ATextThatIsNoAddressNeverReachesTheNetwork) {
+  CSocketIP socket(true);
+  try {
+    socket.Connect("not an address", 1);
+    FAIL();
+  } catch (const exc::win_sys_exc_t& failure) {
+    EXPECT_EQ(failure.Code(), 10049U);
+    EXPECT_NE(TextOf(failure).find("TCP error, code: [10049]."), std::string::npos);
+  }
+}
+
+TEST_F(CSocketPairTest, AGoneDescriptorFailsTheWait) {
+  const int gone = dup(client_->Socket());
+  CSocketIP socket(gone, true);
+  close(gone);
+  char byte = 0;
+  for (const auto& [write, text] : {std::pair{false, "\nSelect error in  CSocketIP::Read.\n"},
+                                    std::pair{true, "\nSelect error in  CSocketIP::Write.\n"}}) {
+    try {
+      write ? socket.Write(&byte, 1) : socket.Read(&byte, 1);
+      FAIL();
+    } catch (const exc::win_sys_exc_t& failure) {
+      EXPECT_EQ(failure.Code(), 10009U);
+      EXPECT_NE(TextOf(failure).find(text), std::string::npos);
+    }
+  }
+  socket.SetCloseGracefully(false);
+}
+
+TEST_F(CSocketPairTest, APeerThatHasGoneRaisesNoSignal) {
+  server_->SetCloseGracefully(false);
+  const linger reset{1, 0};
+  setsockopt(server_->Socket(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+  server_->Close();
+  std::uint64_t count = 0;
+  char byte = 0;
+  // The first failure takes the reset, every later one is a broken pipe.
+  for (int i = 0; i < 3; ++i)
+    EXPECT_THROW(client_->Write(&byte, 1), exc::win_sys_exc_t);
+  EXPECT_THROW(client_->NonBlockingWrite(&byte, 1, count), exc::win_sys_exc_t);
+}
+
+TEST_F(CSocketPairTest, WorksWithDescriptorsPastThoseOfSelect) {
+  constexpr int High = 1500;
+  const int high = fcntl(client_->Socket(), F_DUPFD_CLOEXEC, High);
+  if (high < 0)
+    GTEST_FAIL() << "the limit of open files is below " << High;
+  CSocketIP socket(high, true);
+  server_->Send("x", 1);
+  char byte = 0;
+  socket.Recv(&byte, 1, 30);
+  EXPECT_EQ(byte, 'x');
+  EXPECT_THROW(socket.Recv(&byte, 1, 1), exc::socket_timeout_exc_t);
+}
+
+TEST_F(CSocketPairTest, TheLimitIsForEachWaitNotForTheWhole) {
+  std::string got(4, '\0');
+  std::thread sender([this] {
+    // Each byte within the limit, all of them beyond it.
+    for (const char byte : std::string("slow")) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(400));
+      client_->Send(&byte, 1);
+    }
+  });
+  server_->Recv(got.data(), got.size(), 1);
+  sender.join();
+  EXPECT_EQ(got, "slow");
+}
+
+TEST_F(CSocketPairTest, ManyBytesArriveWhole) {
+  std::vector<std::uint32_t> sent(2 << 20);
+  for (std::size_t i = 0; i < sent.size(); ++i)
+    sent[i] = static_cast<std::uint32_t>(i * 2654435761U);
+  for (const std::uint32_t limit : {0U, 30U}) {
+    std::vector<std::uint32_t> got(sent.size());
+    std::thread sender([&] { client_->Send(sent.data(), sent.size() * sizeof(sent[0]), limit); });
+    server_->Recv(got.data(), got.size() * sizeof(got[0]), limit);
+    sender.join();
+    EXPECT_EQ(got, sent);
+  }
+}
+
+TEST_F(CSocketPairTest, NothingToMoveIsDoneAtOnce) {
+  EXPECT_EQ(server_->Read(nullptr, 0), 0U);
+  EXPECT_EQ(server_->Write(nullptr, 0), 0U);
+}
+
+TEST_F(CSocketPairTest, SetDelayTurnsNoDelayOff) {
+  for (const bool delay : {false, true}) {
+    client_->SetDelay(delay);
+    int noDelay = -1;
+    socklen_t length = sizeof noDelay;
+    getsockopt(client_->Socket(), IPPROTO_TCP, TCP_NODELAY, &noDelay, &length);
+    EXPECT_EQ(noDelay != 0, !delay);
+  }
+  CSocketIP udp(false);
+  try {
+    udp.SetDelay(false);
+    FAIL();
+  } catch (const exc::win_sys_exc_t& failure) {
+    EXPECT_NE(TextOf(failure).find("\nsetsockopt failed to set TCP_NODELAY\n"), std::string::npos);
+  }
+}
+
+TEST(CSocketIPTest, ASocketThatDoesNotListenAcceptsNothing) {
+  CSocketIP socket(true);
+  try {
+    socket.Accept();
+    FAIL();
+  } catch (const exc::win_sys_exc_t& failure) {
+    EXPECT_NE(TextOf(failure).find("\nCannot accept socket\n"), std::string::npos);
+  }
+}
+
+TEST(CSocketIPTest, DatagramCallsNameTheirFailures) {
+  CSocketIP socket(false);
+  char buffer[8];
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(9);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const std::vector<char> tooLong(70000);
+  try {
+    socket.SendTo(tooLong.data(), tooLong.size(), address);
+    FAIL();
+  } catch (const exc::win_sys_exc_t& failure) {
+    EXPECT_EQ(failure.Code(), 10040U);
+    EXPECT_NE(TextOf(failure).find("\nConnection aborted in SendTo().\n"), std::string::npos);
+  }
+  socket.Close();
+  try {
+    socket.ReceiveFrom(buffer, sizeof buffer, address);
+    FAIL();
+  } catch (const exc::win_sys_exc_t& failure) {
+    EXPECT_NE(TextOf(failure).find("Select error."), std::string::npos);
+  }
+  try {
+    socket.SendTo(buffer, 1, address);
+    FAIL();
+  } catch (const exc::win_sys_exc_t& failure) {
+    EXPECT_NE(TextOf(failure).find("Select error in SendTo()."), std::string::npos);
+  }
+}
+
+TEST(CSocketIPTest, AReservedPortIsBoundWhereTheProcessMay) {
+  CSocketIP socket(true);
+  const bool bound = socket.BindReservedPort();
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  getsockname(socket.Socket(), reinterpret_cast<sockaddr*>(&address), &length);
+  EXPECT_EQ(bound, ntohs(address.sin_port) != 0);
+  EXPECT_LT(ntohs(address.sin_port), 1024);
+}
+
+TEST(CSocketIPTest, AnRpcStreamConnects) {
+  CListener listener;
+  const auto stream = ConnectRpcStream("127.0.0.1", listener.Port());
+  const auto server = listener.Accept();
+  stream->Send("call", 4);
+  std::string got(4, '\0');
+  server->Recv(got.data(), 4);
+  EXPECT_EQ(got, "call");
+  EXPECT_THROW(ConnectRpcStream("not an address", 1), exc::win_sys_exc_t);
 }
 
 TEST(CSocketIPTest, DatagramsCarryTheirSource) {
@@ -301,6 +471,42 @@ TEST_F(CSocketPairTest, SocketDevMovesAllBytes) {
   std::string got(10, '\0');
   EXPECT_EQ(in.Read(got.data(), 10), 10U);
   EXPECT_EQ(got, "0123456789");
+}
+
+TEST_F(CSocketPairTest, SocketDevClearsTheLimit) {
+  CSocketIPDev out(client_);
+  CSocketIPDev in(server_);
+  client_->SetTimeoutSec(7);
+  server_->SetTimeoutSec(7);
+  char byte = 'x';
+  out.Write(&byte, 1);
+  in.Read(&byte, 1);
+  EXPECT_EQ(client_->TimeoutSec(), 0U);
+  EXPECT_EQ(server_->TimeoutSec(), 0U);
+}
+
+/// Moves one byte less than it is asked to.
+class CShortDev : public io::io_dev_t {
+ public:
+  std::uint64_t Write(const void*, std::uint64_t length) override { return length - 1; }
+  std::uint64_t Read(void*, std::uint64_t length) override { return length - 1; }
+};
+
+TEST_F(CSocketPairTest, AShortTransferIsAFailure) {
+  client_->SetDevices(nullptr, boost::make_shared<CShortDev>());
+  char bytes[2] = {};
+  try {
+    client_->Send(bytes, 2);
+    FAIL();
+  } catch (const exc::runtime_exc_t& failure) {
+    EXPECT_EQ(TextOf(failure), "CSosketIP::Send has failed.");
+  }
+  try {
+    client_->Recv(bytes, 2);
+    FAIL();
+  } catch (const exc::runtime_exc_t& failure) {
+    EXPECT_EQ(TextOf(failure), "CSosketIP::Recv has failed.");
+  }
 }
 
 TEST_F(CSocketPairTest, TransfersGoThroughTheSecondDeviceWhenItIsSet) {
