@@ -36,6 +36,8 @@ class CFsProcInvoker {
   void Stop() noexcept;
 
   std::size_t ThreadCount() const noexcept;
+  /// Procedures that are queued and not yet taken.
+  std::size_t Waiting() const { return queue_.Waiting(); }
 
   /// The place of an idle invocation thread, for a caller that runs its procedure itself. Empty unless the procedure
   /// would have been the next one to run, and at once.

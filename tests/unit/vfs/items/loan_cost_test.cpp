@@ -1,0 +1,69 @@
+#include <gtest/gtest.h>
+
+#include <boost/make_shared.hpp>
+#include <cstdlib>
+#include <new>
+
+#include "recording_file.h"
+#include "vfs/items/async_fs_file_wrapper.h"
+#include "vfs/items/completion_events_allocator.h"
+#include "vfs/items/fs_proc_invoker.h"
+
+namespace {
+
+thread_local std::size_t allocations = 0;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* const memory = std::malloc(size == 0 ? 1 : size))
+    return memory;
+  throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
+namespace {
+
+/// Does nothing, and allocates nothing for it.
+class IdleFile : public test::RecordingFile {
+ public:
+  void GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) override { attributes.sizeLow = 1; }
+  bool Exists() override { return true; }
+  bool IsAddressAllowed(const sockaddr_in&) override { return true; }
+  void Read(std::uint64_t, std::uint32_t count, SFsReadBuffer& buffer) override { buffer.length = count; }
+  void Write(std::uint64_t, std::uint32_t, const void*) override {}
+};
+
+TEST(Loan, ACallThatFindsItsInvokerIdleAllocatesNothing) {
+  const auto allocator = boost::make_shared<CCompletionEventsAllocator>();
+  const auto file = boost::make_shared<IdleFile>();
+  const auto invoker = CFsProcInvoker::Create("hostfs", 1, allocator);
+  CAsyncFsFileWrapper wrapper(file, invoker, allocator);
+  const long shares = file.use_count();
+  SFsReadBuffer buffer;
+  WIN32_FILE_ATTRIBUTE_DATA attributes = {};
+  const sockaddr_in address = {};
+  const std::size_t before = allocations;
+  for (int i = 0; i < 10; ++i) {
+    wrapper.GetAttributes(attributes);
+    wrapper.Read(0, 4096, buffer);
+    wrapper.Write(0, 4096, nullptr);
+    wrapper.Exists();
+    wrapper.IsAddressAllowed(address);
+  }
+  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(attributes.sizeLow, 1u);
+  EXPECT_EQ(buffer.length, 4096u);
+  EXPECT_EQ(allocator->FreeCount(), 0u);
+  EXPECT_EQ(file.use_count(), shares);
+}
+
+}  // namespace
