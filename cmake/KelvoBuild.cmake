@@ -60,5 +60,7 @@ function(kelvo_unit_tests name)
   add_executable(${name} ${sources})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE kelvo_options ${ARGN} GTest::gtest GTest::gmock GTest::gtest_main)
+  # What is tested is optimised, the tests themselves need not be: it halves the time to compile them.
+  target_compile_options(${name} PRIVATE -O0)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS unit TIMEOUT 120)
 endfunction()
