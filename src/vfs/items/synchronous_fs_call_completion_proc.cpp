@@ -1,5 +1,7 @@
 #include "vfs/items/synchronous_fs_call_completion_proc.h"
 
+#include <utility>
+
 CSynchronousFsCallCompletionProc::CSynchronousFsCallCompletionProc(
     boost::shared_ptr<CCompletionEventsAllocator> allocator, std::uint32_t waitLimitMs)
     : allocator_(std::move(allocator)), waitLimitMs_(waitLimitMs), event_(allocator_->Acquire()) {}
@@ -35,5 +37,5 @@ void CSynchronousFsCallCompletionProc::Wait() {
   if (exception_ != nullptr)
     exception_->Rethrow();
   if (foreignException_ != nullptr)
-    std::rethrow_exception(foreignException_);
+    std::rethrow_exception(std::exchange(foreignException_, nullptr));
 }

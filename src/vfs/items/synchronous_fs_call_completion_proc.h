@@ -24,6 +24,7 @@ class CSynchronousFsCallCompletionProc : public IFsProcCompletionCallback {
 
   /// Returns when the procedure completed; throws its exception, of its own dynamic type, when it failed, and
   /// runtime_exc_t "Timed out to wait for FS call procedure call." when the limit passed.
+  /// An exception from outside the family is handed over, not copied: a second call does not throw it.
   void Wait();
 
  private:

@@ -184,6 +184,7 @@ TEST_F(WrapperTest, CallsRunInOrderBehindWhatWaits) {
   EXPECT_EQ(file->Calls(), (std::vector<std::string>{"read 1 1", "write 2 w", "exists"}));
   EXPECT_EQ(callback->completed, 2);
   EXPECT_EQ(first.length, 1u);
+  invoker->Stop();
 }
 
 TEST_F(WrapperTest, WhatIsQueuedDuringALoanRunsAfterIt) {
@@ -265,6 +266,7 @@ TEST_F(WrapperTest, AsManyAtOnceAsThereAreThreads) {
     caller.join();
   EXPECT_EQ(file->MostAtOnce(), 3);
   EXPECT_EQ(file->Calls().size(), 1503u);
+  invoker->Stop();
 }
 
 TEST_F(WrapperTest, FailuresComeOutWithTheirOwnTypeOnBothRoads) {
@@ -469,6 +471,7 @@ TEST_F(WrapperTest, ACallThatIsStuckStopsWaitingInTheEnd) {
     EXPECT_STREQ(failure.what(), "Timed out to wait for FS call procedure call.");
   }
   gate.Open();
+  invoker->Stop();
 }
 
 TEST(ProcInvoker, ACountBelowOneMakesOneThread) {
