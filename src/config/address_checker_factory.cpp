@@ -64,7 +64,7 @@ boost::shared_ptr<IAddressChecker> CAddressCheckerFactory::CreateItemChecker(con
     std::erase_if(itemCheckers_, [](const auto& entry) { return entry.second.expired(); });
     sweepSize_ = std::max<std::size_t>(64, 2 * itemCheckers_.size());
   }
-  const boost::shared_ptr<IAddressChecker> checker(new CAddressChecker(list));
+  boost::shared_ptr<IAddressChecker> checker(new CAddressChecker(list));
   itemCheckers_[list] = checker;
   return checker;
 }

@@ -55,7 +55,7 @@ void win_thread_t::Start() {
   const int failure = ::pthread_create(&thread, nullptr, &Entry<state_t>, argument.get());
   if (failure != 0)
     throw exc::win_sys_exc_t("Cannot create thread.", platform::ErrorFromErrno(failure));
-  argument.release();
+  static_cast<void>(argument.release());  // The thread owns it now.
   handle_ = static_cast<std::uint64_t>(thread);
   started_ = true;
 }

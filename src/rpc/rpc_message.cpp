@@ -57,7 +57,7 @@ void CheckReply(CXDRReader& reader) {
 boost::shared_ptr<io::byte_buffer_t> RecvRecord(IRpcClientStream& stream, std::size_t length,
                                                 std::uint32_t receiveTimeoutSec) {
   constexpr std::size_t step = 64 * 1024;
-  const auto record = boost::make_shared<io::byte_buffer_t>();
+  auto record = boost::make_shared<io::byte_buffer_t>();
   while (record->size() < length) {
     const std::size_t done = record->size();
     const std::size_t part = std::min(step, length - done);

@@ -93,7 +93,7 @@ void CFsInvocationQueue::Push(CFsInvocation record) {
   }
   if (broken) {
     freeSlots_.Release();
-    record.Cancel();
+    record.Cancel();  // NOLINT(bugprone-use-after-move): a broken queue has not taken it.
   } else if (InUse(before) < runners_) {
     TellThreads();
   }
