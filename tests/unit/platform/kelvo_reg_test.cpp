@@ -27,6 +27,7 @@ class KelvoRegTest : public testing::Test {
   SOutcome Run(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), KELVO_REG_PROGRAM);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments)
       argv.push_back(argument.data());
     argv.push_back(nullptr);

@@ -267,6 +267,7 @@ TEST_F(NamedEventTest, AnOwnerWhoDoesNotAnswerIsGivenUp) {
 TEST_F(NamedEventTest, PeersThatDoNotReadCostNothing) {
   event_ptr_t owner = MustCreate("KelvoTest");
   std::vector<descriptor_t> silent;
+  silent.reserve(200);
   for (int i = 0; i < 200; ++i)
     silent.push_back(Connect("KelvoTest"));
   for (descriptor_t& peer : silent)
@@ -335,6 +336,7 @@ TEST_F(NamedEventTest, OneOfManyCreatorsIsTheOwner) {
   std::array<event_ptr_t, Creators> events;
   std::atomic<int> owners = 0;
   std::vector<std::thread> threads;
+  threads.reserve(Creators);
   for (event_ptr_t& event : events) {
     threads.emplace_back([&] {
       const platform::error_t created = named_event_t::Create("KelvoTest", Private, event);

@@ -135,6 +135,7 @@ TEST_F(RegistryProcessTest, AKilledBatchLeavesNothing) {
 TEST_F(RegistryProcessTest, ProcessesCountTogether) {
   constexpr std::uint32_t Rounds = 100;
   std::vector<Child> children;
+  children.reserve(3);
   for (int c = 0; c < 3; ++c) {
     children.emplace_back([&] {
       // All of them find no file, and one makes it.

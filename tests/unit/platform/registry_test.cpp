@@ -2,9 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <filesystem>
+#include <optional>
 #include <stdexcept>
 
 #include "registry_fixture.h"
@@ -12,11 +11,9 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using platform::registry_data_t;
 using platform::registry_node_t;
 using platform::registry_value_t;
-using platform::sqlite_registry_t;
 using testing::ElementsAre;
 using testing::IsEmpty;
 namespace error = platform::error;
