@@ -112,6 +112,7 @@ TEST_F(RegistryTransactionTest, OtherThreadsWait) {
 TEST_F(RegistryTransactionTest, ThreadsDoNotDisturbEachOther) {
   constexpr std::uint32_t Rounds = 200;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([this] {
       for (std::uint32_t i = 0; i < Rounds; ++i) {
