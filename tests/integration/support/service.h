@@ -3,6 +3,7 @@
 
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,9 @@ struct SServerKind {
   const char* name;
   std::vector<std::vector<std::string>> registry;  ///< VALUE, TYPE, DATA below the service's key.
 };
+
+/// What gtest shows of the parameter.
+inline void PrintTo(const SServerKind& kind, std::ostream* out) { *out << kind.name; }
 
 inline const SServerKind AsyncServer{"Async", {}};
 
