@@ -21,6 +21,16 @@ CFsItemsTab::~CFsItemsTab() = default;
 
 std::uint64_t CFsItemsTab::AddItem(std::uint64_t parentFid, const std::string& name,
                                    const boost::shared_ptr<IFsItem>& item) {
+  return AddOne(parentFid, name, item, found_t::Replace);
+}
+
+std::uint64_t CFsItemsTab::AddFoundItem(std::uint64_t parentFid, const std::string& name,
+                                        const boost::shared_ptr<IFsItem>& item) {
+  return AddOne(parentFid, name, item, found_t::Keep);
+}
+
+std::uint64_t CFsItemsTab::AddOne(std::uint64_t parentFid, const std::string& name,
+                                  const boost::shared_ptr<IFsItem>& item, found_t found) {
   if (name == ".")
     return parentFid;
   if (name == "..") {
@@ -35,7 +45,7 @@ std::uint64_t CFsItemsTab::AddItem(std::uint64_t parentFid, const std::string& n
   std::uint64_t fid = InvalidFid;
   {
     const lock_t lock(mutex_);
-    fid = AddPrepared(parentFid, prepared, changes, removed);
+    fid = AddPrepared(parentFid, prepared, found, changes, removed);
   }
   LogRemoved(removed);
   LogAdded(changes);
@@ -61,7 +71,7 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsNewItem>& it
       const lock_t lock(mutex_);
       CRegConfigUpdateSink::CBatch batch(*updateSink_);
       for (std::size_t i = begin; i < end; ++i) {
-        items[i].fid = AddPrepared(parentFid, prepared[i - begin], changes, removed);
+        items[i].fid = AddPrepared(parentFid, prepared[i - begin], found_t::Keep, changes, removed);
       }
       batch.Commit();
     }
@@ -71,12 +81,16 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsNewItem>& it
   }
 }
 
-std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, changes_t& changes,
-                                       changes_t& removed) {
+std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, found_t found,
+                                       changes_t& changes, changes_t& removed) {
   const rec_ptr parent = GetRec(parentFid);
-  const auto found = listing_.find(SListingKeyView{parentFid, prepared.name});
-  const bool wasFound = found != listing_.end();
-  const std::uint64_t fid = wasFound ? found->second : GenerateFid();
+  const auto entry = listing_.find(SListingKeyView{parentFid, prepared.name});
+  const bool wasFound = entry != listing_.end();
+  const std::uint64_t fid = wasFound ? entry->second : GenerateFid();
+  if (wasFound && found == found_t::Keep) {
+    g_nfs_log.Info("Item [%1] was found. ID: [%2].", prepared.name, fid);
+    return fid;
+  }
 
   const auto rec =
       boost::make_shared<CNfsItemRec>(prepared.name, parentFid, parent->share, prepared.item, prepared.spec.mountUid);

@@ -73,8 +73,11 @@ class CFsItemsTab {
   /// The item's FID. A name that is there already, in any case, keeps its FID and its further backings and gets the new
   /// item and spelling. "." and ".." add nothing and give the folder and its parent.
   std::uint64_t AddItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item);
-  /// AddItem for many items of one folder: fills their FIDs and writes the registry in few transactions. The lock is
-  /// given up between them, so that other calls go on while a large folder comes in.
+  /// AddItem for an item that was looked for because the name was not there: a name that has come meanwhile keeps its
+  /// item too, which is the younger one. It may have been moved here while the other was opened.
+  std::uint64_t AddFoundItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item);
+  /// AddFoundItem for many items of one folder: fills their FIDs and writes the registry in few transactions. The lock
+  /// is given up between them, so that other calls go on while a large folder comes in.
   void AddItems(std::uint64_t parentFid, std::vector<SNfsNewItem>& items);
   /// Brings an item back under its stored FID; writes nothing to the registry. mountUid: the mount that backs it, nil
   /// for the host.
@@ -172,7 +175,12 @@ class CFsItemsTab {
   rec_ptr FindRec(std::uint64_t fid) const;
   rec_ptr GetRec(std::uint64_t fid) const;
   const SShare* FindShare(const std::string& alias, GUID* uid) const;
-  std::uint64_t AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, changes_t& changes, changes_t& removed);
+  /// What becomes of a record that has the name already.
+  enum class found_t { Replace, Keep };
+  std::uint64_t AddOne(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item,
+                       found_t found);
+  std::uint64_t AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, found_t found, changes_t& changes,
+                            changes_t& removed);
   void TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t& removed);
   void FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t newFid);
   void NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid, const std::string& newName);

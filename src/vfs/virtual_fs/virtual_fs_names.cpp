@@ -60,7 +60,7 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
   itemsTab_->GetFolderMirrors(parentFid, mirrors);
   for (const auto& folder : mirrors) {
     if (const auto child = folder->OpenChild(name))
-      return itemsTab_->AddItem(parentFid, name, child);
+      return itemsTab_->AddFoundItem(parentFid, name, child);
   }
   return InvalidFid;
 }
