@@ -10,6 +10,23 @@
 
 namespace {
 
+/// A child as the table knows it, with its FID; empty and InvalidFid for an unknown name. Throws for an orphan.
+boost::shared_ptr<IFsItem> KnownChild(const CFsItemsTab& tab, std::uint64_t parentFid, const std::string& name,
+                                      std::uint64_t& fid) {
+  for (;;) {
+    fid = tab.LookupChild(parentFid, name);
+    if (fid == InvalidFid)
+      return {};
+    if (auto item = tab.GetItem(fid))
+      return item;
+    // Another client may have removed it between the two looks; only an entry that stays is an orphan.
+    if (tab.LookupChild(parentFid, name) == fid) {
+      throw CVirtualFsExc(" FID [%1] is registered in the items table but it does not refer to valid item.",
+                          tab.GetItemPath(fid), NFS3ERR_NOENT);
+    }
+  }
+}
+
 /// Shows a rename to listings that run beside it.
 class CRenameMark {
  public:
@@ -34,13 +51,8 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
   if (!IsEntryName(name))
     return InvalidFid;
   CheckNameEncoding(name);
-  const std::uint64_t fid = itemsTab_->LookupChild(parentFid, name);
-  if (fid != InvalidFid) {
-    const auto item = itemsTab_->GetItem(fid);
-    if (!item) {
-      throw CVirtualFsExc(" FID [%1] is registered in the items table but it does not refer to valid item.",
-                          itemsTab_->GetItemPath(fid), NFS3ERR_NOENT);
-    }
+  std::uint64_t fid = InvalidFid;
+  if (const auto item = KnownChild(*itemsTab_, parentFid, name, fid)) {
     if (item->Exists())
       return fid;
     g_nfs_log.Info(
