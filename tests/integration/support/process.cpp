@@ -45,7 +45,7 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 }
 
 SResult RunProgram(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment,
-            const std::string& input) {
+                   const std::string& input) {
   CTempFolder folder;
   const std::string in = folder.Path() + "/in";
   const std::string out = folder.Path() + "/out";

@@ -25,7 +25,7 @@ struct SResult {
 
 /// Runs a program to its end. Environment entries are added to the test's own.
 SResult RunProgram(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment = {},
-            const std::string& input = {});
+                   const std::string& input = {});
 
 /// A program that runs beside the test; killed and reaped at the latest by the destructor.
 class CProcess {

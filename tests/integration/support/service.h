@@ -18,7 +18,9 @@ struct SServerKind {
 };
 
 /// What gtest shows of the parameter.
-inline void PrintTo(const SServerKind& kind, std::ostream* out) { *out << kind.name; }
+inline void PrintTo(const SServerKind& kind, std::ostream* out) {
+  *out << kind.name;
+}
 
 inline const SServerKind AsyncServer{"Async", {}};
 
