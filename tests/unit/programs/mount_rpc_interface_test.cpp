@@ -79,6 +79,26 @@ TEST_F(MountProgram, CutCallsAreNotAnswered) {
   CheckCuts(1, test::BytesOf(SDirPath{"/share"}));
 }
 
+TEST_F(MountProgram, TracesEveryProcedure) {
+  CSvcContextHolder::Set(home_.context);
+  const test::CapturedLog log(true);
+  Call(0);
+  Call(1, test::BytesOf(SDirPath{"/share"}));
+  Call(1, test::BytesOf(SDirPath{"/nowhere"}));
+  for (std::uint32_t procedure = 2; procedure <= 6; ++procedure)
+    Call(procedure);
+  CSvcContextHolder::Set({});
+  const std::vector<std::string> expected = {"=== MOUNTPROC3_NULL ========== :",
+                                             "=== MOUNTPROC3_MNT ========OK= : path: [/share]",
+                                             "=== MOUNTPROC3_MNT ====NOTENT= : path: [/nowhere]",
+                                             "=== MOUNTPROC3_DUMP =======UN= :",
+                                             "=== MOUNTPROC3_UMNT ========== :",
+                                             "=== MOUNTPROC3_UMNTALL ======= :",
+                                             "=== MOUNTPROC3_EXPORT ======== :"};
+  EXPECT_EQ(Traced(log), expected);
+  EXPECT_EQ(log.Count("Procedure not found."), 1U);
+}
+
 TEST_F(MountProgram, ExportWithoutAContextIsNotAnswered) {
   CSvcContextHolder::Set({});
   try {

@@ -280,6 +280,38 @@ TEST_F(NfsProgram, LengthsThatLieAreNotAnswered) {
   }
 }
 
+/// Arguments that all procedures can read: a handle that nobody has, and enough zeros.
+test::bytes_t ZeroArguments() {
+  CXDRWriter writer;
+  HandleFromFid(0x7777777777ULL).Encode(writer);
+  for (int i = 0; i < 32; ++i)
+    writer.UInt(0);
+  return test::MessageOf(writer);
+}
+
+TEST_F(NfsProgram, TracesEveryProcedureButReadAndWrite) {
+  const std::vector<std::string> expected = {
+      "=== NFSPROC3_NULL ============= :", "=== NFSPROC3_GETATTR ========== :", "=== NFSPROC3_SETATTR ========== :",
+      "=== NFSPROC3_LOOKUP =========== :", "=== NFSPROC3_ACCESS ========== :",  "=== NFSPROC3_READLINK ======UN= :",
+      "=== NFSPROC3_CREATE ========== :",  "=== NFSPROC3_MKDIR ============ :", "=== NFSPROC3_SYMLINK =======UN= :",
+      "=== NFSPROC3_MKNOD ========UN= :",  "=== NFSPROC3_REMOVE =========== :", "=== NFSPROC3_RMDIR ============ :",
+      "=== NFSPROC3_RENAME =========== :", "=== NFSPROC3_LINK =========UN= :",  "=== NFSPROC3_READDIR ======UN= :",
+      "=== NFSPROC3_READDIRPLUS ====== :", "=== NFSPROC3_FSSTAT ========== :",  "=== NFSPROC3_FSINFO ========== :",
+      "=== NFSPROC3_PATHCONF =====UN= :",  "=== NFSPROC3_COMMIT =======UN= :"};
+  const test::CapturedLog log(true);
+  for (std::uint32_t procedure = 0; procedure <= 22; ++procedure)
+    Call(procedure, ZeroArguments());
+  EXPECT_EQ(Traced(log), expected);
+  EXPECT_EQ(log.Count("Procedure not found: [22]."), 1U);
+}
+
+TEST_F(NfsProgram, WithoutVerboseNoCallIsTraced) {
+  const test::CapturedLog log;
+  Call(0);
+  Call(21);
+  EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
 TEST_F(NfsProgram, InterfaceAnswersAsTheFunction) {
   CXDRReader reader = test::ReaderOf(CallBytes(0, {}));
   CXDRWriter writer;

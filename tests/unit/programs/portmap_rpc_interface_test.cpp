@@ -95,6 +95,33 @@ TEST_F(PortmapProgram, ReplyTypeMessageIsExecuted) {
   EXPECT_EQ(Ask(3, {100000, 2, 6, 0}), Accepted({111}));
 }
 
+TEST_F(PortmapProgram, LogsWhatIsSetUnsetAndLookedUp) {
+  const test::CapturedLog log;
+  Ask(1, {100003, 3, 6, 2049});
+  Ask(1, {100003, 3, 6, 3049});
+  Ask(3, {100003, 3, 6, 0});
+  Ask(2, {100003, 3, 6, 0});
+  Ask(2, {100003, 3, 6, 0});
+  Ask(3, {100003, 3, 6, 0});
+  EXPECT_THAT(log.Texts(),
+              ElementsAre("[EpMapper] Registering program: [100003]. Version: [3], Protocol: [6], Port: [2049]",
+                          "[EpMapper] Registering program: [100003]. Version: [3], Protocol: [6], Port: [3049]",
+                          "[EpMapper] Failed to register program.", "Return port number: [2049].", "Program removed.",
+                          "Cannot remove program.", "Return port number: [0]."));
+}
+
+TEST_F(PortmapProgram, TracesEveryProcedure) {
+  const test::CapturedLog log(true);
+  for (std::uint32_t procedure = 0; procedure <= 6; ++procedure)
+    Ask(procedure, {7, 8, 9, 10});
+  const std::vector<std::string> expected = {
+      "=== PMAPPROC_NULL ============ :", "=== PMAPPROC_SET ============= :",
+      "=== PMAPPROC_UNSET =========== :", "=== PMAPPROC_GETPORT ========= : prog: 7, vers: 8, prot: 9, port: 10",
+      "=== PMAPPROC_DUMP ============ :", "=== PMAPPROC_CALLIT =======UN= :"};
+  EXPECT_EQ(Traced(log), expected);
+  EXPECT_THAT(log.Texts("Warning"), ElementsAre("Procedure not found: [6]."));
+}
+
 TEST_F(PortmapProgram, InterfaceAnswersAsTheFunction) {
   CXDRReader reader = test::ReaderOf(CallBytes(3, test::BytesOf(PortmapRecord{100000, 2, 6, 0})));
   CXDRWriter writer;

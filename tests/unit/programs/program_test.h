@@ -12,6 +12,7 @@
 
 #include "config/nfs_share_cfg.h"
 #include "rpc/rpc_message.h"
+#include "support/captured_log.h"
 #include "support/xdr_record.h"
 #include "unit/programs/service_home.h"
 #include "vfs/nfs3/nfs_handle.h"
@@ -77,6 +78,13 @@ class CProgramTest : public testing::Test {
     for (std::size_t cut = 0; cut < call.size(); ++cut) {
       EXPECT_THROW(Send(std::span(call).first(cut)), std::exception) << "procedure " << procedure << " cut at " << cut;
     }
+  }
+
+  /// The lines by which the programs trace their calls.
+  static std::vector<std::string> Traced(const CapturedLog& log) {
+    std::vector<std::string> traced = log.Texts();
+    std::erase_if(traced, [](const std::string& line) { return !line.starts_with("==="); });
+    return traced;
   }
 
   std::string SharePath(const std::string& name) const { return dir_ / ("share/" + name); }

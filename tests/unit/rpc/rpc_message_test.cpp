@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 
 #include <string>
+#include <vector>
 
 #include "foundation/exc.h"
+#include "support/captured_log.h"
 #include "support/memory_rpc_stream.h"
 #include "support/xdr_record.h"
 
@@ -72,6 +74,18 @@ TEST(RpcCallHeader, ChecksProgramVersionAndRpcVersion) {
   EXPECT_FALSE(CheckCallHeader({1, 0, 2, 100005, 3, 0}, 100003, 3));
   EXPECT_FALSE(CheckCallHeader({1, 0, 2, 100003, 2, 0}, 100003, 3));
   EXPECT_FALSE(CheckCallHeader({1, 0, 3, 100003, 3, 0}, 100003, 3));
+}
+
+TEST(RpcCallHeader, WarnsOfTheFirstThatDoesNotFitAlone) {
+  const test::CapturedLog log;
+  CheckCallHeader({1, 0, 2, 100003, 3, 0}, 100003, 3);
+  CheckCallHeader({1, 0, 7, 100005, 4, 0}, 100003, 3);
+  CheckCallHeader({1, 0, 7, 100003, 4, 0}, 100003, 3);
+  CheckCallHeader({1, 0, 7, 100003, 3, 0}, 100003, 3);
+  const std::vector<test::CapturedLog::Line> expected = {{"Warning", "ERROR: Program [100005] not found."},
+                                                         {"Warning", "ERROR: Wrong program version [4]."},
+                                                         {"Warning", "ERROR: Wrong RPC version [7]."}};
+  EXPECT_EQ(log.Lines(), expected);
 }
 
 /// One exchange with a portmapper that answers with these words.
