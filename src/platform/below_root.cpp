@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace platform {
 namespace {
@@ -49,12 +50,12 @@ error_t Describe(int folder, const char* name, int flags, host_status_t& status)
 
 }  // namespace
 
-error_t OpenBelow(int folder, std::string_view relative, int flags, mode_t mode, descriptor_t& opened) {
+error_t OpenBelow(int folder, std::string_view relative, int flags, mode_t mode, descriptor_t& opened, links_t links) {
   const std::string path = relative.empty() ? std::string(".") : std::string(relative);
   open_how how{};
   how.flags = static_cast<std::uint64_t>(static_cast<unsigned>(flags | O_CLOEXEC));
   how.mode = mode;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS | (links == links_t::Refused ? RESOLVE_NO_SYMLINKS : 0U);
   int failure = EAGAIN;
   for (int attempt = 0; attempt < MaxResolutions && (failure == EAGAIN || failure == EINTR); ++attempt) {
     const long file = ::syscall(SYS_openat2, folder, path.c_str(), &how, sizeof(how));
@@ -67,22 +68,35 @@ error_t OpenBelow(int folder, std::string_view relative, int flags, mode_t mode,
   return failure == EXDEV ? error::AccessDenied : ErrorFromErrno(failure);
 }
 
-error_t OpenParent(const location_t& where, parent_t& parent) {
+error_t parent_t::Open(const location_t& where) {
   if (where.IsRoot()) {
     return error::AccessDenied;
   }
-  boost::shared_ptr<const descriptor_t> root;
-  if (const error_t failure = where.Root().Acquire(root); failure != error::Success) {
+  if (const error_t failure = where.Root().Acquire(root_); failure != error::Success) {
     return failure;
   }
-  const std::string_view relative = where.Relative();
-  parent.name = where.Name();
-  const std::string_view around = relative.substr(0, relative.size() - parent.name.size());
-  return OpenBelow(root->Get(), around, O_PATH | O_DIRECTORY, 0, parent.folder);
+  name_ = where.Name();
+  std::string_view around = where.Relative();
+  around.remove_suffix(name_.size());
+  const std::string_view linked = around.substr(0, where.LinkedLength());
+  error_t failure = error::Success;
+  if (!linked.empty()) {
+    failure = OpenBelow(root_->Get(), linked, O_PATH | O_DIRECTORY, 0, folder_);
+  }
+  if (failure == error::Success && linked.size() < around.size()) {
+    descriptor_t below(-1);
+    failure = OpenBelow(Folder(), around.substr(linked.size()), O_PATH | O_DIRECTORY, 0, below, links_t::Refused);
+    folder_ = std::move(below);
+  }
+  return failure;
 }
 
 error_t ReadStatus(int file, host_status_t& status) {
   return Describe(file, "", AT_EMPTY_PATH, status);
+}
+
+error_t ReadPathStatus(const std::string& path, host_status_t& status) {
+  return Describe(AT_FDCWD, path.c_str(), 0, status);
 }
 
 error_t ReadEntryStatus(int folder, const std::string& name, host_status_t& status) {

@@ -12,18 +12,30 @@
 
 namespace platform {
 
-/// Opens a relative path below a folder; an empty one is the folder itself. Every link on the way and at the end is
-/// followed as long as it stays below, else the result is error 5. O_CLOEXEC is added.
-error_t OpenBelow(int folder, std::string_view relative, int flags, mode_t mode, descriptor_t& opened);
-
-/// The folder that holds the last component of a location, and that component.
-struct parent_t {
-  descriptor_t folder{-1};
-  std::string name;
+enum class links_t {
+  Inside,   ///< Followed as long as they stay below; one that does not is error 5.
+  Refused,  ///< Error 1921.
 };
 
-/// Opens the folder around a location, for calls that name the entry themselves. The root has none: error 5.
-error_t OpenParent(const location_t& where, parent_t& parent);
+/// Opens a relative path below a folder; an empty one is the folder itself. What is told of links holds on the way and
+/// at the end. O_CLOEXEC is added.
+error_t OpenBelow(int folder, std::string_view relative, int flags, mode_t mode, descriptor_t& opened,
+                  links_t links = links_t::Inside);
+
+/// The folder that holds the last component of a location, and that component.
+class parent_t {
+ public:
+  /// Finds the folder around a location, for calls that name the entry themselves. The root has none: error 5.
+  error_t Open(const location_t& where);
+
+  int Folder() const { return folder_.IsOpen() ? folder_.Get() : root_->Get(); }
+  const std::string& Name() const { return name_; }
+
+ private:
+  boost::shared_ptr<const descriptor_t> root_;
+  descriptor_t folder_{-1};  // None for what lies in the root itself.
+  std::string name_;
+};
 
 /// The attribute record, identity and kind of an open file.
 struct host_status_t {
@@ -32,6 +44,8 @@ struct host_status_t {
   mode_t mode = 0;
 };
 error_t ReadStatus(int file, host_status_t& status);
+/// Of any path of the host, links followed.
+error_t ReadPathStatus(const std::string& path, host_status_t& status);
 /// Of an entry of a folder, a link not followed.
 error_t ReadEntryStatus(int folder, const std::string& name, host_status_t& status);
 

@@ -23,6 +23,7 @@ enum class file_share_t { Read, ReadWrite };
 
 enum class file_disposition_t {
   OpenExisting,
+  OpenAlways,    ///< Creates, or takes what is there.
   CreateAlways,  ///< Creates, or empties what is there.
 };
 
@@ -83,8 +84,8 @@ class files_t {
   virtual error_t GetInfo(const location_t& where, file_info_t& info) = 0;
   /// Of the entry itself, a link not followed.
   virtual error_t FindEntry(const location_t& where, file_info_t& info) = 0;
-  /// Only regular files; anything else is 5. A file without any write bit cannot be opened for writing (5), whoever
-  /// the process is.
+  /// Only regular files; anything else is 5, and is not opened to find that out: opening a device can act on it. A file
+  /// without any write bit cannot be opened for writing (5), whoever the process is.
   virtual error_t Open(const location_t& where, const file_request_t& request, boost::shared_ptr<file_t>& file) = 0;
   /// Takes every write bit away, or gives the owner's when there is none.
   virtual error_t SetReadOnly(const location_t& where, bool readOnly) = 0;

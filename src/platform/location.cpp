@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace platform {
 
 descriptor_t::~descriptor_t() {
@@ -94,6 +96,17 @@ location_t location_t::Parent() const {
   location_t parent(*this);
   parent.path_.resize(relativeAt_ + separator);
   return parent;
+}
+
+location_t location_t::WithoutLinks() const {
+  location_t own(*this);
+  own.linkedUntil_ = std::min(linkedUntil_, path_.size() - Name().size());
+  return own;
+}
+
+std::size_t location_t::LinkedLength() const {
+  const std::size_t end = std::min(linkedUntil_, path_.size());
+  return end > relativeAt_ ? end - relativeAt_ : 0;
 }
 
 std::string_view location_t::Name() const {

@@ -3,6 +3,7 @@
 
 #include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -78,6 +79,9 @@ class location_t {
   location_t Child(std::string_view name) const;
   /// The folder around it; the root's is the root.
   location_t Parent() const;
+  /// The same place, at which and below which no link is followed, unlike on the way to it: for work that must stay in
+  /// this very folder, whatever someone puts in its place meanwhile. Children have it from their folder.
+  location_t WithoutLinks() const;
 
   root_folder_t& Root() const { return *root_; }
   const boost::shared_ptr<root_folder_t>& SharedRoot() const { return root_; }
@@ -87,11 +91,14 @@ class location_t {
   bool IsRoot() const { return relativeAt_ >= path_.size(); }
   /// The last component; empty for the root.
   std::string_view Name() const;
+  /// How much of Relative() may pass links: all of it, but for what comes of WithoutLinks.
+  std::size_t LinkedLength() const;
 
  private:
   boost::shared_ptr<root_folder_t> root_;
   std::string path_;
   std::size_t relativeAt_ = 0;
+  std::size_t linkedUntil_ = std::string::npos;  // Where in path_ links end.
 };
 
 /// Whether a text can be the name of one entry of a folder: not empty, not "." or "..", no `/`, `\` or zero byte.

@@ -25,15 +25,25 @@ bool IsAbsent(error_t failure) {
   return failure == error::FileNotFound;
 }
 
+/// What to tell of a name that is not there as it is spelled, and was not found in another case. A folder that may not
+/// be read has no other spellings; one that could not be read says nothing about what is there.
+error_t WithoutVariant(error_t exact, error_t search) {
+  const bool isAnswer = search == error::Success || search == error::AccessDenied || IsAbsent(search);
+  return isAnswer ? exact : search;
+}
+
 }  // namespace
 
-error_t system_files_t::OpenFound(const location_t& where, int flags, descriptor_t& opened, std::string* spelling) {
+error_t system_files_t::OpenFound(const location_t& where, int flags, descriptor_t& opened) {
+  if (where.LinkedLength() < where.Relative().size()) {
+    parent_t parent;
+    const error_t failure = parent.Open(where);
+    return failure != error::Success ? failure
+                                     : OpenBelow(parent.Folder(), parent.Name(), flags, 0, opened, links_t::Refused);
+  }
   boost::shared_ptr<const descriptor_t> root;
   if (const error_t failure = where.Root().Acquire(root); failure != error::Success) {
     return failure;
-  }
-  if (spelling != nullptr) {
-    *spelling = where.Name();
   }
   const error_t exact = OpenBelow(root->Get(), where.Relative(), flags, 0, opened);
   if (!IsAbsent(exact) || where.IsRoot()) {
@@ -43,22 +53,41 @@ error_t system_files_t::OpenFound(const location_t& where, int flags, descriptor
   const std::string_view around = where.Relative().substr(0, where.Relative().size() - name.size());
   descriptor_t folder(-1);
   std::string found;
-  if (OpenBelow(root->Get(), around, O_PATH | O_DIRECTORY, 0, folder) != error::Success ||
-      names_.Find(folder.Get(), name, found) != error::Success || found.empty()) {
-    return exact;
+  error_t failure = OpenBelow(root->Get(), around, O_PATH | O_DIRECTORY, 0, folder);
+  if (failure == error::Success) {
+    failure = names_.Find(folder.Get(), name, found);
   }
-  if (spelling != nullptr) {
-    *spelling = found;
+  if (failure != error::Success || found.empty()) {
+    return WithoutVariant(exact, failure);
   }
   return OpenBelow(root->Get(), std::string(around) + found, flags, 0, opened);
 }
 
-error_t system_files_t::GetInfo(const location_t& where, file_info_t& info) {
+error_t system_files_t::ReadFound(const location_t& where, host_status_t& status) {
   descriptor_t file(-1);
-  error_t failure = OpenFound(where, O_PATH, file, &info.name);
+  const error_t failure = OpenFound(where, O_PATH, file);
+  return failure != error::Success ? failure : ReadStatus(file.Get(), status);
+}
+
+error_t system_files_t::GetInfo(const location_t& where, file_info_t& info) {
   host_status_t status;
-  if (failure == error::Success) {
-    failure = ReadStatus(file.Get(), status);
+  error_t failure = error::Success;
+  if (where.IsRoot()) {
+    info.name.clear();
+    failure = ReadPathStatus(where.Path(), status);
+    if (failure == error::Success && !S_ISDIR(status.mode)) {
+      failure = error::PathNotFound;
+    }
+  } else {
+    parent_t parent;
+    failure = parent.Open(where);
+    if (failure == error::Success) {
+      failure = FindEntryIn(parent, status, info.name);
+    }
+    // What is no link leads nowhere: there is nothing to resolve and so nothing to open.
+    if (failure == error::Success && S_ISLNK(status.mode)) {
+      failure = ReadFound(where, status);
+    }
   }
   if (failure == error::Success) {
     info.attributes = status.attributes;
@@ -69,14 +98,18 @@ error_t system_files_t::GetInfo(const location_t& where, file_info_t& info) {
 }
 
 error_t system_files_t::FindEntryIn(const parent_t& parent, host_status_t& status, std::string& spelling) {
-  spelling = parent.name;
-  const error_t exact = ReadEntryStatus(parent.folder.Get(), parent.name, status);
-  std::string found;
-  if (!IsAbsent(exact) || names_.Find(parent.folder.Get(), parent.name, found) != error::Success || found.empty()) {
+  spelling = parent.Name();
+  const error_t exact = ReadEntryStatus(parent.Folder(), parent.Name(), status);
+  if (!IsAbsent(exact)) {
     return exact;
   }
+  std::string found;
+  if (const error_t failure = names_.Find(parent.Folder(), parent.Name(), found);
+      failure != error::Success || found.empty()) {
+    return WithoutVariant(exact, failure);
+  }
   spelling = found;
-  return ReadEntryStatus(parent.folder.Get(), found, status);
+  return ReadEntryStatus(parent.Folder(), found, status);
 }
 
 error_t system_files_t::FindEntry(const location_t& where, file_info_t& info) {
@@ -84,7 +117,7 @@ error_t system_files_t::FindEntry(const location_t& where, file_info_t& info) {
     return GetInfo(where, info);
   }
   parent_t parent;
-  error_t failure = OpenParent(where, parent);
+  error_t failure = parent.Open(where);
   host_status_t status;
   if (failure == error::Success) {
     failure = FindEntryIn(parent, status, info.name);
@@ -99,22 +132,31 @@ error_t system_files_t::FindEntry(const location_t& where, file_info_t& info) {
 
 error_t system_files_t::OpenExisting(const location_t& where, const file_request_t& request,
                                      boost::shared_ptr<file_t>& file) {
+  const auto isRefused = [&request](mode_t mode) {
+    const bool isLocked = request.access == file_access_t::ReadWrite && (mode & AnyWriteBit) == 0;
+    return !S_ISREG(mode) || isLocked;
+  };
+  host_status_t status;
   int flags = O_PATH;
   if (request.access != file_access_t::Attributes) {
-    // Not waiting for the other end of a pipe, which is refused below.
+    if (const error_t failure = ReadFound(where, status); failure != error::Success) {
+      return failure;
+    }
+    if (isRefused(status.mode)) {
+      return error::AccessDenied;
+    }
+    // Not waiting for the other end of a pipe that has come since, which is refused below.
     flags = (request.access == file_access_t::ReadWrite ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_NOCTTY;
   }
   descriptor_t opened(-1);
-  error_t failure = OpenFound(where, flags, opened, nullptr);
-  host_status_t status;
+  error_t failure = OpenFound(where, flags, opened);
   if (failure == error::Success) {
     failure = ReadStatus(opened.Get(), status);
   }
   if (failure != error::Success) {
     return failure;
   }
-  const bool isLocked = request.access == file_access_t::ReadWrite && (status.mode & AnyWriteBit) == 0;
-  if (!S_ISREG(status.mode) || isLocked) {
+  if (isRefused(status.mode)) {
     return error::AccessDenied;
   }
   const auto own = boost::make_shared<system_file_t>(std::move(opened), status.id, request.access);
@@ -131,15 +173,15 @@ error_t system_files_t::OpenExisting(const location_t& where, const file_request
 error_t system_files_t::CreateNew(const location_t& where, const file_request_t& request,
                                   boost::shared_ptr<file_t>& file) {
   parent_t parent;
-  if (const error_t failure = OpenParent(where, parent); failure != error::Success) {
+  if (const error_t failure = parent.Open(where); failure != error::Success) {
     return failure;
   }
   const int access = request.access == file_access_t::ReadWrite ? O_RDWR : O_RDONLY;
-  const folder_names_t::change_t change = names_.BeginChange(parent.folder.Get());
+  const folder_names_t::change_t change = names_.BeginChange(parent.Folder());
   descriptor_t opened(-1);
-  error_t failure = OpenBelow(parent.folder.Get(), parent.name, access | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY,
-                              NewFileMode, opened);
-  names_.EndChange(parent.folder.Get(), change, failure == error::Success ? parent.name : std::string(), {});
+  error_t failure =
+      OpenBelow(parent.Folder(), parent.Name(), access | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, NewFileMode, opened);
+  names_.EndChange(parent.Folder(), change, failure == error::Success ? parent.Name() : std::string(), {});
   host_status_t status;
   if (failure == error::Success) {
     failure = ReadStatus(opened.Get(), status);
@@ -175,7 +217,7 @@ error_t system_files_t::Open(const location_t& where, const file_request_t& requ
 error_t system_files_t::SetReadOnly(const location_t& where, bool readOnly) {
   descriptor_t file(-1);
   host_status_t status;
-  error_t failure = OpenFound(where, O_PATH, file, nullptr);
+  error_t failure = OpenFound(where, O_PATH, file);
   if (failure == error::Success) {
     failure = ReadStatus(file.Get(), status);
   }
@@ -196,7 +238,7 @@ error_t system_files_t::SetReadOnly(const location_t& where, bool readOnly) {
 
 error_t system_files_t::CreateFolder(const location_t& where) {
   parent_t parent;
-  if (const error_t failure = OpenParent(where, parent); failure != error::Success) {
+  if (const error_t failure = parent.Open(where); failure != error::Success) {
     return failure;
   }
   host_status_t status;
@@ -204,22 +246,21 @@ error_t system_files_t::CreateFolder(const location_t& where) {
   if (const error_t found = FindEntryIn(parent, status, spelling); !IsAbsent(found)) {
     return found == error::Success ? error::AlreadyExists : found;
   }
-  const folder_names_t::change_t change = names_.BeginChange(parent.folder.Get());
+  const folder_names_t::change_t change = names_.BeginChange(parent.Folder());
   const error_t failure =
-      ::mkdirat(parent.folder.Get(), parent.name.c_str(), NewFolderMode) == 0 ? error::Success : LastError();
-  names_.EndChange(parent.folder.Get(), change, failure == error::Success ? parent.name : std::string(), {});
+      ::mkdirat(parent.Folder(), parent.Name().c_str(), NewFolderMode) == 0 ? error::Success : LastError();
+  names_.EndChange(parent.Folder(), change, failure == error::Success ? parent.Name() : std::string(), {});
   return failure;
 }
 
 error_t system_files_t::Unlink(const location_t& where, int flags) {
   parent_t parent;
-  if (const error_t failure = OpenParent(where, parent); failure != error::Success) {
+  if (const error_t failure = parent.Open(where); failure != error::Success) {
     return failure;
   }
-  const folder_names_t::change_t change = names_.BeginChange(parent.folder.Get());
-  const error_t failure =
-      ::unlinkat(parent.folder.Get(), parent.name.c_str(), flags) == 0 ? error::Success : LastError();
-  names_.EndChange(parent.folder.Get(), change, {}, failure == error::Success ? parent.name : std::string());
+  const folder_names_t::change_t change = names_.BeginChange(parent.Folder());
+  const error_t failure = ::unlinkat(parent.Folder(), parent.Name().c_str(), flags) == 0 ? error::Success : LastError();
+  names_.EndChange(parent.Folder(), change, {}, failure == error::Success ? parent.Name() : std::string());
   return failure;
 }
 
@@ -234,26 +275,26 @@ error_t system_files_t::RemoveFolder(const location_t& where) {
   return Unlink(where, AT_REMOVEDIR);
 }
 
-error_t system_files_t::MoveEntry(const parent_t& from, const parent_t& to) {
-  const folder_names_t::change_t source = names_.BeginChange(from.folder.Get());
-  const folder_names_t::change_t target = names_.BeginChange(to.folder.Get());
-  const bool isDone = ::renameat(from.folder.Get(), from.name.c_str(), to.folder.Get(), to.name.c_str()) == 0;
+error_t system_files_t::MoveEntry(const entry_t& from, const entry_t& to) {
+  const folder_names_t::change_t source = names_.BeginChange(from.folder);
+  const folder_names_t::change_t target = names_.BeginChange(to.folder);
+  const bool isDone = ::renameat(from.folder, from.name.c_str(), to.folder, to.name.c_str()) == 0;
   const error_t failure = isDone ? error::Success : LastError();
-  names_.EndChange(from.folder.Get(), source, {}, isDone ? from.name : std::string());
-  names_.EndChange(to.folder.Get(), target, isDone ? to.name : std::string(), {});
+  names_.EndChange(from.folder, source, {}, isDone ? from.name : std::string());
+  names_.EndChange(to.folder, target, isDone ? to.name : std::string(), {});
   return failure;
 }
 
 error_t system_files_t::Rename(const location_t& from, const location_t& to) {
   parent_t source;
   parent_t target;
-  error_t failure = OpenParent(from, source);
+  error_t failure = source.Open(from);
   if (failure == error::Success) {
-    failure = OpenParent(to, target);
+    failure = target.Open(to);
   }
   host_status_t moved;
   if (failure == error::Success) {
-    failure = ReadEntryStatus(source.folder.Get(), source.name, moved);
+    failure = ReadEntryStatus(source.Folder(), source.Name(), moved);
   }
   if (failure != error::Success) {
     return failure;
@@ -261,18 +302,19 @@ error_t system_files_t::Rename(const location_t& from, const location_t& to) {
   host_status_t present;
   std::string spelling;
   const bool isTaken = FindEntryIn(target, present, spelling) == error::Success;
-  const bool isRespelling = EqualIgnoringCase(source.name, target.name) && from.Parent().Path() == to.Parent().Path();
-  if (!isTaken || isRespelling || (spelling == target.name && present.id != moved.id)) {
-    return MoveEntry(source, target);
+  const bool isRespelling =
+      EqualIgnoringCase(source.Name(), target.Name()) && from.Parent().Path() == to.Parent().Path();
+  const entry_t oldEntry{source.Folder(), source.Name()};
+  const entry_t newEntry{target.Folder(), target.Name()};
+  if (!isTaken || isRespelling || (spelling == target.Name() && present.id != moved.id)) {
+    return MoveEntry(oldEntry, newEntry);
   }
   // The name is taken in another case, or by another name of the same file, which the system would leave. What is
   // there is replaced under its own spelling, so that at no time neither file has the name.
-  std::swap(target.name, spelling);
-  failure = present.id == moved.id ? Unlink(from, 0) : MoveEntry(source, target);
-  if (failure == error::Success && target.name != spelling) {
-    source.folder = descriptor_t(::fcntl(target.folder.Get(), F_DUPFD_CLOEXEC, 0));
-    source.name = std::exchange(target.name, spelling);
-    MoveEntry(source, target);  // It is found under either spelling.
+  const entry_t replaced{target.Folder(), spelling};
+  failure = present.id == moved.id ? Unlink(from, 0) : MoveEntry(oldEntry, replaced);
+  if (failure == error::Success && spelling != target.Name()) {
+    MoveEntry(replaced, newEntry);  // It is found under either spelling.
   }
   return failure;
 }
@@ -280,7 +322,7 @@ error_t system_files_t::Rename(const location_t& from, const location_t& to) {
 error_t system_files_t::List(const location_t& where, folder_listing_t& listing) {
   listing = folder_listing_t{};
   descriptor_t folder(-1);
-  error_t failure = OpenFound(where, O_PATH | O_DIRECTORY, folder, nullptr);
+  error_t failure = OpenFound(where, O_PATH | O_DIRECTORY, folder);
   std::vector<std::string> names;
   if (failure == error::Success) {
     failure = ReadFolder(folder.Get(), names);
@@ -294,7 +336,7 @@ error_t system_files_t::List(const location_t& where, folder_listing_t& listing)
 
 error_t system_files_t::GetDiskSpace(const location_t& where, disk_space_t& space) {
   descriptor_t folder(-1);
-  if (const error_t failure = OpenFound(where, O_PATH, folder, nullptr); failure != error::Success) {
+  if (const error_t failure = OpenFound(where, O_PATH, folder); failure != error::Success) {
     return failure;
   }
   struct statvfs status {};

@@ -26,12 +26,18 @@ class system_files_t : public files_t {
   const folder_names_t& Names() const { return names_; }
 
  private:
-  error_t OpenFound(const location_t& where, int flags, descriptor_t& opened, std::string* spelling);
+  struct entry_t {
+    int folder;
+    const std::string& name;
+  };
+
+  error_t OpenFound(const location_t& where, int flags, descriptor_t& opened);
+  error_t ReadFound(const location_t& where, host_status_t& status);
   error_t FindEntryIn(const parent_t& parent, host_status_t& status, std::string& spelling);
   error_t OpenExisting(const location_t& where, const file_request_t& request, boost::shared_ptr<file_t>& file);
   error_t CreateNew(const location_t& where, const file_request_t& request, boost::shared_ptr<file_t>& file);
   error_t Unlink(const location_t& where, int flags);
-  error_t MoveEntry(const parent_t& from, const parent_t& to);
+  error_t MoveEntry(const entry_t& from, const entry_t& to);
 
   folder_names_t names_;
 };

@@ -140,6 +140,48 @@ TEST_F(FilesBelowRoot, SwappingAFolderForALinkNeverLeaks) {
   EXPECT_GT(opened, 0);
 }
 
+TEST_F(FilesBelowRoot, WithoutLinksNoneIsFollowedFromThereOn) {
+  fs::create_directories(Inside("real") / "folder" / "sub");
+  WriteText(Inside("real") / "folder" / "sub" / "file", "text");
+  fs::create_symlink("real", Inside("way"));
+  fs::create_symlink("folder", Inside("real") / "link");
+  fs::create_symlink("sub", Inside("real") / "folder" / "inner");
+  constexpr platform::error_t IsLink = 1921;
+  platform::folder_listing_t listing;
+  boost::shared_ptr<platform::file_t> file;
+  const file_request_t request{file_access_t::Read, file_share_t::ReadWrite, file_disposition_t::OpenExisting};
+
+  const location_t folder = At("way/folder").WithoutLinks();
+  EXPECT_EQ(folder.Path(), At("way/folder").Path());
+  EXPECT_EQ(files.List(folder, listing), error::Success);
+  EXPECT_EQ(files.Open(folder.Child("sub").Child("file"), request, file), error::Success);
+  EXPECT_EQ(files.List(folder.Child("inner"), listing), IsLink);
+  EXPECT_EQ(files.DeleteFile(folder.Child("inner").Child("file")), IsLink);
+  EXPECT_EQ(files.Open(folder.Child("inner").Child("file"), request, file), IsLink);
+  EXPECT_EQ(files.FindEntry(folder.Child("inner"), info), error::Success);
+  EXPECT_TRUE(info.isLink);
+  EXPECT_EQ(files.DeleteFile(At("way/folder/inner/none").WithoutLinks()), error::FileNotFound);
+
+  const location_t link = At("way/link").WithoutLinks();
+  EXPECT_EQ(files.List(link, listing), IsLink);
+  EXPECT_EQ(files.DeleteFile(link.Child("sub").Child("file")), IsLink);
+  EXPECT_EQ(files.DeleteFile(link.Child("sub").Child("file").WithoutLinks()), IsLink);
+  EXPECT_EQ(files.DeleteFile(At("").WithoutLinks().Child("way").Child("folder")), IsLink);
+  EXPECT_EQ(files.DeleteFile(link), error::Success);
+  EXPECT_EQ(files.List(At("").WithoutLinks(), listing), error::Success);
+  EXPECT_TRUE(fs::exists(Inside("real") / "folder" / "sub" / "file"));
+}
+
+TEST_F(FilesBelowRoot, RootIsAFolderOrNotThere) {
+  EXPECT_EQ(files.GetInfo(At(""), info), error::Success);
+  EXPECT_TRUE(info.attributes.IsDirectory());
+  EXPECT_EQ(info.name, "");
+  fs::remove_all(dir.Path() / "root");
+  WriteText(dir.Path() / "root", "text");
+  EXPECT_EQ(files.GetInfo(At(""), info), error::PathNotFound);
+  EXPECT_EQ(files.GetInfo(At("child"), info), error::PathNotFound);
+}
+
 TEST_F(FilesBelowRoot, RootIsFoundAgainAfterItWasReplaced) {
   WriteText(Inside("old"), "old");
   EXPECT_EQ(files.GetInfo(At("old"), info), error::Success);

@@ -3,10 +3,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -141,6 +143,67 @@ TEST_F(Files, CreateAlwaysEmptiesOrCreates) {
   EXPECT_EQ(Open("folder", Create, file), error::AccessDenied);
   EXPECT_EQ(Open("no/file", Create, file), error::FileNotFound);
   EXPECT_EQ(Open("new/file", Create, file), error::PathNotFound);
+}
+
+TEST_F(Files, OpenAlwaysTakesWhatIsThereAsItIs) {
+  constexpr file_request_t Always{file_access_t::ReadWrite, file_share_t::Read, file_disposition_t::OpenAlways};
+  Put("file", "text");
+  file_ptr_t file;
+  EXPECT_EQ(Open("file", Always, file), error::Success);
+  EXPECT_EQ(Open("FILE", Always, file), error::SharingViolation);
+  EXPECT_EQ(Open("new", Always, file), error::Success);
+  EXPECT_EQ(Get("file"), "text");
+  EXPECT_TRUE(fs::exists(dir / "new"));
+}
+
+TEST_F(Files, WhatIsNoRegularFileIsNotEvenOpened) {
+  ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
+  // Whoever opens the other end for reading lets this open succeed.
+  std::atomic<bool> stop{false};
+  std::atomic<bool> wasOpened{false};
+  std::thread watcher([&] {
+    while (!stop) {
+      const int writer = ::open((dir / "pipe").c_str(), O_WRONLY | O_NONBLOCK);
+      if (writer >= 0) {
+        wasOpened = true;
+        ::close(writer);
+      }
+    }
+  });
+  file_ptr_t file;
+  for (int round = 0; round < 2000; ++round) {
+    EXPECT_EQ(Open("pipe", OpenToRead, file), error::AccessDenied);
+    EXPECT_EQ(Open("pipe", OpenExclusive, file), error::AccessDenied);
+  }
+  stop = true;
+  watcher.join();
+  EXPECT_FALSE(wasOpened);
+}
+
+TEST_F(Files, LackOfDescriptorsIsNotAbsence) {
+  Put("File", "text");
+  EXPECT_EQ(files.GetInfo(At("File"), info), error::Success);
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  // The number that a descriptor would get is the first that is not allowed.
+  const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(next, 0);
+  ::close(next);
+  rlimit tight = limit;
+  tight.rlim_cur = static_cast<rlim_t>(next);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+  const platform::error_t exact = files.GetInfo(At("File"), info);
+  const platform::error_t variant = files.GetInfo(At("FILE"), info);
+  file_ptr_t file;
+  const platform::error_t opened = Open("File", OpenExclusive, file);
+  const platform::error_t created = Open("new", Create, file);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  EXPECT_EQ(exact, error::Success);  // Needs none.
+  EXPECT_EQ(variant, error::TooManyOpenFiles);
+  EXPECT_EQ(opened, error::TooManyOpenFiles);
+  EXPECT_EQ(created, error::TooManyOpenFiles);
+  EXPECT_FALSE(fs::exists(dir / "new"));
+  EXPECT_EQ(files.GetInfo(At("FILE"), info), error::Success);
 }
 
 TEST_F(Files, OnlyRegularFilesOpen) {
