@@ -80,7 +80,8 @@ void CreateHostFolderChain(const std::string& path, platform::files_t& files) {
   }
 }
 
-void DeleteHostFolderTree(const platform::location_t& where, platform::files_t& files) {
+void DeleteHostFolderTree(const platform::location_t& place, platform::files_t& files) {
+  const platform::location_t where = place.WithoutLinks();
   security::FilesAccessPermissions().CheckAccess(where.Path());
   platform::folder_listing_t listing;
   const platform::error_t failure = files.List(where, listing);

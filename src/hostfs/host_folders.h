@@ -11,7 +11,8 @@ bool HostFolderExists(const std::string& path, platform::files_t& files = platfo
 /// Makes a folder and every parent that is missing. Throws runtime_exc_t for an empty path, win_sys_exc_t otherwise.
 void CreateHostFolderChain(const std::string& path, platform::files_t& files = platform::SystemFiles());
 
-/// Deletes a folder with all its content; links are deleted, never followed. A folder that refuses to be empty (145)
+/// Deletes a folder with all its content; links in it are deleted, never followed, also when one takes the place of a
+/// folder meanwhile, which is a failure. A folder that refuses to be empty (145)
 /// is tried three times more, 100 ms apart. Throws win_sys_exc_t. What the cache holds open below it is the caller's
 /// to drop.
-void DeleteHostFolderTree(const platform::location_t& where, platform::files_t& files);
+void DeleteHostFolderTree(const platform::location_t& place, platform::files_t& files);

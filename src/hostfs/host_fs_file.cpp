@@ -4,7 +4,6 @@
 #include "foundation/exc.h"
 #include "hostfs/files_access_permissions.h"
 #include "hostfs/host_file_transfer.h"
-#include "hostfs/host_fs_file_cache.h"
 #include "hostfs/host_fs_item.h"
 
 namespace error = platform::error;
@@ -65,11 +64,11 @@ std::string CHostFsFile::GetAllowedHostAddr() {
   return host_fs_item::AddressText(addressChecker_.get());
 }
 
-CHostFsFile::SOpenFile CHostFsFile::CachedFile() const {
+CHostFsFile::SOpenFile CHostFsFile::CachedFile(HostFsFileCache::use_t use) const {
   SOpenFile open;
   const platform::error_t failure = node_->AtLocation([&](const boost::shared_ptr<const platform::location_t>& where) {
     open.where = where;
-    return HostFsFileCache::TryGetFile(*where, node_->Files(), open.file);
+    return HostFsFileCache::TryGetFile(*where, node_->Files(), use, open.file);
   });
   if (failure != error::Success) {
     throw exc::win_sys_exc_t(exc::FormatText("Failed to open existing file [%1] for read/write access.", node_->Path()),
@@ -79,16 +78,16 @@ CHostFsFile::SOpenFile CHostFsFile::CachedFile() const {
 }
 
 void CHostFsFile::Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) {
-  const SOpenFile open = CachedFile();
+  const SOpenFile open = CachedFile(HostFsFileCache::use_t::Read);
   ReadHostFile(*open.file, open.where->Path(), offset, count, buffer);
 }
 
 void CHostFsFile::Write(std::uint64_t offset, std::uint32_t count, const void* data) {
-  const SOpenFile open = CachedFile();
+  const SOpenFile open = CachedFile(HostFsFileCache::use_t::Write);
   WriteHostFile(*open.file, open.where->Path(), offset, count, data);
 }
 
 void CHostFsFile::Resize(std::uint64_t newSize) {
-  const SOpenFile open = CachedFile();
+  const SOpenFile open = CachedFile(HostFsFileCache::use_t::Write);
   ResizeHostFile(*open.file, open.where->Path(), newSize);
 }

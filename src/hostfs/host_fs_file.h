@@ -4,6 +4,7 @@
 #include <boost/shared_ptr.hpp>
 #include <string>
 
+#include "hostfs/host_fs_file_cache.h"
 #include "hostfs/host_fs_node.h"
 #include "vfs/items/fs_item.h"
 
@@ -36,7 +37,7 @@ class CHostFsFile : public IFsFile {
     boost::shared_ptr<platform::file_t> file;
     boost::shared_ptr<const platform::location_t> where;
   };
-  SOpenFile CachedFile() const;
+  SOpenFile CachedFile(HostFsFileCache::use_t use) const;
 
   const boost::shared_ptr<CHostFsNode> node_;
   const boost::shared_ptr<IAddressChecker> addressChecker_;

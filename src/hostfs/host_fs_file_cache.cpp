@@ -26,14 +26,14 @@ constexpr std::uint64_t IdleLimitMilliseconds = 3 * 60 * 1000;
 /// One file kept open. Its end is logged, so it is never destroyed under the lock.
 class CHostFsFileHandleCacheRecord {
  public:
-  CHostFsFileHandleCacheRecord(std::string ownKey, file_ptr_t ownFile, std::string root)
-      : key(std::move(ownKey)), file(std::move(ownFile)), roots{std::move(root)} {}
+  CHostFsFileHandleCacheRecord(std::string ownKey, std::string root) : key(std::move(ownKey)), roots{std::move(root)} {}
   CHostFsFileHandleCacheRecord(const CHostFsFileHandleCacheRecord&) = delete;
   CHostFsFileHandleCacheRecord& operator=(const CHostFsFileHandleCacheRecord&) = delete;
   ~CHostFsFileHandleCacheRecord() { g_nfs_log.Info("[HostFsFileCache] Del record '%1'", key); }
 
   const std::string key;
-  const file_ptr_t file;
+  file_ptr_t file;
+  bool isForReadingAlone = false;
   std::uint64_t lastUse = 0;       // Milliseconds of platform::Clock().
   std::vector<std::string> roots;  // Below which of them the path was found to lead to this file.
 };
@@ -50,7 +50,7 @@ std::string MakeKey(std::string_view path) {
 struct SCacheState {
   using records_t = std::map<std::string, record_ptr_t, std::less<>>;
 
-  std::mutex lock;  // Guards the records, their last use and roots, and isClosed.
+  std::mutex lock;  // Guards the records and all but the key of each, and isClosed.
   records_t records;
   bool isClosed = false;
 
@@ -104,11 +104,13 @@ class CCacheLock {
   const std::lock_guard<std::mutex> lock_;
 };
 
-platform::error_t OpenFile(const platform::location_t& where, platform::files_t& files, file_ptr_t& file) {
+platform::error_t OpenFile(const platform::location_t& where, platform::files_t& files, file_ptr_t& file,
+                           bool& isForReadingAlone) {
   security::FilesAccessPermissions().CheckAccess(where.Path());
   platform::file_request_t request;
   const platform::error_t failure = files.Open(where, request, file);
-  if (failure != platform::error::AccessDenied) {
+  isForReadingAlone = failure == platform::error::AccessDenied;
+  if (!isForReadingAlone) {
     return failure;
   }
   // Files and media that cannot be written can still be read.
@@ -132,6 +134,49 @@ platform::error_t CheckRoot(CHostFsFileHandleCacheRecord& record, const platform
     record.roots.push_back(root);
   }
   return failure;
+}
+
+/// Tries to have a file for writing that is open for reading alone. When that fails it serves on, without a share mode,
+/// which readers do not need. `former` takes what is not to be closed under the lock.
+void OpenForWriting(CHostFsFileHandleCacheRecord& record, const platform::location_t& where, platform::files_t& files,
+                    file_ptr_t& former) {
+  // Our own share mode stands in the way.
+  record.file->ReleaseShare();
+  file_ptr_t file;
+  bool isForReadingAlone = false;
+  if (OpenFile(where, files, file, isForReadingAlone) != platform::error::Success) {
+    return;
+  }
+  const bool isSame = file->Id() == record.file->Id();
+  former = std::exchange(isSame ? record.file : file, isSame ? file : nullptr);
+  if (isSame) {
+    record.isForReadingAlone = isForReadingAlone;
+  }
+}
+
+/// Opens a file to empty it, or makes it, and drops whatever record of it is in the way.
+platform::error_t OpenWithoutRecords(const platform::location_t& where, platform::files_t& files, file_ptr_t& file) {
+  constexpr platform::file_request_t Request{platform::file_access_t::ReadWrite, platform::file_share_t::Read,
+                                             platform::file_disposition_t::OpenAlways};
+  const boost::shared_ptr<SCacheState> state = State();
+  dropped_t dropped;
+  const CCacheLock lock(*state);
+  if (const auto found = state->records.find(MakeKey(where.Path())); found != state->records.end()) {
+    state->Drop(found, dropped);
+  }
+  for (;;) {
+    const platform::error_t failure = files.Open(where, Request, file);
+    platform::file_info_t info;
+    if (failure != platform::error::SharingViolation || files.GetInfo(where, info) != platform::error::Success) {
+      return failure;
+    }
+    const std::size_t before = dropped.size();
+    state->DropIf([&info](const CHostFsFileHandleCacheRecord& record) { return record.file->Id() == info.id; },
+                  dropped);
+    if (dropped.size() == before) {
+      return failure;
+    }
+  }
 }
 
 void PurgeState(SCacheState& state) {
@@ -216,7 +261,7 @@ void HostFsFileCache::Deinit() {
   g_nfs_log.Info("[HostFsFileCache] Cache deinitialized");
 }
 
-platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where, platform::files_t& files,
+platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where, platform::files_t& files, use_t use,
                                               file_ptr_t& file) {
   const boost::shared_ptr<SCacheState> state = State();
   const std::string& path = where.Path();
@@ -224,6 +269,7 @@ platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where,
   const std::string ownKey = isKey ? std::string() : MakeKey(path);
   const std::string& key = isKey ? path : ownKey;
   dropped_t dropped;
+  file_ptr_t former;
   {
     const CCacheLock lock(*state);
     auto found = state->records.find(key);
@@ -239,14 +285,22 @@ platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where,
       }
     }
     if (found != state->records.end()) {
-      found->second->lastUse = platform::Clock().MonotonicMilliseconds();
-      file = found->second->file;
+      CHostFsFileHandleCacheRecord& record = *found->second;
+      if (use == use_t::Write && record.isForReadingAlone) {
+        OpenForWriting(record, where, files, former);
+      }
+      record.lastUse = platform::Clock().MonotonicMilliseconds();
+      file = record.file;
       return platform::error::Success;
     }
-    if (const platform::error_t failure = OpenFile(where, files, file); failure != platform::error::Success) {
+    bool isForReadingAlone = false;
+    if (const platform::error_t failure = OpenFile(where, files, file, isForReadingAlone);
+        failure != platform::error::Success) {
       return failure;
     }
-    const auto record = boost::make_shared<CHostFsFileHandleCacheRecord>(key, file, where.Root().Path());
+    const auto record = boost::make_shared<CHostFsFileHandleCacheRecord>(key, where.Root().Path());
+    record->file = file;
+    record->isForReadingAlone = isForReadingAlone;
     record->lastUse = platform::Clock().MonotonicMilliseconds();
     state->records.emplace(key, record);
   }
@@ -256,7 +310,8 @@ platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where,
 
 file_ptr_t HostFsFileCache::GetFile(const platform::location_t& where, platform::files_t& files) {
   file_ptr_t file;
-  if (const platform::error_t failure = TryGetFile(where, files, file); failure != platform::error::Success) {
+  if (const platform::error_t failure = TryGetFile(where, files, use_t::Read, file);
+      failure != platform::error::Success) {
     throw exc::win_sys_exc_t(exc::FormatText("Failed to open existing file [%1] for read/write access.", where.Path()),
                              failure);
   }
@@ -297,27 +352,14 @@ void HostFsFileCache::RemoveSubtree(const std::string& path) {
       dropped);
 }
 
-platform::error_t HostFsFileCache::CreateOver(const platform::location_t& where, platform::files_t& files,
-                                              const std::function<platform::error_t()>& create) {
-  const boost::shared_ptr<SCacheState> state = State();
-  dropped_t dropped;
-  const CCacheLock lock(*state);
-  if (const auto found = state->records.find(MakeKey(where.Path())); found != state->records.end()) {
-    state->Drop(found, dropped);
+platform::error_t HostFsFileCache::CreateOver(const platform::location_t& where, platform::files_t& files) {
+  file_ptr_t file;
+  if (const platform::error_t failure = OpenWithoutRecords(where, files, file); failure != platform::error::Success) {
+    return failure;
   }
-  for (;;) {
-    const platform::error_t failure = create();
-    platform::file_info_t info;
-    if (failure != platform::error::SharingViolation || files.GetInfo(where, info) != platform::error::Success) {
-      return failure;
-    }
-    const std::size_t before = dropped.size();
-    state->DropIf([&info](const CHostFsFileHandleCacheRecord& record) { return record.file->Id() == info.id; },
-                  dropped);
-    if (dropped.size() == before) {
-      return failure;
-    }
-  }
+  // Whoever comes while it is emptied finds no share mode in the way.
+  file->ReleaseShare();
+  return file->SetSize(0);
 }
 
 void HostFsFileCache::Purge() {

@@ -3,8 +3,7 @@
 
 #include <boost/shared_ptr.hpp>
 #include <chrono>
-#include <cstdint>
-#include <functional>
+#include <cstddef>
 #include <string>
 
 #include "platform/files.h"
@@ -21,11 +20,14 @@ class HostFsFileCache {
   /// Ends the purge thread and drops every record. Files still in use close with their last holder.
   static void Deinit();
 
+  enum class use_t { Read, Write };
+
   /// The file at the location, opened for reading and writing, or for reading alone when that is refused (5). Throws
   /// win_sys_exc_t "Failed to open existing file [%1] for read/write access."
   static boost::shared_ptr<platform::file_t> GetFile(const platform::location_t& where, platform::files_t& files);
-  /// As GetFile, and gives the failed open's number instead of throwing.
-  static platform::error_t TryGetFile(const platform::location_t& where, platform::files_t& files,
+  /// As GetFile, and gives the failed open's number instead of throwing. A file that was opened for reading alone is
+  /// opened anew for who wants to write, as it may have become writable since.
+  static platform::error_t TryGetFile(const platform::location_t& where, platform::files_t& files, use_t use,
                                       boost::shared_ptr<platform::file_t>& file);
   /// As GetFile for any path of the host, confined to the folder it names.
   static boost::shared_ptr<platform::file_t> GetFile(const std::string& path);
@@ -34,10 +36,10 @@ class HostFsFileCache {
   /// Drops every record below a folder; A to Z are equal to a to z.
   static void RemoveSubtree(const std::string& path);
 
-  /// Runs `create`, which opens the file at the location to empty or make it, with no record of that file in the way:
-  /// neither under this path nor under another spelling or link. No other file is opened by the cache meanwhile.
-  static platform::error_t CreateOver(const platform::location_t& where, platform::files_t& files,
-                                      const std::function<platform::error_t()>& create);
+  /// Makes the file at the location, or empties the one that is there, with no record of that file in the way: neither
+  /// under this path nor under another spelling or link. Other files are served while it is emptied, which can take
+  /// long.
+  static platform::error_t CreateOver(const platform::location_t& where, platform::files_t& files);
 
   /// Closes what is idle now; what the purge thread does each period.
   static void Purge();

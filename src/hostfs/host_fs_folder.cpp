@@ -97,6 +97,10 @@ platform::error_t DeleteFound(const platform::location_t& where, bool isFolder, 
   return failure;
 }
 
+boost::shared_ptr<IAddressChecker> MakeChecker(const std::string& allowedHostAddr) {
+  return CAddressCheckerFactory::Get()->CreateItemChecker(allowedHostAddr);
+}
+
 CRegOptionsCache& RootFolderOption() {
   static CRegOptionsCache option;
   return option;
@@ -167,7 +171,8 @@ void CHostFsFolder::SetTimes(const FILETIME* /*creation*/, const FILETIME* /*las
 
 bool CHostFsFolder::Exists() {
   // The root of the file system is there, whatever a search for it says.
-  return node_->Path() == "/" || host_fs_item::Exists(*node_);
+  const location_ptr_t where = node_->Location();
+  return (where && where->Path() == "/") || host_fs_item::Exists(*node_);
 }
 
 bool CHostFsFolder::GetMountUid(GUID& /*mountUid*/) {
@@ -216,17 +221,15 @@ void CHostFsFolder::Enumerate(SFsEnumeration& enumeration) {
   enumeration.names = std::move(listing.names);
 }
 
-boost::shared_ptr<IFsItem> CHostFsFolder::MakeItem(const std::string& spelling, bool isFolder,
-                                                   const std::string& allowedHostAddr) {
-  const boost::shared_ptr<CHostFsNode> node = node_->Child(spelling);
-  const boost::shared_ptr<IAddressChecker> checker = CAddressCheckerFactory::Get()->CreateItemChecker(allowedHostAddr);
+boost::shared_ptr<IFsItem> CHostFsFolder::MakeItem(const boost::shared_ptr<CHostFsNode>& node, bool isFolder,
+                                                   const boost::shared_ptr<IAddressChecker>& checker) {
   if (isFolder) {
     return boost::make_shared<CHostFsFolder>(node, invoker_, allocator_, checker, false);
   }
   return boost::make_shared<CAsyncFsFileWrapper>(boost::make_shared<CHostFsFile>(node, checker), invoker_, allocator_);
 }
 
-boost::shared_ptr<IFsItem> CHostFsFolder::FindChild(const std::string& name, const std::string& allowedHostAddr) {
+boost::shared_ptr<CHostFsNode> CHostFsFolder::FindChild(const std::string& name, bool& isFolder) {
   host_fs_item::CheckUtf8(name);
   if (!platform::IsPlainName(name)) {
     return nullptr;
@@ -244,15 +247,22 @@ boost::shared_ptr<IFsItem> CHostFsFolder::FindChild(const std::string& name, con
     throw exc::win_sys_exc_t(exc::FormatText("Failed to retrieve attributes of the file [%1]", ChildPath(name)),
                              failure);
   }
-  return MakeItem(info.name, info.attributes.IsDirectory(), allowedHostAddr);
+  isFolder = info.attributes.IsDirectory();
+  return node_->Child(info.name);
 }
 
 boost::shared_ptr<IFsItem> CHostFsFolder::OpenChild(const std::string& name) {
-  return FindChild(name, GetAllowedHostAddr());
+  bool isFolder = false;
+  const boost::shared_ptr<CHostFsNode> child = FindChild(name, isFolder);
+  // A checker of equal text would be a lookup for each entry of a listing. An empty one has no text to hand down.
+  const bool isInherited = addressChecker_ && !addressChecker_->IsEmpty();
+  return child ? MakeItem(child, isFolder, isInherited ? addressChecker_ : MakeChecker({})) : nullptr;
 }
 
 boost::shared_ptr<IFsItem> CHostFsFolder::ResumeChild(const std::string& name, const SFsItemSpec& spec) {
-  return FindChild(name, spec.allowedHostAddr);
+  bool isFolder = false;
+  const boost::shared_ptr<CHostFsNode> child = FindChild(name, isFolder);
+  return child ? MakeItem(child, isFolder, MakeChecker(spec.allowedHostAddr)) : nullptr;
 }
 
 boost::shared_ptr<IFsItem> CHostFsFolder::CreateFile(const std::string& name, const std::string& allowedHostAddr) {
@@ -264,17 +274,12 @@ boost::shared_ptr<IFsItem> CHostFsFolder::CreateFile(const std::string& name, co
     CheckAccess(where->Child(name));
     spelling = files.GetInfo(where->Child(name), info) == error::Success ? info.name : name;
     const platform::location_t target = where->Child(spelling);
-    return HostFsFileCache::CreateOver(target, files, [&] {
-      boost::shared_ptr<platform::file_t> closedAtOnce;
-      const platform::file_request_t request{platform::file_access_t::ReadWrite, platform::file_share_t::Read,
-                                             platform::file_disposition_t::CreateAlways};
-      return files.Open(target, request, closedAtOnce);
-    });
+    return HostFsFileCache::CreateOver(target, files);
   });
   if (failure != error::Success) {
     throw exc::win_sys_exc_t(exc::FormatText("Failed to create or open file [%1].", ChildPath(name)), failure);
   }
-  return MakeItem(spelling, false, allowedHostAddr);
+  return MakeItem(node_->Child(spelling), false, MakeChecker(allowedHostAddr));
 }
 
 boost::shared_ptr<IFsItem> CHostFsFolder::CreateSubfolder(const std::string& name, const std::string& allowedHostAddr) {
@@ -298,7 +303,7 @@ boost::shared_ptr<IFsItem> CHostFsFolder::CreateSubfolder(const std::string& nam
     throw exc::win_sys_exc_t(exc::FormatText("Failed to create folder [%1]. Full path: %2", name, ChildPath(name)),
                              failure);
   }
-  return MakeItem(spelling, true, allowedHostAddr);
+  return MakeItem(node_->Child(spelling), true, MakeChecker(allowedHostAddr));
 }
 
 void CHostFsFolder::DeleteChild(const std::string& name) {
@@ -347,6 +352,11 @@ void CHostFsFolder::RenameChild(const std::string& oldName, const std::string& n
     };
     dropAll();
     return node_->RenameChild(source.name, newName, replaced, [&] {
+      // This folder may have been moved since, and another one may be here.
+      const location_ptr_t present = node_->Location();
+      if (!present || present->Path() != where->Path()) {
+        return error::FileNotFound;
+      }
       const platform::error_t failure = files.Rename(from, to);
       // Again before the items follow: a call under way may have opened the old path before it was moved, and the
       // name may be given to another file.

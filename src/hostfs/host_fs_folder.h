@@ -64,8 +64,9 @@ class CHostFsFolder : public IFsFolder {
   void DeleteRecursively();
 
  private:
-  boost::shared_ptr<IFsItem> FindChild(const std::string& name, const std::string& allowedHostAddr);
-  boost::shared_ptr<IFsItem> MakeItem(const std::string& spelling, bool isFolder, const std::string& allowedHostAddr);
+  boost::shared_ptr<CHostFsNode> FindChild(const std::string& name, bool& isFolder);
+  boost::shared_ptr<IFsItem> MakeItem(const boost::shared_ptr<CHostFsNode>& node, bool isFolder,
+                                      const boost::shared_ptr<IAddressChecker>& checker);
   std::string ChildPath(const std::string& name) const;
   bool RestoreRootFolder();
 

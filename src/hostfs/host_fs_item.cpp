@@ -11,8 +11,9 @@ namespace host_fs_item {
 namespace error = platform::error;
 
 bool MeansAbsent(platform::error_t failure) noexcept {
-  return failure != error::Success && failure != error::TooManyOpenFiles && failure != error::NotEnoughMemory &&
-         failure != error::IoDevice;
+  constexpr platform::error_t CircleOfLinks = 1921;
+  return failure == error::FileNotFound || failure == error::PathNotFound || failure == error::AccessDenied ||
+         failure == error::FilenameExceedsRange || failure == CircleOfLinks;
 }
 
 platform::error_t TryGetAttributes(const CHostFsNode& node, WIN32_FILE_ATTRIBUTE_DATA& attributes) {

@@ -12,8 +12,9 @@ class IAddressChecker;
 
 namespace host_fs_item {
 
-/// Whether a failed search means that nothing was found. Being out of descriptors or memory, or a disk that cannot be
-/// read, says nothing about what is there, and must not pass for its absence.
+/// Whether a failed search means that nothing was found: nothing has the name, or what has it may not be reached.
+/// Anything else, as being out of descriptors or a disk that cannot be read, says nothing about what is there, and must
+/// not pass for its absence.
 bool MeansAbsent(platform::error_t failure) noexcept;
 
 /// Gives the number of the failure.

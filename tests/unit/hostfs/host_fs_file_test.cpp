@@ -240,6 +240,35 @@ TEST_F(HostFsFile, RefusedFileIsOpenedForReadingOnly) {
   EXPECT_EQ(Get("file"), "text");
 }
 
+TEST_F(HostFsFile, FileThatBecomesWritableIsWrittenThoughItWasReadBefore) {
+  Put("file", "text");
+  const auto file = File("file");
+  file->SetPermissions(true, false);
+  EXPECT_EQ(Read(*file), "text");
+  EXPECT_EQ(NumberOf([&] { Write(*file, "x"); }), error::AccessDenied);
+  EXPECT_EQ(Read(*file), "text");
+  file->SetPermissions(true, true);
+  Write(*file, "T");
+  EXPECT_EQ(Get("file"), "Text");
+  file->SetPermissions(true, false);
+  EXPECT_EQ(Read(*file), "Text");
+  file->Resize(2);  // The handle is open for writing.
+  EXPECT_EQ(Get("file"), "Te");
+  EXPECT_EQ(HostFsFileCache::RecordCount(), 1U);
+}
+
+TEST_F(HostFsFile, HandleForReadingServesOnWhenItsFileHasGone) {
+  Put("file", "text");
+  const auto file = File("file");
+  file->SetPermissions(true, false);
+  EXPECT_EQ(Read(*file), "text");
+  fs::remove(Path("file"));
+  Put("file", "another");
+  EXPECT_EQ(NumberOf([&] { Write(*file, "x"); }), error::AccessDenied);
+  EXPECT_EQ(Read(*file), "text");
+  EXPECT_EQ(Get("file"), "another");
+}
+
 TEST_F(HostFsFile, FileThatCannotBeReadEitherTellsTheSecondFailure) {
   Put("file", "text");
   files.faults.onOpen = [&](const platform::location_t&, const platform::file_request_t& request) {
@@ -269,7 +298,9 @@ TEST_F(HostFsFile, AttributesAndTheirFailure) {
 TEST_F(HostFsFile, ExhaustionDoesNotPassForAbsence) {
   Put("file", "text");
   const auto file = File("file");
-  for (const platform::error_t failure : {error::TooManyOpenFiles, error::NotEnoughMemory, error::IoDevice}) {
+  constexpr platform::error_t Unnamed = 31;  // As of a damaged file system.
+  for (const platform::error_t failure : {error::TooManyOpenFiles, error::NotEnoughMemory, error::IoDevice, Unnamed,
+                                          error::SemaphoreTimeout, error::InvalidFunctionHandle}) {
     files.faults.onGetInfo = [failure](const platform::location_t&) { return failure; };
     EXPECT_EQ(NumberOf([&] { file->Exists(); }), failure);
     EXPECT_EQ(NumberOf([&] { root->OpenChild("file"); }), failure);

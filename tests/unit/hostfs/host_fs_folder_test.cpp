@@ -1,6 +1,9 @@
 // Finding, making, listing and deleting what lies in a host folder.
 #include "hostfs/host_fs_folder.h"
 
+#include <chrono>
+#include <future>
+
 #include "hostfs/files_access_permissions.h"
 #include "hostfs/host_folders.h"
 #include "unit/hostfs/host_fs_fixture.h"
@@ -149,6 +152,25 @@ TEST_F(HostFsFolder, CreatingOverAFileInUseSucceeds) {
   EXPECT_EQ(size, 0U);
 }
 
+TEST_F(HostFsFolder, OtherFilesAreServedWhileOneIsEmptied) {
+  Put("file", "text");
+  Put("other", "other");
+  const auto other = File("other");
+  const auto file = File("file");
+  std::future<std::string> reads;
+  files.faults.onSetSize = [&] {
+    reads = std::async(std::launch::async, [&] { return Read(*other) + Read(*file); });
+    EXPECT_EQ(reads.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    return 0U;
+  };
+  root->CreateFile("file", "");
+  EXPECT_EQ(reads.get(), "othertext");
+  EXPECT_EQ(Get("file"), "");
+  files.faults.onSetSize = [] { return error::DiskFull; };
+  EXPECT_EQ(NumberOf([&] { root->CreateFile("file", ""); }, "Failed to create or open file [" + Path("file") + "]."),
+            error::DiskFull);
+}
+
 TEST_F(HostFsFolder, CreatingAFolderTakesOneThatIsThere) {
   const auto folder = AsFolder(root->CreateSubfolder("Folder", ""));
   ASSERT_TRUE(folder);
@@ -199,6 +221,28 @@ TEST_F(HostFsFolder, DeletingAFolderTakesAllBelowAndFollowsNoLink) {
   root->DeleteChild("link");
   EXPECT_FALSE(IsThere("link"));
   EXPECT_EQ(Get("kept/file"), "kept");
+}
+
+TEST_F(HostFsFolder, FolderThatTurnsIntoALinkWhileItIsDeletedIsNotFollowed) {
+  fs::create_directories(Path("folder/sub"));
+  fs::create_directory(Path("kept"));
+  Put("kept/file", "kept");
+  for (const std::string swapped : {"folder/sub", "folder"}) {
+    files.faults.onList = [&](const platform::location_t& where) {
+      if (where.Path() == Path(swapped)) {
+        fs::rename(Path(swapped), Path("aside"));
+        fs::create_symlink(swapped == "folder" ? "kept" : "../kept", Path(swapped));
+      }
+      return 0U;
+    };
+    EXPECT_NE(NumberOf([&] { root->DeleteChild("folder"); }), 0U) << swapped;
+    EXPECT_EQ(Get("kept/file"), "kept") << swapped;
+    files.faults.onList = nullptr;
+    fs::remove(Path(swapped));
+    fs::rename(Path("aside"), Path(swapped));
+  }
+  root->DeleteChild("folder");
+  EXPECT_FALSE(IsThere("folder"));
 }
 
 TEST_F(HostFsFolder, FolderThatStaysFullIsTriedThreeTimesMore) {

@@ -1,5 +1,6 @@
 // What renames do to the entries, and to the items that stand for them.
 #include <thread>
+#include <utility>
 
 #include "unit/hostfs/host_fs_fixture.h"
 
@@ -108,6 +109,27 @@ TEST_F(HostFsRename, HandleOpenedBetweenIsNotLeftUnderTheOldPath) {
   Put("old", "another");
   EXPECT_EQ(Read(*File("old")), "another");
   EXPECT_EQ(Read(*file), "old");
+}
+
+TEST_F(HostFsRename, FolderThatIsMovedMeanwhileIsTheOneWhoseEntryIsRenamed) {
+  fs::create_directory(Path("folder"));
+  Put("folder/old", "own");
+  const auto folder = Folder("folder");
+  const auto file = AsFile(folder->OpenChild("old"));
+  bool isMoved = false;
+  files.faults.onFindEntry = [&](const platform::location_t&) {
+    if (std::exchange(isMoved, true)) {
+      return 0U;
+    }
+    root->RenameChild("folder", "moved");
+    fs::create_directory(Path("folder"));
+    Put("folder/old", "another");
+    return 0U;
+  };
+  folder->RenameChild("old", "new");
+  EXPECT_EQ(Get("moved/new"), "own");
+  EXPECT_EQ(Get("folder/old"), "another");
+  EXPECT_EQ(Read(*file), "own");
 }
 
 TEST_F(HostFsRename, ReadersMeanwhileAlwaysFindTheFile) {
