@@ -69,26 +69,24 @@ error_t system_files_t::ReadFound(const location_t& where, host_status_t& status
   return failure != error::Success ? failure : ReadStatus(file.Get(), status);
 }
 
+error_t system_files_t::Look(const location_t& where, host_status_t& status, std::string& spelling) {
+  if (where.IsRoot()) {
+    spelling.clear();
+    const error_t failure = ReadPathStatus(where.Path(), status);
+    return failure == error::Success && !S_ISDIR(status.mode) ? error::PathNotFound : failure;
+  }
+  parent_t parent;
+  error_t failure = parent.Open(where);
+  if (failure == error::Success) {
+    failure = FindEntryIn(parent, status, spelling);
+  }
+  // What is no link leads nowhere: there is nothing to resolve and so nothing to open.
+  return failure == error::Success && S_ISLNK(status.mode) ? ReadFound(where, status) : failure;
+}
+
 error_t system_files_t::GetInfo(const location_t& where, file_info_t& info) {
   host_status_t status;
-  error_t failure = error::Success;
-  if (where.IsRoot()) {
-    info.name.clear();
-    failure = ReadPathStatus(where.Path(), status);
-    if (failure == error::Success && !S_ISDIR(status.mode)) {
-      failure = error::PathNotFound;
-    }
-  } else {
-    parent_t parent;
-    failure = parent.Open(where);
-    if (failure == error::Success) {
-      failure = FindEntryIn(parent, status, info.name);
-    }
-    // What is no link leads nowhere: there is nothing to resolve and so nothing to open.
-    if (failure == error::Success && S_ISLNK(status.mode)) {
-      failure = ReadFound(where, status);
-    }
-  }
+  const error_t failure = Look(where, status, info.name);
   if (failure == error::Success) {
     info.attributes = status.attributes;
     info.id = status.id;
@@ -139,7 +137,8 @@ error_t system_files_t::OpenExisting(const location_t& where, const file_request
   host_status_t status;
   int flags = O_PATH;
   if (request.access != file_access_t::Attributes) {
-    if (const error_t failure = ReadFound(where, status); failure != error::Success) {
+    std::string spelling;
+    if (const error_t failure = Look(where, status, spelling); failure != error::Success) {
       return failure;
     }
     if (isRefused(status.mode)) {

@@ -32,6 +32,7 @@ class system_files_t : public files_t {
   };
 
   error_t OpenFound(const location_t& where, int flags, descriptor_t& opened);
+  error_t Look(const location_t& where, host_status_t& status, std::string& spelling);
   error_t ReadFound(const location_t& where, host_status_t& status);
   error_t FindEntryIn(const parent_t& parent, host_status_t& status, std::string& spelling);
   error_t OpenExisting(const location_t& where, const file_request_t& request, boost::shared_ptr<file_t>& file);
