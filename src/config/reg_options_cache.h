@@ -7,12 +7,14 @@
 #include <string>
 
 /// Reads the root folder again when the last reading is 30 seconds old, so that a change reaches the running service
-/// within that time. Goes by platform::Clock(). Any thread; its lock is held while it reads.
+/// within that time. Goes by platform::Clock(). Any thread; only the first reading is waited for by all: later the
+/// others go on with what is known while one reads.
 class CRegOptionsCache {
  public:
   static constexpr std::uint64_t PeriodMilliseconds = 30000;
 
-  /// The expanded root folder. Throws when it is due and cannot be read; the next call tries again.
+  /// The expanded root folder. Throws when it cannot be read for the first time, and the next call tries again; a later
+  /// failure is logged, and what is known stands for another period.
   std::string Get();
 
  private:
