@@ -20,7 +20,6 @@
 #include "service/context/svc_context.h"
 #include "service/context/svc_context_holder.h"
 #include "service/crash_sinks.h"
-#include "service/portmap_connection.h"
 #include "service/start_advice.h"
 #include "transports/async/async_server.h"
 
@@ -92,8 +91,10 @@ void CNfsService::StartAsyncServer(const CSvcContext& context, boost::shared_ptr
   params.registrationProc = [this] {
     registration_.mountPort = ServicePorts().mount;
     registration_.nfsPort = ServicePorts().nfs;
-    RegisterOnPortmapProc(registration_, ConnectToPortmapper, SignalConnectionEvent);
+    RegisterOnPortmapProc(
+        registration_, [this] { return portmapConnector_.Connect(); }, SignalConnectionEvent);
   };
+  params.abortRegistration = [this] { portmapConnector_.Abort(); };
   asyncServer_ = boost::make_shared<CAsyncServer>(std::move(params));
 }
 

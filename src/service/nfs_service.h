@@ -7,6 +7,7 @@
 #include "config/rpc_server_settings.h"
 #include "foundation/command_line.h"
 #include "programs/portmap_registration.h"
+#include "service/portmap_connection.h"
 
 class CAsyncServer;
 class CSvcContext;
@@ -39,6 +40,7 @@ class CNfsService {
   bool asyncRequested_ = false;
   CRpcServerSettings rpcServerSettings_;
   PortRegistration registration_;
+  CPortmapConnector portmapConnector_;
   boost::shared_ptr<CAsyncServer> asyncServer_;
   std::uint32_t mainThreadId_ = 0;
 };

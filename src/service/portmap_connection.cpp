@@ -1,9 +1,6 @@
 #include "service/portmap_connection.h"
 
-#include <netinet/in.h>
-
-#include <boost/make_shared.hpp>
-
+#include "foundation/exc.h"
 #include "transports/sockets/socket_rpc_stream.h"
 
 namespace {
@@ -13,10 +10,25 @@ constexpr std::uint16_t Port = 111;
 
 }  // namespace
 
-std::unique_ptr<IRpcClientStream> ConnectToPortmapper() {
-  const auto socket = boost::make_shared<CSocketIP>(true);
-  // Without the privilege the port is any, which our own portmapper does not mind.
-  static_cast<void>(::bindresvport(socket->Socket(), nullptr));
-  socket->Connect(Host, Port);
-  return std::make_unique<CSocketRpcStream>(socket);
+std::unique_ptr<IRpcClientStream> CPortmapConnector::Connect() {
+  return ConnectRpcStream(Host, Port, [this](const boost::shared_ptr<CSocketIP>& socket) { Keep(socket); });
+}
+
+void CPortmapConnector::Keep(const boost::shared_ptr<CSocketIP>& socket) {
+  const std::lock_guard guard(lock_);
+  if (aborted_)
+    throw exc::runtime_exc_t(std::string("The service is stopping."));
+  socket_ = socket;
+}
+
+void CPortmapConnector::Abort() noexcept {
+  boost::shared_ptr<CSocketIP> socket;
+  {
+    const std::lock_guard guard(lock_);
+    aborted_ = true;
+    socket = socket_.lock();
+  }
+  // Held here, so that its descriptor is still its own.
+  if (socket)
+    socket->Abort();
 }

@@ -167,6 +167,9 @@ void CAsyncServer::CContext::Release() noexcept {
     // Connections that wait for their peers; the registration, if it still talks to ourselves, ends with them.
     port_->Abandon();
     if (registration_) {
+      if (params_.abortRegistration) {
+        params_.abortRegistration();
+      }
       registration_->Join(StopLimitMs);
     }
   } catch (const std::exception& failure) {

@@ -33,6 +33,8 @@ struct SAsyncServerParams {
   /// Body of the thread that registers the ports with the portmapper of this machine, whoever that is. Runs beside the
   /// server and ends by itself; the server joins it at stop. Must not throw. Empty starts no thread.
   std::function<void()> registrationProc;
+  /// Called at stop, before the registration's thread is joined: ends what it waits for. Must not throw. May be empty.
+  std::function<void()> abortRegistration;
   /// Pauses of the set-up (a port that is taken) and of accepting; empty waits in real time. Tests replace it.
   std::function<void(std::chrono::milliseconds)> pause;
 };

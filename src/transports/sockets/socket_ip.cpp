@@ -146,6 +146,10 @@ void CSocketIP::Close() noexcept {
   connected_ = false;
 }
 
+void CSocketIP::Abort() const noexcept {
+  ::shutdown(socket_, SHUT_RDWR);
+}
+
 void CSocketIP::WaitToRead() {
   const std::uint32_t timeoutSec = TimeoutSec();
   switch (WaitFor(socket_, POLLIN, timeoutSec)) {

@@ -60,6 +60,8 @@ class CSocketIP : public io::INonBlockingIoDev {
 
   /// Any number of times.
   void Close() noexcept;
+  /// Ends both directions at once: whoever waits to connect or for the peer fails. Any thread, as long as none closes.
+  void Abort() const noexcept;
 
   /// Devices in place of the socket. Send and Recv use the second, when it is set.
   void SetDevices(boost::shared_ptr<io::io_dev_t> first, boost::shared_ptr<io::io_dev_t> second);

@@ -21,8 +21,15 @@ void CSocketRpcStream::Recv(void* data, std::size_t length, std::uint32_t timeou
   socket_->Recv(data, length, timeoutSec);
 }
 
-std::unique_ptr<IRpcClientStream> ConnectRpcStream(const std::string& address, std::uint16_t port) {
-  auto socket = boost::make_shared<CSocketIP>(true);
+std::unique_ptr<IRpcClientStream> ConnectRpcStream(const std::string& address, std::uint16_t port,
+                                                   const on_rpc_socket_t& onSocket) {
+  const auto make = [&onSocket] {
+    auto made = boost::make_shared<CSocketIP>(true);
+    if (onSocket)
+      onSocket(made);
+    return made;
+  };
+  auto socket = make();
   socket->BindReservedPort();
   try {
     socket->Connect(address, port);
@@ -30,7 +37,7 @@ std::unique_ptr<IRpcClientStream> ConnectRpcStream(const std::string& address, s
     // The reserved port may still be held by an earlier connection to the same peer.
     if (failure.Code() != platform::error::WsaAddressInUse && failure.Code() != AddressNotAvailable)
       throw;
-    socket = boost::make_shared<CSocketIP>(true);
+    socket = make();
     socket->Connect(address, port);
   }
   return std::make_unique<CSocketRpcStream>(socket);

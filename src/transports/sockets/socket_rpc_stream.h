@@ -3,6 +3,7 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -20,6 +21,10 @@ class CSocketRpcStream : public IRpcClientStream {
   const boost::shared_ptr<CSocketIP> socket_;
 };
 
+/// Told of each socket before it connects; what it throws ends the attempt.
+using on_rpc_socket_t = std::function<void(const boost::shared_ptr<CSocketIP>& socket)>;
+
 /// A new TCP connection, from a reserved source port where this process may bind one: portmappers take SET and UNSET
 /// from there alone. Throws what CSocketIP::Connect throws.
-std::unique_ptr<IRpcClientStream> ConnectRpcStream(const std::string& address, std::uint16_t port);
+std::unique_ptr<IRpcClientStream> ConnectRpcStream(const std::string& address, std::uint16_t port,
+                                                   const on_rpc_socket_t& onSocket = {});

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <memory>
 
 #include "support/captured_log.h"
@@ -67,6 +68,21 @@ TEST_F(AsyncServerTest, ServesBothPortsThatItTellsTheRegistration) {
   EXPECT_TRUE(Logged(log_, "Initializing TCP/UDP handlers."));
   EXPECT_TRUE(Logged(log_, "TCP/UDP handlers were initialized."));
   EXPECT_TRUE(Logged(log_, "Listening port \"" + std::to_string(ServicePorts().mount) + "\" (mount service)."));
+}
+
+TEST_F(AsyncServerTest, EndsARegistrationThatWaitsForItsPortmapper) {
+  std::promise<void> aborted;
+  std::atomic<bool> ended{false};
+  params_.registrationProc = [&] {
+    aborted.get_future().wait();
+    ended = true;
+  };
+  params_.abortRegistration = [&] { aborted.set_value(); };
+  CAsyncServer server(params_);
+  ExpectServing(ServicePorts().nfs);
+  EXPECT_FALSE(ended);
+  server.Stop();
+  EXPECT_TRUE(ended);
 }
 
 TEST_F(AsyncServerTest, RaisesTheVeryFailureOfItsSetUp) {

@@ -367,6 +367,25 @@ TEST(CSocketIPTest, AnRpcStreamConnects) {
   EXPECT_THROW(ConnectRpcStream("not an address", 1), exc::win_sys_exc_t);
 }
 
+TEST(CSocketIPTest, AnRpcStreamCanBeAbortedByAnotherThread) {
+  CListener listener;
+  boost::shared_ptr<CSocketIP> socket;
+  const auto stream =
+      ConnectRpcStream("127.0.0.1", listener.Port(), [&](const boost::shared_ptr<CSocketIP>& made) { socket = made; });
+  const auto server = listener.Accept();
+  ASSERT_NE(socket, nullptr);
+  std::thread other([&] { socket->Abort(); });
+  char byte = 0;
+  EXPECT_THROW(stream->Recv(&byte, 1, 0), CCloseTCPConnection);
+  other.join();
+}
+
+TEST(CSocketIPTest, AnRpcStreamIsNotConnectedAgainstItsOwnersWill) {
+  CListener listener;
+  const auto refuse = [](const boost::shared_ptr<CSocketIP>&) { throw exc::runtime_exc_t(std::string("no")); };
+  EXPECT_THROW(ConnectRpcStream("127.0.0.1", listener.Port(), refuse), exc::runtime_exc_t);
+}
+
 TEST(CSocketIPTest, DatagramsCarryTheirSource) {
   CSocketIP receiver(false);
   receiver.Bind(0);
