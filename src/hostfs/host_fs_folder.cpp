@@ -61,18 +61,19 @@ void WarnOfCaseVariants(const std::string& folder, const std::vector<std::string
                     hidden.front(), hidden.size() - 1);
 }
 
-/// What clients can name; the others cost themselves alone.
+/// What clients can name; the others cost themselves alone, and one line together.
 void KeepUsableNames(const std::string& folder, std::vector<std::string>& names) {
-  std::erase_if(names, [&folder](const std::string& name) {
-    if (!platform::IsValidUtf8(name)) {
-      const exc::win_sys_exc_t failure("Unicode string cannot be converted to UTF8 string.",
-                                       error::NoUnicodeTranslation);
-      g_nfs_log.Exception(logging::level_t::Warning,
-                          exc::FormatText("Folder [%1] has an entry without a name.", folder), failure);
-      return true;
-    }
-    return !platform::IsPlainName(name);
+  std::size_t nameless = 0;
+  std::erase_if(names, [&nameless](const std::string& name) {
+    const bool isText = platform::IsValidUtf8(name);
+    nameless += isText ? 0 : 1;
+    return !isText || !platform::IsPlainName(name);
   });
+  if (nameless != 0) {
+    const exc::win_sys_exc_t failure("Unicode string cannot be converted to UTF8 string.", error::NoUnicodeTranslation);
+    g_nfs_log.Exception(logging::level_t::Warning,
+                        exc::FormatText("Folder [%1] has %2 entries without a name.", folder, nameless), failure);
+  }
 }
 
 /// Closes what is open of the entry, and below it when it is a folder.

@@ -79,8 +79,11 @@ TEST_F(HostFsFolder, NamesThatAreNoUtf8AreTheConversionError) {
 TEST_F(HostFsFolder, ListingLeavesOutWhatCannotBeNamed) {
   Put("\xc3\xa4", "");
   Put(notUtf8, "");
+  Put(notUtf8 + "b", "");
   Put("back\\slash", "");
+  const test::CapturedLog log;
   EXPECT_EQ(Names(*root), (Strings{"\xc3\xa4"}));
+  EXPECT_EQ(log.Count("Folder [" + (dir / "share") + "] has 2 entries without a name."), 1U);
 }
 
 TEST_F(HostFsFolder, ListingHidesCaseVariantsWithOneWarning) {
