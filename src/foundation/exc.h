@@ -136,9 +136,12 @@ class com_exc_t : public exc_of_t<com_exc_t, exc_base_t> {
 };
 
 /// A timed receive ran out.
-class socket_timeout_exc_t : public exc_of_t<socket_timeout_exc_t, runtime_exc_t> {
+class socket_timeout_exc_t : public exc_of_t<socket_timeout_exc_t, exc_base_t> {
  public:
-  using exc_of_t::exc_of_t;
+  explicit socket_timeout_exc_t(std::string text) : exc_of_t(std::move(text)) {}
+  template <typename... Args>
+  explicit socket_timeout_exc_t(std::string_view pattern, const Args&... arguments) requires(sizeof...(Args) > 0)
+      : exc_of_t(FormatText(pattern, arguments...)) {}
   std::string GetKind() const override;
 };
 

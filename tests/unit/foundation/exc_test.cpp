@@ -141,6 +141,16 @@ TEST(CloneException, ClonesAndRethrowsTheDynamicType) {
   EXPECT_EQ(Catch<exc::win_sys_exc_t>([&] { copy->Rethrow(); }).Code(), 112U);
 }
 
+TEST(Kind, EachClassStandsUnderTheRootAlone) {
+  EXPECT_TRUE((std::is_base_of_v<std::exception, exc::exc_base_t>));
+  const boost::shared_ptr<exc::exc_base_t> classes[] = {
+      exc::win_sys_exc_t("t", 5).Clone(), exc::com_exc_t("t", 1).Clone(), exc::socket_timeout_exc_t("t").Clone(),
+      exc::file_locked_exc_t("p").Clone(), exc::term_exc_t().Clone()};
+  for (const auto& exception : classes)
+    EXPECT_EQ(dynamic_cast<const exc::runtime_exc_t*>(exception.get()), nullptr) << exception->GetKind();
+  EXPECT_STREQ(exc::socket_timeout_exc_t("after %1 sec", 5).what(), "after 5 sec");
+}
+
 TEST(Kind, IsTheClassName) {
   EXPECT_EQ(exc::exc_base_t().GetKind(), "exc_base_t");
   EXPECT_EQ(exc::runtime_exc_t("t").GetKind(), "runtime_exc_t");
