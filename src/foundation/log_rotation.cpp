@@ -20,8 +20,9 @@ bool Exists(const std::string& path) {
   return ::access(path.c_str(), F_OK) == 0;
 }
 
-[[noreturn]] void ThrowAgeFailure(const std::string& logPath, std::uint32_t limit, int error) {
-  exc::win_sys_exc_t failure("", platform::ErrorFromErrno(error));
+[[noreturn]] void ThrowAgeFailure(const char* action, const std::string& archive, const std::string& logPath,
+                                  std::uint32_t limit, int error) {
+  exc::win_sys_exc_t failure(exc::FormatText(action, archive), platform::ErrorFromErrno(error));
   failure.AddMessage(exc::FormatText("Cannot age file. File path: [%1]. Extension: [%2]. Ages limit: [%3].", logPath,
                                      ArchiveExtension, limit));
   throw failure;
@@ -39,7 +40,7 @@ void AgeArchives(const std::string& logPath, std::uint32_t limit) {
   const auto remove = [&](std::uint32_t number) {
     const std::string path = ArchivePath(logPath, number);
     if (::unlink(path.c_str()) != 0 && errno != ENOENT)
-      ThrowAgeFailure(logPath, limit, errno);
+      ThrowAgeFailure("Failed to remove file [%1].", path, logPath, limit, errno);
   };
   // What an earlier, larger limit left behind.
   for (std::uint32_t number = limit; number <= LargestCount; ++number)
@@ -53,9 +54,9 @@ void AgeArchives(const std::string& logPath, std::uint32_t limit) {
   if (free > 0 && free == limit)
     remove(--free);
   for (; free > 0; --free) {
-    if (::rename(ArchivePath(logPath, free - 1).c_str(), ArchivePath(logPath, free).c_str()) != 0) {
-      ThrowAgeFailure(logPath, limit, errno);
-    }
+    const std::string path = ArchivePath(logPath, free - 1);
+    if (::rename(path.c_str(), ArchivePath(logPath, free).c_str()) != 0)
+      ThrowAgeFailure("Failed to rename file [%1].", path, logPath, limit, errno);
   }
 }
 

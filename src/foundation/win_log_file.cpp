@@ -12,12 +12,14 @@
 #include "foundation/exc.h"
 #include "foundation/write_all.h"
 #include "foundation/zip_writer.h"
+#include "platform/futex.h"
 
 namespace win {
 
 namespace {
 
 constexpr std::size_t CompressStep = 1048576;
+constexpr std::int64_t NsPerMillisecond = 1000000;
 
 [[noreturn]] void ThrowLastError(const char* text, const std::string& path) {
   const platform::error_t error = platform::LastError();
@@ -26,18 +28,47 @@ constexpr std::size_t CompressStep = 1048576;
 
 }  // namespace
 
-win_log_file_t::win_log_file_t(std::string path, bool flush) : path_(std::move(path)), flush_(flush) {
+win_log_file_t::win_log_file_t(std::string path, bool flush, std::uint32_t lookAgainMs)
+    : path_(std::move(path)), flush_(flush), lookAgainNs_(std::int64_t{lookAgainMs} * NsPerMillisecond) {
+  Open();
+  nextLookNs_ = platform::MonotonicNanoseconds() + lookAgainNs_;
+}
+
+// What is open already stays open when the new file cannot be had.
+void win_log_file_t::Open() {
   constexpr char Failed[] = "Failed to create or open file [%1].";
-  descriptor_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0600);
-  if (descriptor_ < 0)
+  const int descriptor = ::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0600);
+  if (descriptor < 0)
     ThrowLastError(Failed, path_);
-  if (::flock(descriptor_, LOCK_EX | LOCK_NB) == 0)
+  struct stat status {};
+  if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0 || ::fstat(descriptor, &status) != 0) {
+    const int failure = errno;
+    ::close(descriptor);
+    if (failure == EWOULDBLOCK)
+      throw exc::file_locked_exc_t(path_);
+    throw exc::win_sys_exc_t(exc::FormatText(Failed, path_), platform::ErrorFromErrno(failure));
+  }
+  if (descriptor_ >= 0)
+    ::close(descriptor_);
+  descriptor_ = descriptor;
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
+  torn_ = false;
+}
+
+void win_log_file_t::FollowName() noexcept {
+  const std::int64_t now = platform::MonotonicNanoseconds();
+  if (now < nextLookNs_)
     return;
-  const int lockError = errno;
-  ::close(descriptor_);
-  if (lockError == EWOULDBLOCK)
-    throw exc::file_locked_exc_t(path_);
-  throw exc::win_sys_exc_t(exc::FormatText(Failed, path_), platform::ErrorFromErrno(lockError));
+  nextLookNs_ = now + lookAgainNs_;
+  struct stat named {};
+  if (::stat(path_.c_str(), &named) == 0 ? named.st_dev == device_ && named.st_ino == inode_ : errno != ENOENT)
+    return;
+  try {
+    Open();
+  } catch (const std::exception&) {
+    // The folder has gone too, or another process was faster: tried again later.
+  }
 }
 
 win_log_file_t::~win_log_file_t() {
@@ -49,6 +80,7 @@ std::string win_log_file_t::GetName() const {
 }
 
 void win_log_file_t::Write(std::string_view line) {
+  FollowName();
   if (torn_ && io::WriteAll(descriptor_, "\n") == platform::error::Success)
     torn_ = false;
   const platform::error_t error = io::WriteAll(descriptor_, line);

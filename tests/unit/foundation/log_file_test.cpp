@@ -113,6 +113,41 @@ TEST(WinLogFile, FullDiskIsAnErrorOfTheLineAlone) {
   logging::log_handle_t("", log).Error("goes on");
 }
 
+TEST(WinLogFile, RemovedOrRenamedFileIsFollowedByANewOneUnderTheName) {
+  const TempDir folder;
+  const std::string path = folder / "a.log";
+  win_log_file_t file(path, false, 0);
+  file.Write("first\n");
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  file.Write("second\n");
+  EXPECT_EQ(Content(path), "second\n");
+  EXPECT_EQ(file.GetSize(), 7U);
+  EXPECT_THROW(win_log_file_t other(path), exc::file_locked_exc_t);
+  std::filesystem::rename(path, folder / "moved.log");
+  file.Write("third\n");
+  EXPECT_EQ(Content(folder / "moved.log"), "second\n");
+  EXPECT_EQ(Content(path), "third\n");
+  // What was given up is free for others.
+  const win_log_file_t moved(folder / "moved.log");
+}
+
+TEST(WinLogFile, FolderThatComesBackHasALogAgain) {
+  const TempDir folder;
+  std::filesystem::create_directory(folder / "sub");
+  const std::string path = folder / "sub/a.log";
+  win_log_file_t file(path, false, 0);
+  std::filesystem::remove_all(folder / "sub");
+  file.Write("lost\n");
+  std::filesystem::create_directory(folder / "sub");
+  {
+    const win_log_file_t faster(path);
+    file.Write("lost too\n");
+    EXPECT_EQ(Content(path), "");
+  }
+  file.Write("written\n");
+  EXPECT_EQ(Content(path), "written\n");
+}
+
 TEST(ZipWriter, TellsWhatFailed) {
   const TempDir folder;
   EXPECT_EQ(TextOf([&] { util::zip_writer_t(folder / "no/a.gz"); }),
@@ -186,7 +221,9 @@ TEST(AgeArchives, FailureTellsPathExtensionAndLimit) {
   const std::string log = folder / "a.log";
   std::filesystem::create_directories(ArchivePath(log, 2) + "/x");
   EXPECT_THAT(TextOf([&] { AgeArchives(log, 2); }),
-              testing::EndsWith("\nCannot age file. File path: [" + log + "]. Extension: [.log.gz]. Ages limit: [2]."));
+              testing::EndsWith("\nFailed to remove file [" + ArchivePath(log, 2) +
+                                "].\nError code: 5\nCannot age file. File path: [" + log +
+                                "]. Extension: [.log.gz]. Ages limit: [2]."));
 }
 
 TEST(Rotation, ArchiveHoldsAllAndTheLogIsEmpty) {
