@@ -1,7 +1,10 @@
 #include "vfs/items/async_fs_file_wrapper.h"
 
+#include <cxxabi.h>
+
 #include <boost/make_shared.hpp>
 
+#include "foundation/exc.h"
 #include "vfs/items/completion_events_allocator.h"
 #include "vfs/items/fs_proc_invoker.h"
 #include "vfs/items/fs_procs.h"
@@ -25,9 +28,18 @@ CAsyncFsFileWrapper::CAsyncFsFileWrapper(boost::shared_ptr<IFsFile> file, boost:
 template <typename Proc, typename... Args>
 Proc CAsyncFsFileWrapper::Call(const Args&... arguments) {
   if (const CFsProcInvoker::CLoan loan(*invoker_); loan) {
-    Proc proc(Borrowed(file_), arguments...);
-    proc.Execute();
-    return proc;
+    try {
+      Proc proc(Borrowed(file_), arguments...);
+      proc.Execute();
+      return proc;
+    } catch (const std::exception&) {
+      throw;
+    } catch (const abi::__forced_unwind&) {
+      throw;
+    } catch (...) {
+      // As an invocation thread tells it.
+      throw exc::runtime_exc_t("Unknown exception.");
+    }
   }
   return CallQueued<Proc>(arguments...);
 }

@@ -278,9 +278,11 @@ TEST_F(WrapperTest, FailuresComeOutWithTheirOwnTypeOnBothRoads) {
       throw exc::win_sys_exc_t("Denied", 5);
     if (call == "resize 3")
       throw std::out_of_range("Foreign");
+    if (call == "resize 4")
+      throw 4;
   };
   for (const bool queued : {false, true}) {
-    for (std::uint64_t size = 1; size <= 3; ++size) {
+    for (std::uint64_t size = 1; size <= 4; ++size) {
       Gate gate;
       if (queued)
         Occupy(gate);
@@ -299,6 +301,9 @@ TEST_F(WrapperTest, FailuresComeOutWithTheirOwnTypeOnBothRoads) {
         } catch (const std::out_of_range& failure) {
           EXPECT_EQ(size, 3u);
           EXPECT_STREQ(failure.what(), "Foreign");
+        } catch (const exc::runtime_exc_t& failure) {
+          EXPECT_EQ(size, 4u);
+          EXPECT_STREQ(failure.what(), "Unknown exception.");
         }
         EXPECT_EQ(file->LastThread() == std::this_thread::get_id(), !queued);
       });
