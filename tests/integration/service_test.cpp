@@ -1,6 +1,10 @@
 // The process itself: start, stop, switches, ports.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -216,6 +220,78 @@ TEST(ServiceTest, DebugModeServesWithoutAContextInTheHolder) {
   CConnection mount(1058);
   mount.SendRecord(CallMessage(1, MountProgram, 3, 5, {}));
   EXPECT_TRUE(mount.IsClosedByServer());
+}
+
+/// The service manager's end of the notifications.
+class CManager {
+ public:
+  CManager() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    Path().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  }
+  CManager(const CManager&) = delete;
+  CManager& operator=(const CManager&) = delete;
+  ~CManager() { ::close(socket_); }
+
+  std::string Path() const { return folder_.Path() + "/notify"; }
+  /// The next notification; empty when none comes.
+  std::string Receive() const {
+    pollfd state{socket_, POLLIN, 0};
+    if (::poll(&state, 1, 30000) != 1)
+      return {};
+    char text[256] = {};
+    const ssize_t length = ::recv(socket_, text, sizeof(text), 0);
+    return {text, length < 0 ? 0 : static_cast<std::size_t>(length)};
+  }
+
+ private:
+  CTempFolder folder_;
+  int socket_;
+};
+
+TEST(ServiceTest, TheManagerIsToldOfEachStateInOrder) {
+  CService service;
+  const CManager manager;
+  auto environment = service.Environment();
+  environment["NOTIFY_SOCKET"] = manager.Path();
+  CProcess process({Program("KelvoNfsSvc")}, environment);
+  EXPECT_THAT(manager.Receive(), testing::StartsWith("STATUS="));
+  EXPECT_THAT(manager.Receive(), testing::StartsWith("READY=1\n"));
+  // Whoever was told comes at once.
+  EXPECT_TRUE(CNfsClient().Mount());
+  process.Signal(SIGTERM);
+  EXPECT_THAT(manager.Receive(), testing::StartsWith("STOPPING=1\n"));
+  EXPECT_THAT(manager.Receive(), testing::StartsWith("STATUS="));
+  EXPECT_EQ(process.WaitForExit(), 0);
+}
+
+TEST(ServiceTest, TheManagerIsNeverToldThatAFailedStartIsReady) {
+  CService service;
+  fs::remove(service.Root());
+  WriteFile(service.Root(), "in the way");
+  const CManager manager;
+  auto environment = service.Environment();
+  environment["NOTIFY_SOCKET"] = manager.Path();
+  CProcess process({Program("KelvoNfsSvc")}, environment);
+  EXPECT_THAT(manager.Receive(), testing::StartsWith("STATUS="));
+  EXPECT_THAT(manager.Receive(), testing::StartsWith("STOPPING=1\n"));
+  EXPECT_THAT(manager.Receive(), testing::StartsWith("STATUS="));
+  EXPECT_EQ(process.WaitForExit(), 0);
+}
+
+TEST(ServiceTest, ALogThatWasTakenAwayBeginsAnew) {
+  CService service;
+  service.Start();
+  fs::remove(service.LogPath());
+  // Each connection is a line.
+  EXPECT_TRUE(WaitUntil([&] {
+    const CConnection connection(2049);
+    return fs::exists(service.LogPath());
+  }));
+  EXPECT_EQ(service.Stop(), 0);
+  EXPECT_NE(service.LogText().find("NFS server is stopped."), std::string::npos);
 }
 
 TEST(ServiceTest, AFailedStartGoesThroughTheWholeStopAndEndsWith0) {
