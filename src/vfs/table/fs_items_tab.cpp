@@ -197,6 +197,7 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const 
     if (occupied != listing_.end() && occupied->second != fid)
       Delete(occupied->second, nullptr, false, removed);
 
+    FreeStoredPlace(newParentFid, newName, fid);
     NoteMove(fid, *rec, newParentFid, newName);
     EraseListing(*rec, fid);
     rec->name = newName;

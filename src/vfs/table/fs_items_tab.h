@@ -94,8 +94,12 @@ class CFsItemsTab {
   /// The child's FID or InvalidFid. "." gives the folder, whether it exists or not; ".." its parent.
   std::uint64_t LookupChild(std::uint64_t parentFid, std::string_view name) const;
   /// Gives the item a new place under the same FID; an item that stands there is dropped. The registry keeps the old
-  /// place until that is taken by another item. Throws 22 for a place below the item itself.
+  /// place until that is taken by another item, be it added or moved. Throws 22 for a place below the item itself.
   void MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName);
+  /// To be called before a backend puts something at the place: from here on no item that was moved away from it comes
+  /// back there after a restart, whatever becomes of the backend's work. moverFid: the item that is to stand there, if
+  /// it is one already.
+  void ReleasePlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid = InvalidFid);
   /// True when fid is ancestorFid or lies below it.
   bool IsSameOrBelow(std::uint64_t fid, std::uint64_t ancestorFid) const;
   /// A folder gives its primary.
@@ -154,6 +158,10 @@ class CFsItemsTab {
     }
   };
   using CNfsListingTab = std::map<SListingKey, std::uint64_t, SListingLess>;
+  struct SMoved {
+    SListingKey stored;
+    bool hasLeftFolder = false;  ///< Its object did not follow it: a backend renames within one folder.
+  };
   using rec_ptr = boost::shared_ptr<CNfsItemRec>;
   /// A new item with what had to be asked of it before the lock was taken.
   struct SPrepared {
@@ -182,7 +190,7 @@ class CFsItemsTab {
   std::uint64_t AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, found_t found, changes_t& changes,
                             changes_t& removed);
   void TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t& removed);
-  void FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t newFid);
+  void FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid);
   void NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid, const std::string& newName);
   void ForgetMove(std::uint64_t fid);
   void Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot, changes_t& removed);
@@ -206,9 +214,10 @@ class CFsItemsTab {
   std::map<std::uint64_t, rec_ptr> items_;
   CNfsListingTab listing_;
   CNfsListingSlots slots_;
-  // Stored places of items that were moved away from them: place to FID, FID to place.
+  // Stored places of items that were moved away from them: place to FID, FID to place. No other item stands at one of
+  // these places.
   CNfsListingTab movedFrom_;
-  std::map<std::uint64_t, SListingKey> movedItems_;
+  std::map<std::uint64_t, SMoved> movedItems_;
 
   const boost::shared_ptr<CRegConfigUpdateSink> updateSink_;
 };

@@ -7,6 +7,12 @@
 #include "vfs/items/virtual_fs_exc.h"
 #include "vfs/table/fs_items_tab.h"
 
+namespace {
+
+using lock_t = std::lock_guard<std::recursive_mutex>;
+
+}  // namespace
+
 void CFsItemsTab::Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot, changes_t& removed) {
   const rec_ptr rec = GetRec(fid);
   if (LivesWithout(*rec, mountUid)) {
@@ -104,10 +110,12 @@ CFsItemsTab::CNfsListingTab::const_iterator CFsItemsTab::FirstChild(std::uint64_
 
 void CFsItemsTab::NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid,
                            const std::string& newName) {
-  const auto [stored, isFirstMove] = movedItems_.try_emplace(fid, SListingKey{rec.parentFid, rec.name});
+  const auto [moved, isFirstMove] = movedItems_.try_emplace(fid, SMoved{{rec.parentFid, rec.name}});
   if (isFirstMove)
-    movedFrom_.insert_or_assign(stored->second, fid);
-  if (stored->second.parentFid == newParentFid && stored->second.name == newName)
+    movedFrom_.insert_or_assign(moved->second.stored, fid);
+  moved->second.hasLeftFolder = moved->second.hasLeftFolder || rec.parentFid != newParentFid;
+  const SListingKey& stored = moved->second.stored;
+  if (!moved->second.hasLeftFolder && stored.parentFid == newParentFid && stored.name == newName)
     ForgetMove(fid);
 }
 
@@ -115,22 +123,38 @@ void CFsItemsTab::ForgetMove(std::uint64_t fid) {
   const auto moved = movedItems_.find(fid);
   if (moved == movedItems_.end())
     return;
-  const auto place = movedFrom_.find(moved->second);
+  const auto place = movedFrom_.find(moved->second.stored);
   if (place != movedFrom_.end() && place->second == fid)
     movedFrom_.erase(place);
   movedItems_.erase(moved);
 }
 
-void CFsItemsTab::FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t newFid) {
-  // The record of an item that was moved from here still claims the place. With two records for one place, a handle
-  // would come back from a restart as another item than it was, so the older one is stored anew where its item is now.
+void CFsItemsTab::ReleasePlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid) {
+  const lock_t lock(mutex_);
+  FreeStoredPlace(parentFid, name, moverFid);
+}
+
+void CFsItemsTab::FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid) {
+  // The record of an item that was moved from here still claims the place. Whatever comes to stand here would be taken
+  // for that item after a restart, and its handle would silently be that of another file.
   const auto place = movedFrom_.find(SListingKeyView{parentFid, name});
-  if (place == movedFrom_.end() || place->second == newFid)
+  if (place == movedFrom_.end() || place->second == moverFid)
     return;
   const std::uint64_t fid = place->second;
-  ForgetMove(fid);
   const rec_ptr rec = FindRec(fid);
+  if (rec && rec->parentFid == parentFid && platform::EqualIgnoringCase(rec->name, name))
+    return;  // It is back here, in another spelling.
+
+  const auto moved = movedItems_.find(fid);
+  const bool hasLeftFolder = moved != movedItems_.end() && moved->second.hasLeftFolder;
+  ForgetMove(fid);
   if (!rec)
     return;
-  updateSink_->OnItemMoved(fid, rec->parentFid, rec->name);
+  if (hasLeftFolder) {
+    // Nor is its object where the item is now: no place can be stored under which it would be found again, and better a
+    // stale handle than one of another file.
+    updateSink_->OnItemDeleted(fid, nullptr);
+  } else {
+    updateSink_->OnItemMoved(fid, rec->parentFid, rec->name);
+  }
 }

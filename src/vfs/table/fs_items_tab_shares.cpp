@@ -174,7 +174,7 @@ void CFsItemsTab::MountMirroredFolder(std::uint64_t folderFid, const GUID& mount
   spec.mountUid = mountUid;
   spec.allowedHostAddr = rec->Folder()->primary->GetAllowedHostAddr();
   const auto moved = movedItems_.find(folderFid);
-  const SListingKey stored = moved == movedItems_.end() ? SListingKey{rec->parentFid, rec->name} : moved->second;
+  const SListingKey stored = moved == movedItems_.end() ? SListingKey{rec->parentFid, rec->name} : moved->second.stored;
   updateSink_->OnItemAdded(stored.parentFid, stored.name, folderFid, spec);
 }
 

@@ -142,6 +142,7 @@ void CVirtualFs::CreateFile(const CREATE3args& args, const sockaddr_in& client, 
         CheckNameEncoding(name);
 
         const bool isRestricted = !folder->IsRootFolder() && !folder->IsAddressListEmpty();
+        itemsTab_->ReleasePlace(parentFid, name);
         const auto item = folder->CreateFile(name, isRestricted ? folder->GetAllowedHostAddr() : std::string());
         ApplyAttributes(*item, args.attributes);
         const std::uint64_t fid = itemsTab_->AddItem(parentFid, name, item);
@@ -159,6 +160,7 @@ void CVirtualFs::CreateFile(const CREATE3args& args, const sockaddr_in& client, 
 std::uint64_t CVirtualFs::MakeSubfolder(IFsFolder& folder, std::uint64_t parentFid, const std::string& name,
                                         const std::string& allowedHostAddr) {
   try {
+    itemsTab_->ReleasePlace(parentFid, name);
     return itemsTab_->AddItem(parentFid, name, folder.CreateSubfolder(name, allowedHostAddr));
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to create subfolder [%1] of the folder  [%2].", failure, name,
@@ -309,9 +311,18 @@ void CVirtualFs::RenameEntry(const RENAME3args& args, const sockaddr_in& client,
   // A rename to another spelling of its own name finds the item itself, which stays.
   if (target != InvalidFid && target != fid)
     itemsTab_->RemoveChildIf(toDir, toName, target);
+  itemsTab_->ReleasePlace(toDir, toName, fid);
+  // The backend renames inside the source folder, whatever the target folder is, and replaces what has the name there.
+  std::uint64_t replaced = InvalidFid;
+  if (fromDir != toDir) {
+    itemsTab_->ReleasePlace(fromDir, toName, fid);
+    replaced = itemsTab_->LookupChild(fromDir, toName);
+  }
   const CRenameMark mark(renamesBegun_, renamesEnded_);
   folder->RenameChild(fromName, toName);
   itemsTab_->MoveItem(fid, toDir, toName);
+  if (replaced != fid)
+    itemsTab_->RemoveChildIf(fromDir, toName, replaced);
   g_nfs_log.Info("Item was renamed.");
 }
 

@@ -199,6 +199,51 @@ TEST_F(FsItemsTab, AnItemThatMovedBackHasItsStoredPlace) {
   EXPECT_EQ(sink->records[fid].name, "a");
 }
 
+TEST_F(FsItemsTab, AMoveToTheStoredPlaceOfAMovedItemStoresThatOneAnew) {
+  const auto first = table.AddItem(root, "a", MakeFile("a"));
+  const auto second = table.AddItem(root, "b", MakeFile("b"));
+  table.MoveItem(first, root, "c");
+  table.MoveItem(second, root, "A");
+  EXPECT_EQ(sink->records[first].name, "c");
+  EXPECT_EQ(sink->records[second].name, "b");
+  table.MoveItem(first, root, "b");
+  EXPECT_EQ(sink->records[first].name, "c");
+  EXPECT_EQ(sink->records[second].name, "A");
+}
+
+TEST_F(FsItemsTab, AnItemThatLeftItsFolderIsNotStoredWhereItsObjectIsNot) {
+  const auto to = table.AddItem(root, "to", MakeFolder("to"));
+  const auto moved = table.AddItem(root, "a", MakeFile("a"));
+  table.MoveItem(moved, to, "a");
+  EXPECT_TRUE(sink->records.contains(moved));
+  table.AddItem(root, "a", MakeFile("a"));
+  EXPECT_FALSE(sink->records.contains(moved));
+  EXPECT_TRUE(table.GetItem(moved));
+  table.MoveItem(moved, to, "b");
+  table.AddItem(to, "a", MakeFile("to/a"));
+  EXPECT_FALSE(sink->records.contains(moved));
+}
+
+TEST_F(FsItemsTab, AReleasedPlaceIsNoLongerStored) {
+  const auto moved = table.AddItem(root, "a", MakeFile("a"));
+  const auto there = table.AddItem(root, "x", MakeFile("x"));
+  table.MoveItem(moved, root, "b");
+  table.ReleasePlace(root, "a", moved);
+  EXPECT_EQ(sink->records[moved].name, "a") << "it is on its way back";
+  table.ReleasePlace(root, "A");
+  EXPECT_EQ(sink->records[moved].name, "b");
+  table.ReleasePlace(root, "x");
+  EXPECT_EQ(sink->records[there].name, "x");
+}
+
+TEST_F(FsItemsTab, AnItemThatIsBackInAnotherSpellingKeepsItsStoredPlace) {
+  const auto moved = table.AddItem(root, "a", MakeFile("a"));
+  table.MoveItem(moved, root, "b");
+  table.MoveItem(moved, root, "A");
+  table.ReleasePlace(root, "a");
+  EXPECT_EQ(sink->records[moved].name, "a");
+}
+
 TEST_F(FsItemsTab, AMoveOntoAnotherItemDropsIt) {
   const auto fid = table.AddItem(root, "a", MakeFile("a"));
   const auto target = table.AddItem(root, "b", MakeFile("b"));

@@ -49,8 +49,11 @@ class CMemorySink : public CRegConfigUpdateSink {
       records.erase(fid);
   }
   void OnItemMoved(std::uint64_t fid, std::uint64_t parentFid, const std::string& name) override {
-    records[fid].parentFid = parentFid;
-    records[fid].name = name;
+    const auto record = records.find(fid);
+    if (record == records.end())
+      return;
+    record->second.parentFid = parentFid;
+    record->second.name = name;
   }
 
   std::map<std::uint64_t, SRecord> records;

@@ -97,6 +97,113 @@ TEST_F(AfterRestart, AHandleIsNeverThatOfAnItemMadeInItsOldPlace) {
   EXPECT_EQ(Find(root, "b"), fid);
 }
 
+/// "status 70" or "status 2": the handle is known to be of nothing.
+bool IsStale(const std::string& read) {
+  return read == "status " + std::to_string(NFS3ERR_STALE) || read == "status " + std::to_string(NFS3ERR_NOENT);
+}
+
+TEST_F(AfterRestart, AHandleIsNeverThatOfAnItemMovedToItsOldPlace) {
+  const auto first = MakeFile(root, "a");
+  const auto second = MakeFile(root, "b");
+  ASSERT_EQ(Write(first, 0, "first"), NFS3_OK);
+  ASSERT_EQ(Write(second, 0, "second"), NFS3_OK);
+  ASSERT_EQ(Rename(root, "a", root, "c"), NFS3_OK);
+  ASSERT_EQ(Rename(root, "b", root, "a"), NFS3_OK);
+  Restart();
+  EXPECT_EQ(Read(first), "first");
+  EXPECT_PRED1(IsStale, Read(second));
+}
+
+TEST_F(AfterRestart, NoHandleOfTwoThatSwappedNamesReadsTheOther) {
+  const auto first = MakeFile(root, "a");
+  const auto second = MakeFile(root, "b");
+  ASSERT_EQ(Write(first, 0, "first"), NFS3_OK);
+  ASSERT_EQ(Write(second, 0, "second"), NFS3_OK);
+  ASSERT_EQ(Rename(root, "a", root, "swap"), NFS3_OK);
+  ASSERT_EQ(Rename(root, "b", root, "a"), NFS3_OK);
+  ASSERT_EQ(Rename(root, "swap", root, "b"), NFS3_OK);
+  EXPECT_EQ(Read(first), "first");
+  EXPECT_EQ(Read(second), "second");
+  Restart();
+  EXPECT_PRED1(IsStale, Read(first)) << "its stored name is that of the step between";
+  EXPECT_EQ(Read(second), "second");
+  EXPECT_EQ(Find(root, "a"), second);
+  EXPECT_EQ(Read(Find(root, "b")), "first");
+}
+
+TEST_F(AfterRestart, NoFolderOfTwoThatSwappedNamesHasTheOthersFiles) {
+  const auto first = MakeFolder(root, "a");
+  const auto second = MakeFolder(root, "b");
+  const auto firstFile = MakeFile(first, "disk");
+  const auto secondFile = MakeFile(second, "disk");
+  ASSERT_EQ(Write(firstFile, 0, "first"), NFS3_OK);
+  ASSERT_EQ(Write(secondFile, 0, "second"), NFS3_OK);
+  ASSERT_EQ(Rename(root, "a", root, "swap"), NFS3_OK);
+  ASSERT_EQ(Rename(root, "b", root, "a"), NFS3_OK);
+  ASSERT_EQ(Rename(root, "swap", root, "b"), NFS3_OK);
+  Restart();
+  EXPECT_PRED1(IsStale, Read(firstFile));
+  EXPECT_EQ(Read(secondFile), "second");
+}
+
+TEST_F(AfterRestart, AnItemMovedAcrossFoldersIsNeverTheFileThatLiesThere) {
+  const auto from = MakeFolder(root, "from");
+  const auto to = MakeFolder(root, "to");
+  const auto moved = MakeFile(from, "disk");
+  ASSERT_EQ(Write(moved, 0, "moved"), NFS3_OK);
+  ASSERT_EQ(Write(MakeFile(to, "disk"), 0, "beneath"), NFS3_OK);
+  ASSERT_EQ(Rename(from, "disk", to, "disk"), NFS3_OK);
+  EXPECT_EQ(Read(moved), "moved");
+  const auto again = Find(from, "disk");
+  Restart();
+  EXPECT_PRED1(IsStale, Read(moved));
+  EXPECT_EQ(Read(again), "moved");
+}
+
+TEST_F(AfterRestart, AnItemMovedAcrossFoldersReadsWhereItStillIs) {
+  const auto from = MakeFolder(root, "from");
+  const auto to = MakeFolder(root, "to");
+  const auto moved = MakeFile(from, "disk");
+  ASSERT_EQ(Write(moved, 0, "moved"), NFS3_OK);
+  ASSERT_EQ(Rename(from, "disk", to, "disk"), NFS3_OK);
+  Restart();
+  EXPECT_EQ(Read(moved), "moved");
+  EXPECT_EQ(Find(from, "disk"), moved);
+}
+
+TEST_F(AfterRestart, WhatAMoveAcrossFoldersReplacedInTheSourceFolderIsGone) {
+  const auto from = MakeFolder(root, "from");
+  const auto to = MakeFolder(root, "to");
+  const auto moved = MakeFile(from, "a");
+  const auto lost = MakeFile(from, "b");
+  const auto older = MakeFile(from, "c");
+  ASSERT_EQ(Write(moved, 0, "moved"), NFS3_OK);
+  ASSERT_EQ(Write(lost, 0, "lost"), NFS3_OK);
+  ASSERT_EQ(Rename(from, "a", to, "b"), NFS3_OK);
+  EXPECT_PRED1(IsStale, Read(lost));
+  ASSERT_EQ(Rename(from, "c", from, "d"), NFS3_OK);
+  ASSERT_EQ(Write(older, 0, "older"), NFS3_OK);
+  const auto other = MakeFile(from, "e");
+  ASSERT_EQ(Write(other, 0, "other"), NFS3_OK);
+  ASSERT_EQ(Rename(from, "e", to, "c"), NFS3_OK) << "on the disk it is from/c now";
+  Restart();
+  EXPECT_PRED1(IsStale, Read(lost));
+  EXPECT_EQ(Read(older), "older");
+}
+
+TEST_F(AfterRestart, AHandleIsNeverThatOfAFileWhoseCreationFailedInItsOldPlace) {
+  const auto fid = MakeFile(root, "a");
+  ASSERT_EQ(Write(fid, 0, "first"), NFS3_OK);
+  ASSERT_EQ(Rename(root, "a", root, "b"), NFS3_OK);
+  sattr3 attributes;
+  attributes.mtimeHow = 9;
+  ASSERT_EQ(Create(root, "a", UNCHECKED, attributes).status, NFS3ERR_INVAL);
+  ASSERT_TRUE(std::filesystem::exists(local / "a"));
+  Restart();
+  EXPECT_EQ(Read(fid), "first");
+  EXPECT_NE(Find(root, "a"), fid);
+}
+
 TEST_F(AfterRestart, ARemovedItemStaysRemoved) {
   const auto folder = MakeFolder(root, "folder");
   const auto file = MakeFile(folder, "disk");
