@@ -1,6 +1,7 @@
 #include "foundation/thread.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <boost/make_shared.hpp>
@@ -162,6 +163,33 @@ TEST(WinThread, StartsApartFromItsConstruction) {
   EXPECT_TRUE(ran);
   EXPECT_EQ(thread.Name(), "Async server");
   EXPECT_TRUE(log.Has("Thread finished. Role: 'Async server'."));
+}
+
+TEST(WinThread, AThreadThatTheSystemRefusesIsNotStarted) {
+  pthread_attr_t before;
+  pthread_attr_t huge;
+  ASSERT_EQ(::pthread_getattr_default_np(&before), 0);
+  ASSERT_EQ(::pthread_getattr_default_np(&huge), 0);
+  // No address space holds such a stack.
+  ASSERT_EQ(::pthread_attr_setstacksize(&huge, std::size_t{1} << 60), 0);
+  bool ran = false;
+  win::win_thread_t thread("Refused", [&] { ran = true; });
+  ASSERT_EQ(::pthread_setattr_default_np(&huge), 0);
+  std::string text;
+  try {
+    thread.Start();
+  } catch (const exc::win_sys_exc_t& failure) {
+    text = std::next(failure.Messages().begin())->text;
+  }
+  ASSERT_EQ(::pthread_setattr_default_np(&before), 0);
+  ::pthread_attr_destroy(&before);
+  ::pthread_attr_destroy(&huge);
+  EXPECT_EQ(text, "Cannot create thread.");
+  EXPECT_FALSE(thread.IsStarted());
+  thread.Join(0);
+  thread.Start();
+  thread.Join(PatientMs);
+  EXPECT_TRUE(ran);
 }
 
 TEST(WinThread, JoinWithALimitTellsARunningThread) {

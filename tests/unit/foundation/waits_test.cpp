@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <memory>
@@ -89,6 +90,26 @@ TEST(ManualEvent, DescriptorIsReadableWhileSet) {
   event.Reset();
   EXPECT_FALSE(IsReadable(descriptor));
   EXPECT_FALSE(event.IsSet());
+}
+
+TEST(ManualEvent, DescriptorThatCannotBeHadIsTold) {
+  manual_event_t event;
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlim_t whole = limit.rlim_cur;
+  limit.rlim_cur = 0;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::string text;
+  try {
+    event.PollDescriptor();
+  } catch (const exc::win_sys_exc_t& failure) {
+    text = failure.what();
+  }
+  limit.rlim_cur = whole;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  EXPECT_EQ(text, platform::ErrorText(4) + "\nCannot create an event object.\nError code: 4");
+  event.Set();
+  EXPECT_TRUE(IsReadable(event.PollDescriptor()));
 }
 
 TEST(ManualEvent, DescriptorEndsInTheStateOfTheEventUnderContention) {
