@@ -90,6 +90,8 @@ int RunMode(run_mode_t mode, const CCommandLine& commandLine) {
 int RunProcess(int argumentCount, const char* const* arguments) noexcept {
   // A client that goes away in the middle of a reply is told by the send that fails.
   ::signal(SIGPIPE, SIG_IGN);
+  // A file size limit of the account is a failure of the write that meets it (223), not the end of the process.
+  ::signal(SIGXFSZ, SIG_IGN);
   CCommandLine commandLine;
   try {
     commandLine = CCommandLine(argumentCount, arguments);

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -292,6 +293,21 @@ TEST(ServiceTest, ALogThatWasTakenAwayBeginsAnew) {
   }));
   EXPECT_EQ(service.Stop(), 0);
   EXPECT_NE(service.LogText().find("NFS server is stopped."), std::string::npos);
+}
+
+TEST(ServiceTest, AFileSizeLimitFailsTheWriteAndNotTheService) {
+  CService service;
+  service.Start();
+  rlimit limit{1 << 20, RLIM_INFINITY};
+  ASSERT_EQ(prlimit(service.Process().Pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
+  CNfsClient client;
+  const auto root = client.Mount();
+  ASSERT_TRUE(root);
+  bytes_t file;
+  ASSERT_EQ(client.Create(*root, "file", &file), 0U);
+  EXPECT_EQ(client.Write(file, 0, "within"), 0U);
+  EXPECT_EQ(client.Write(file, 2 << 20, "beyond"), 223U);
+  EXPECT_EQ(client.Read(file, 0, 100).data, "within");
 }
 
 TEST(ServiceTest, AFailedStartGoesThroughTheWholeStopAndEndsWith0) {
