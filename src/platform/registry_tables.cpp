@@ -20,7 +20,10 @@ constexpr std::int64_t QwordType = 11;
 bool ReadData(const sqlite_query_t& row, int column, registry_data_t& data) {
   const std::int64_t type = row.Number(column);
   if (type == TextType && row.IsText(column + 1)) {
-    data = std::string(row.Text(column + 1));
+    const std::string_view text = row.Text(column + 1);
+    if (!IsValidUtf8(text))
+      return false;
+    data = std::string(text);
     return true;
   }
   if (!row.IsNumber(column + 1))

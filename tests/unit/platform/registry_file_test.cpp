@@ -143,15 +143,18 @@ TEST_F(RegistryFileTest, DamagedPagesAreTold) {
 }
 
 TEST_F(RegistryFileTest, ValuesThatDoNotFitTheirTypeAreLeftOut) {
-  ASSERT_EQ(registry_.SetValues("A", {{"a", 1U}, {"b", 2U}, {"c", std::string("x")}, {"d", 4U}, {"e", 5U}}), 0U);
+  ASSERT_EQ(registry_.SetValues(
+                "A", {{"a", 1U}, {"b", 2U}, {"c", std::string("x")}, {"d", 4U}, {"e", 5U}, {"f", std::string("x")}}),
+            0U);
   Sql(path_,
       "UPDATE vals SET data = 4294967296 WHERE name = 'a'; UPDATE vals SET data = -1 WHERE name = 'b';"
-      "UPDATE vals SET data = 7 WHERE name = 'c'; UPDATE vals SET type = 3 WHERE name = 'd'");
+      "UPDATE vals SET data = 7 WHERE name = 'c'; UPDATE vals SET type = 3 WHERE name = 'd';"
+      "UPDATE vals SET data = CAST(x'61C3' AS TEXT) WHERE name = 'f'");
   std::vector<platform::registry_value_t> values;
   ASSERT_EQ(registry_.EnumerateValues("A", values), 0U);
   EXPECT_THAT(values, testing::ElementsAre(platform::registry_value_t{"e", 5U}));
   platform::registry_data_t data;
-  for (const char* name : {"a", "b", "c", "d"})
+  for (const char* name : {"a", "b", "c", "d", "f"})
     EXPECT_EQ(registry_.GetValue("A", name, data), error::FileNotFound) << name;
 }
 
