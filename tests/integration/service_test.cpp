@@ -205,7 +205,7 @@ TEST(ServiceTest, TheLogReceiverWritesDatagramsToItsFile) {
   service.Start();
   EXPECT_TRUE(WaitUntil(
       [&] { return ReadFile(output).find("NFS server is ready to process incoming calls.") != std::string::npos; }));
-  EXPECT_NE(ReadFile(service.LogPath()).find("Logging UDP datagram."), std::string::npos);
+  EXPECT_TRUE(InOrder(service.LogText(), {"Launched in UDP Client mode.", "Logging UDP datagram."}));
 }
 
 TEST(ServiceTest, DebugModeServesWithoutAContextInTheHolder) {
