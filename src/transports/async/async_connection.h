@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <boost/shared_ptr.hpp>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -34,6 +35,8 @@ class CAsyncConnection : public win::CTcpStream {
   static constexpr std::size_t MaxRequests = 128;
   static constexpr std::size_t MaxRequestBytes = 8U << 20;
   static constexpr std::size_t MaxUnsentBytes = 4U << 20;
+  /// How long a reply waits at most for the next one, whatever the worker is busy with.
+  static constexpr std::chrono::milliseconds MaxHold{1};
 
   CAsyncConnection();
   ~CAsyncConnection() override;
@@ -50,9 +53,11 @@ class CAsyncConnection : public win::CTcpStream {
   const sockaddr_in& PeerAddress() const { return peerAddress_; }
   const std::string& ClientName() const { return clientName_; }
 
-  /// Worker thread: takes the reply out of the writer and sends it after those before it. Dropped when the connection
-  /// is to be closed.
-  void SendReply(CXDRWriter& writer);
+  /// Worker thread: takes the reply out of the writer and sends it after those before it; or holds it, for MaxHold at
+  /// most, until the next one is sent. Dropped when the connection is to be closed.
+  void SendReply(CXDRWriter& writer, bool hold);
+  /// Worker thread: false while MaxUnsentBytes or more wait for the peer. ContinueParked of the queue follows then.
+  bool MayAnswer();
   /// Takes no more replies; the connection ends when those that are queued are out.
   void Close();
   /// Called by the senders: one more request under way, one less.
@@ -63,6 +68,7 @@ class CAsyncConnection : public win::CTcpStream {
   class CReceiveCall;
   class CResumeCall;
   class CSendCall;
+  class CSendHeldCall;
 
   // Receiving; completion thread.
   void StartReceive(bool tryFirst);
@@ -81,6 +87,8 @@ class CAsyncConnection : public win::CTcpStream {
 
   // Sending; by whoever holds sending_.
   void PumpReplies();
+  void StartHoldLimit();
+  void OnHoldLimit();
   void StartSend(bool tryFirst);
   win::io_attempt_t AttemptSend(int handle, win::SIoResult& result);
   std::size_t GatherLocked(iovec* pieces, std::size_t room);
@@ -92,6 +100,7 @@ class CAsyncConnection : public win::CTcpStream {
   bool IsOverloadedLocked(std::size_t divisor) const;
   bool ShallResumeLocked();
   void Resume();
+  bool ShallContinueParkedLocked();
 
   // Constant after Start.
   bool fsAccessAllowed_ = true;
@@ -115,11 +124,13 @@ class CAsyncConnection : public win::CTcpStream {
   /// Guards all below. Not held across a send.
   std::mutex sendLock_;
   std::deque<SXdrSegment> sendQueue_;
-  std::size_t sendOffset_ = 0;  ///< Bytes of the first segment that are out.
-  std::size_t unsentBytes_ = 0;
-  bool sending_ = false;              ///< Someone sends, or a send is pending: new replies only queue up.
-  bool broken_ = false;               ///< A send failed: nothing will go out any more.
-  std::atomic<bool> closing_{false};  ///< Set under the lock.
+  std::size_t sendOffset_ = 0;               ///< Bytes of the first segment that are out.
+  std::atomic<std::size_t> unsentBytes_{0};  ///< Changed under the lock; only the worker adds.
+  bool sending_ = false;                     ///< Someone sends, or a send is pending: new replies only queue up.
+  bool holdLimited_ = false;                 ///< A hold limit is pending.
+  bool parked_ = false;                      ///< The worker was told that requests have to wait.
+  bool broken_ = false;                      ///< A send failed: nothing will go out any more.
+  std::atomic<bool> closing_{false};         ///< Set under the lock.
   std::size_t requests_ = 0;
   std::size_t requestBytes_ = 0;
   bool paused_ = false;

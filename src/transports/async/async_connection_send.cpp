@@ -27,7 +27,17 @@ class CAsyncConnection::CSendCall {
   CAsyncConnection& connection_;
 };
 
-void CAsyncConnection::SendReply(CXDRWriter& writer) {
+class CAsyncConnection::CSendHeldCall {
+ public:
+  explicit CSendHeldCall(CAsyncConnection& connection) : connection_(connection) {}
+  win::io_attempt_t Attempt(int, win::SIoResult&) { return win::io_attempt_t::Done; }
+  void operator()(platform::error_t, std::uint32_t) { connection_.OnHoldLimit(); }
+
+ private:
+  CAsyncConnection& connection_;
+};
+
+void CAsyncConnection::SendReply(CXDRWriter& writer, bool hold) {
   if (closing_) {
     return;
   }
@@ -44,11 +54,51 @@ void CAsyncConnection::SendReply(CXDRWriter& writer) {
       unsentBytes_ += segment.length;
       sendQueue_.push_back(std::move(segment));
     }
-    if (std::exchange(sending_, true)) {
+    if (sending_ || (hold && holdLimited_)) {
       return;
     }
+    (hold ? holdLimited_ : sending_) = true;
   }
-  PumpReplies();
+  if (hold) {
+    StartHoldLimit();
+  } else {
+    PumpReplies();
+  }
+}
+
+void CAsyncConnection::StartHoldLimit() {
+  CompleteIn(MaxHold, new CIOEvent<CSendHeldCall>(this, win::io_direction_t::Write, CSendHeldCall(*this)));
+}
+
+void CAsyncConnection::OnHoldLimit() {
+  {
+    const std::lock_guard guard(sendLock_);
+    holdLimited_ = false;
+    if (sending_ || sendQueue_.empty()) {
+      return;
+    }
+    sending_ = true;
+  }
+  StartSend(true);
+}
+
+bool CAsyncConnection::MayAnswer() {
+  // Others only lessen it: what is too little now is so then.
+  if (unsentBytes_.load(std::memory_order_relaxed) < MaxUnsentBytes) {
+    return true;
+  }
+  const std::lock_guard guard(sendLock_);
+  // Replies of a connection that is over are dropped: nothing waits for them.
+  parked_ = unsentBytes_ >= MaxUnsentBytes && !broken_ && !closing_;
+  return !parked_;
+}
+
+bool CAsyncConnection::ShallContinueParkedLocked() {
+  if (!parked_ || (unsentBytes_ >= MaxUnsentBytes / 2 && !broken_ && !closing_)) {
+    return false;
+  }
+  parked_ = false;
+  return true;
 }
 
 void CAsyncConnection::PumpReplies() {
@@ -77,9 +127,14 @@ void CAsyncConnection::StartSend(bool tryFirst) {
 }
 
 void CAsyncConnection::FailSend(platform::error_t error) {
+  bool continueParked = false;
   {
     const std::lock_guard guard(sendLock_);
     broken_ = true;
+    continueParked = ShallContinueParkedLocked();
+  }
+  if (continueParked) {
+    queue_->ContinueParked();
   }
   throw exc::win_sys_exc_t("Send failed", error);
 }
@@ -128,6 +183,7 @@ bool CAsyncConnection::AccountSent(platform::error_t error, std::uint32_t bytes)
   bool more = false;
   bool end = false;
   bool resume = false;
+  bool continueParked = false;
   {
     const std::lock_guard guard(sendLock_);
     if (error != platform::error::Success) {
@@ -140,6 +196,10 @@ bool CAsyncConnection::AccountSent(platform::error_t error, std::uint32_t bytes)
       end = !more && closing_;
       resume = ShallResumeLocked();
     }
+    continueParked = ShallContinueParkedLocked();
+  }
+  if (continueParked) {
+    queue_->ContinueParked();
   }
   if (end) {
     CancelIo(win::io_direction_t::Read);
@@ -160,11 +220,27 @@ void CAsyncConnection::DropSentLocked(std::size_t bytes) {
 }
 
 void CAsyncConnection::Close() {
+  bool flush = false;
   bool end = false;
+  bool continueParked = false;
   {
     const std::lock_guard guard(sendLock_);
     closing_ = true;
-    end = !sending_ || broken_;
+    flush = !sending_ && !sendQueue_.empty();
+    end = broken_ || (!sending_ && !flush);
+    sending_ = sending_ || flush;
+    continueParked = ShallContinueParkedLocked();
+  }
+  if (continueParked) {
+    queue_->ContinueParked();
+  }
+  if (flush) {
+    try {
+      PumpReplies();
+    } catch (const std::exception& failure) {
+      g_nfs_log.Error("Exception while handling I/O event.", failure);
+      end = true;
+    }
   }
   if (end) {
     CancelIo(win::io_direction_t::Read);

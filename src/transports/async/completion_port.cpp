@@ -2,6 +2,7 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +20,7 @@ namespace {
 
 /// Key of the wake-up event; objects count from 1.
 constexpr std::uint64_t WakeKey = 0;
+constexpr std::uint64_t TimerKey = std::numeric_limits<std::uint64_t>::max();
 /// Completions handed out between two looks at the descriptors: none waits long behind one that is always ready.
 constexpr std::size_t TurnBudget = 64;
 constexpr std::size_t EventsPerWait = 64;
@@ -29,27 +31,42 @@ std::string InHexadecimal(const void* token) {
   return text.data();
 }
 
+/// Makes an event or a timer that is due wait for its next time.
+void Clear(int handle) noexcept {
+  std::uint64_t times = 0;
+  [[maybe_unused]] const auto taken = ::read(handle, &times, sizeof(times));
+}
+
 }  // namespace
 
-completion_port_t::completion_port_t() {
-  epoll_ = ::epoll_create1(EPOLL_CLOEXEC);
-  if (epoll_ >= 0) {
-    wakeEvent_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  }
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.u64 = WakeKey;
-  if (wakeEvent_ < 0 || ::epoll_ctl(epoll_, EPOLL_CTL_ADD, wakeEvent_, &event) != 0) {
+completion_port_t::completion_port_t()
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)),
+      wakeEvent_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+  if (epoll_ < 0 || wakeEvent_ < 0 || timer_ < 0 || !Watch(wakeEvent_, WakeKey) || !Watch(timer_, TimerKey)) {
     const platform::error_t error = platform::LastError();
-    ::close(wakeEvent_);
-    ::close(epoll_);
+    CloseHandles();
     throw exc::win_sys_exc_t("Create I/O Completion port for NFS Server.", error);
   }
 }
 
 completion_port_t::~completion_port_t() {
-  ::close(wakeEvent_);
-  ::close(epoll_);
+  CloseHandles();
+}
+
+bool completion_port_t::Watch(int handle, std::uint64_t key) const noexcept {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = key;
+  return ::epoll_ctl(epoll_, EPOLL_CTL_ADD, handle, &event) == 0;
+}
+
+void completion_port_t::CloseHandles() const noexcept {
+  for (const int handle : {timer_, wakeEvent_, epoll_}) {
+    if (handle >= 0) {
+      ::close(handle);
+    }
+  }
 }
 
 void completion_port_t::Run() {
@@ -130,6 +147,19 @@ void completion_port_t::Post(boost::intrusive_ptr<win::CIoObject> object, const 
   }
 }
 
+void completion_port_t::PostIn(std::chrono::milliseconds delay, boost::intrusive_ptr<win::CIoObject> object,
+                               const void* token) {
+  const auto due = clock_t::now() + delay;
+  const std::lock_guard guard(lock_);
+  if (abandoned_) {
+    return;
+  }
+  const auto place = delayed_.emplace(due, SCompletion{std::move(object), token, {}});
+  if (place == delayed_.begin()) {
+    SetTimerLocked();
+  }
+}
+
 void completion_port_t::Rest(boost::intrusive_ptr<win::CIoObject> object,
                              boost::intrusive_ptr<win::CIoEventHandler> handler, platform::error_t error) {
   bool warn = false;
@@ -184,8 +214,9 @@ void completion_port_t::TakeReadiness() {
   for (int i = 0; i < count; ++i) {
     const epoll_event& event = events[static_cast<std::size_t>(i)];
     if (event.data.u64 == WakeKey) {
-      std::uint64_t wakeUps = 0;
-      [[maybe_unused]] const auto taken = ::read(wakeEvent_, &wakeUps, sizeof(wakeUps));
+      Clear(wakeEvent_);
+    } else if (event.data.u64 == TimerKey) {
+      Clear(timer_);
     } else {
       TellReady(event.data.u64, event.events);
     }
@@ -217,6 +248,32 @@ void completion_port_t::TakePosted() {
     ready_.push_back(std::move(completion));
   }
   posted_.clear();
+  if (!delayed_.empty()) {
+    TakeDelayedLocked();
+  }
+}
+
+void completion_port_t::TakeDelayedLocked() {
+  const auto now = clock_t::now();
+  bool taken = false;
+  for (auto first = delayed_.begin(); first != delayed_.end() && first->first <= now; first = delayed_.begin()) {
+    ready_.push_back(std::move(first->second));
+    delayed_.erase(first);
+    taken = true;
+  }
+  if (taken && !delayed_.empty()) {
+    SetTimerLocked();
+  }
+}
+
+void completion_port_t::SetTimerLocked() noexcept {
+  // The steady clock counts as CLOCK_MONOTONIC does.
+  const auto due = delayed_.begin()->first.time_since_epoch();
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(due);
+  itimerspec time{};
+  time.it_value.tv_sec = seconds.count();
+  time.it_value.tv_nsec = std::chrono::nanoseconds(due - seconds).count();
+  ::timerfd_settime(timer_, TFD_TIMER_ABSTIME, &time, nullptr);
 }
 
 void completion_port_t::RetryResting() {
@@ -264,10 +321,12 @@ void completion_port_t::Abandon() {
   std::vector<boost::intrusive_ptr<win::CIoObject>> objects;
   std::vector<SCompletion> posted;
   std::vector<SResting> resting;
+  decltype(delayed_) delayed;
   {
     const std::lock_guard guard(lock_);
     abandoned_ = true;
     posted.swap(posted_);
+    delayed.swap(delayed_);
     resting.swap(resting_);
     for (const auto& [key, object] : objects_) {
       if (object->TryAddRef()) {

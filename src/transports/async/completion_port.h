@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -38,6 +39,8 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
 
   /// Queues a completion; a null object with a null token merely wakes the loop. Dropped after Abandon.
   void Post(boost::intrusive_ptr<win::CIoObject> object, const void* token, win::SIoResult result);
+  /// Queues a completion that is due after the delay. Dropped after Abandon.
+  void PostIn(std::chrono::milliseconds delay, boost::intrusive_ptr<win::CIoObject> object, const void* token);
   /// Waits on the completion thread; ends early at Stop.
   void Pause(std::chrono::milliseconds duration);
   /// After Run has returned and nothing starts operations any more: drops all pending ones and with them the objects
@@ -57,7 +60,6 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
     boost::intrusive_ptr<win::CIoEventHandler> handler;
   };
   using clock_t = std::chrono::steady_clock;
-
   void Rest(boost::intrusive_ptr<win::CIoObject> object, boost::intrusive_ptr<win::CIoEventHandler> handler,
             platform::error_t error);
   void Forget(win::CIoObject& object) noexcept;
@@ -67,12 +69,17 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   void TakeReadiness();
   void TellReady(std::uint64_t key, std::uint32_t events) noexcept;
   void TakePosted();
+  void TakeDelayedLocked();
+  void SetTimerLocked() noexcept;
+  bool Watch(int handle, std::uint64_t key) const noexcept;
+  void CloseHandles() const noexcept;
   void RetryResting();
   void HandOut();
   static void Dispatch(SCompletion& completion) noexcept;
 
-  int epoll_ = -1;
-  int wakeEvent_ = -1;
+  const int epoll_;
+  const int wakeEvent_;
+  const int timer_;
   std::atomic<bool> stop_{false};
   std::atomic<std::thread::id> loopThread_{};
 
@@ -86,6 +93,7 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   std::uint64_t lastKey_ = 0;
   std::vector<SCompletion> posted_;
   bool wakePending_ = false;
+  std::multimap<clock_t::time_point, SCompletion> delayed_;  ///< By when they are due; the timer is set to the first.
   std::vector<SResting> resting_;
   clock_t::time_point restUntil_{};
   bool restWarned_ = false;

@@ -43,6 +43,11 @@ void CIoObject::CompleteLater(const boost::intrusive_ptr<CIoEventHandler>& handl
   port_->Post(this, handler->Token(), result);
 }
 
+void CIoObject::CompleteIn(std::chrono::milliseconds delay, const boost::intrusive_ptr<CIoEventHandler>& handler) {
+  RegisterEvent(handler);
+  port_->PostIn(delay, this, handler->Token());
+}
+
 platform::error_t CIoObject::TryUntilPending(boost::intrusive_ptr<CIoEventHandler> handler, bool tryFirst,
                                              bool isRetry) {
   const void* const token = handler->Token();

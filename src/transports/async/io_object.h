@@ -4,6 +4,7 @@
 #include <atomic>
 #include <boost/container/flat_map.hpp>
 #include <boost/shared_ptr.hpp>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 
@@ -73,6 +74,8 @@ class CIoObject : public CCounted {
   platform::error_t StartIo(const boost::intrusive_ptr<CIoEventHandler>& handler, bool tryFirst = true);
   /// Posts a completion for the handler without any operation.
   void CompleteLater(const boost::intrusive_ptr<CIoEventHandler>& handler, SIoResult result);
+  /// The same after a delay.
+  void CompleteIn(std::chrono::milliseconds delay, const boost::intrusive_ptr<CIoEventHandler>& handler);
   /// Aborts the pending operation of that side, and each one that is started later: they end with 995.
   void CancelIo(io_direction_t direction);
   /// Drops all that is in flight, without completions. Only while nobody runs the port.

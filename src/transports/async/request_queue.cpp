@@ -4,6 +4,7 @@
 
 #include <array>
 #include <chrono>
+#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -68,14 +69,26 @@ void CRequestQueue::Stop() {
   thread_.reset();
 }
 
+void CRequestQueue::ContinueParked() noexcept {
+  bool wake = false;
+  {
+    const std::lock_guard guard(lock_);
+    continueParked_ = true;
+    wake = std::exchange(sleeping_, false);
+  }
+  if (wake) {
+    notEmpty_.notify_one();
+  }
+}
+
 void CRequestQueue::SpinForWork() const noexcept {
   static const bool useful = std::thread::hardware_concurrency() > 1;
   if (!useful) {
     return;
   }
-  const auto end = std::chrono::steady_clock::now() + SpinTime;
-  while (itemsCount_.load(std::memory_order_relaxed) == 0 && !stopping_.load(std::memory_order_relaxed) &&
-         std::chrono::steady_clock::now() < end) {
+  const auto end = clock_t::now() + SpinTime;
+  while (itemsCount_.load(std::memory_order_relaxed) == 0 && !continueParked_.load(std::memory_order_relaxed) &&
+         !stopping_.load(std::memory_order_relaxed) && clock_t::now() < end) {
     std::this_thread::yield();
   }
 }
@@ -83,7 +96,7 @@ void CRequestQueue::SpinForWork() const noexcept {
 bool CRequestQueue::Take(std::vector<SItem>& batch) {
   SpinForWork();
   std::unique_lock guard(lock_);
-  while (items_.empty()) {
+  while (items_.empty() && !continueParked_) {
     if (stopping_) {
       return false;
     }
@@ -99,27 +112,99 @@ bool CRequestQueue::Take(std::vector<SItem>& batch) {
 void CRequestQueue::Work() noexcept {
   std::vector<SItem> batch;
   while (Take(batch)) {
-    for (SItem& item : batch) {
-      Process(item);
-      item = SItem();
+    if (continueParked_.exchange(false)) {
+      RunParked();
+    }
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+      const bool anotherFollows = i + 1 < batch.size() && batch[i + 1].sender->Client() == batch[i].sender->Client();
+      Process(batch[i], anotherFollows);
+      batch[i] = SItem();
     }
     batch.clear();
   }
+  RunOutParked();
 }
 
-void CRequestQueue::Process(SItem& item) const noexcept {
+void CRequestQueue::Process(SItem& item, bool anotherFollows) noexcept {
+  try {
+    if (Park(item)) {
+      return;
+    }
+  } catch (const std::exception& failure) {
+    LogFailure(*item.sender, failure.what());
+    item.sender->Close();
+    return;
+  }
+  Answer(item, anotherFollows ? reply_t::Hold : reply_t::Send);
+}
+
+bool CRequestQueue::Park(SItem& item) {
+  const void* const client = item.sender->Client();
+  auto waiting = parked_.empty() ? parked_.end() : parked_.find(client);
+  if (waiting == parked_.end()) {
+    if (item.sender->MayAnswer()) {
+      return false;
+    }
+    waiting = parked_.try_emplace(client).first;
+  }
+  waiting->second.push_back(std::move(item));
+  return true;
+}
+
+void CRequestQueue::RunParked() noexcept {
+  for (auto waiting = parked_.begin(); waiting != parked_.end();) {
+    std::deque<SItem>& items = waiting->second;
+    while (!items.empty() && items.front().sender->MayAnswer()) {
+      Answer(items.front(), reply_t::Send);
+      items.pop_front();
+    }
+    waiting = items.empty() ? parked_.erase(waiting) : std::next(waiting);
+  }
+}
+
+void CRequestQueue::RunOutParked() noexcept {
+  for (auto& [client, items] : parked_) {
+    for (; !items.empty(); items.pop_front()) {
+      Answer(items.front(), reply_t::Drop);
+    }
+  }
+  parked_.clear();
+}
+
+void CRequestQueue::Answer(SItem& item, reply_t reply) noexcept {
   try {
     CXDRReader reader(std::move(item.record));
     CXDRWriter writer;
     handler_(item.sender->IsFsAccessAllowed(), item.sender->GetPeerAddress(), reader, writer);
-    item.sender->Send(writer, std::move(item.extra));
+    Reply(item, writer, reply);
     return;
   } catch (const std::exception& failure) {
     LogFailure(*item.sender, failure.what());
   } catch (...) {
     LogFailure(*item.sender, "unknown");
   }
+  held_ = 0;
   item.sender->Close();
+}
+
+void CRequestQueue::Reply(SItem& item, CXDRWriter& writer, reply_t reply) {
+  if (reply == reply_t::Drop) {
+    return;
+  }
+  if (reply == reply_t::Hold) {
+    const auto now = clock_t::now();
+    if (held_ == 0) {
+      heldSince_ = now;
+      heldBytes_ = 0;
+    }
+    heldBytes_ += writer.Used();
+    if (++held_ < MaxHeld && heldBytes_ < MaxHeldBytes && now - heldSince_ < MaxHeldTime) {
+      item.sender->Hold(writer, std::move(item.extra));
+      return;
+    }
+  }
+  held_ = 0;
+  item.sender->Send(writer, std::move(item.extra));
 }
 
 }  // namespace impl

@@ -3,11 +3,14 @@
 
 #include <atomic>
 #include <boost/shared_ptr.hpp>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "foundation/byte_buffer.h"
@@ -22,8 +25,14 @@ namespace impl {
 
 /// One worker: the requests of a program run strictly one after another, in order of arrival across all connections,
 /// so that replies follow in the order of their requests. Any thread may post; the owner stops and destroys.
+/// A client that takes no replies holds up nobody and costs no more memory: its requests are parked until it does.
 class CRequestQueue {
  public:
+  /// Bounds of what is held to leave in one send: replies, their bytes, and the time from the first one on.
+  static constexpr std::size_t MaxHeld = 16;
+  static constexpr std::size_t MaxHeldBytes = 64U << 10;
+  static constexpr std::chrono::microseconds MaxHeldTime{100};
+
   /// handler has what it works on bound and keeps it alive. Throws when the worker cannot be started.
   CRequestQueue(std::string name, rpc_handler_t handler);
   CRequestQueue(const CRequestQueue&) = delete;
@@ -37,7 +46,10 @@ class CRequestQueue {
   /// Hands a record over. extra is released when its reply was given to the sender. Dropped after Stop.
   void Post(boost::intrusive_ptr<CResponseSender> sender, boost::shared_ptr<io::byte_buffer_t> record,
             completion_ptr extra = nullptr);
-  /// Takes no more requests, runs out those that are in, and joins the worker. The second call does nothing.
+  /// Looks again at the parked requests: a client takes its replies, or is gone.
+  void ContinueParked() noexcept;
+  /// Takes no more requests, runs out those that are in, and joins the worker. The second call does nothing. Requests
+  /// that are still parked are carried out without a reply, which their clients would not take.
   void Stop();
 
  private:
@@ -47,11 +59,19 @@ class CRequestQueue {
     completion_ptr extra;
   };
 
+  enum class reply_t { Send, Hold, Drop };
+  using clock_t = std::chrono::steady_clock;
+
   void Work() noexcept;
   /// The next requests, in order; false when the worker is to end.
   bool Take(std::vector<SItem>& batch);
   void SpinForWork() const noexcept;
-  void Process(SItem& item) const noexcept;
+  void Process(SItem& item, bool anotherFollows) noexcept;
+  bool Park(SItem& item);
+  void Answer(SItem& item, reply_t reply) noexcept;
+  void Reply(SItem& item, CXDRWriter& writer, reply_t reply);
+  void RunParked() noexcept;
+  void RunOutParked() noexcept;
 
   const std::string name_;
   const rpc_handler_t handler_;
@@ -63,6 +83,15 @@ class CRequestQueue {
   std::atomic<std::size_t> itemsCount_{0};
   bool sleeping_ = false;
   std::atomic<bool> stopping_{false};
+
+  /// Set under lock_.
+  std::atomic<bool> continueParked_{false};
+
+  // Worker only.
+  std::unordered_map<const void*, std::deque<SItem>> parked_;  ///< By client, in order.
+  std::size_t held_ = 0;
+  std::size_t heldBytes_ = 0;
+  clock_t::time_point heldSince_{};
 
   std::unique_ptr<synch::thread_t> thread_;
 };

@@ -3,6 +3,8 @@
 
 #include <netinet/in.h>
 
+#include <utility>
+
 #include "rpc/xdr_writer.h"
 #include "transports/async/counted.h"
 
@@ -22,6 +24,14 @@ class CResponseSender : public CCounted {
   virtual bool IsFsAccessAllowed() const = 0;
   /// Marks the connection to be closed after the replies that are queued already.
   virtual void Close() = 0;
+  /// As Send, but the reply may wait a moment to leave together with the client's next one, which is sent, held or
+  /// failed soon.
+  virtual void Hold(CXDRWriter& writer, completion_ptr completion) { Send(writer, std::move(completion)); }
+  /// False while the client leaves so many replies untaken that its requests have to wait: its transport calls
+  /// CRequestQueue::ContinueParked once that is over.
+  virtual bool MayAnswer() { return true; }
+  /// The same for all requests of one client, whose order is kept.
+  virtual const void* Client() const { return this; }
 };
 
 }  // namespace impl

@@ -17,8 +17,12 @@ CTcpResponseSender::~CTcpResponseSender() {
 
 void CTcpResponseSender::Send(CXDRWriter& writer, completion_ptr) {
   logging::quiet_log_scope_t scope(g_nfs_log, "Sending XDR data with TCP.");
-  connection_->SendReply(writer);
+  connection_->SendReply(writer, false);
   scope.Success();
+}
+
+void CTcpResponseSender::Hold(CXDRWriter& writer, completion_ptr) {
+  connection_->SendReply(writer, true);
 }
 
 }  // namespace impl

@@ -17,6 +17,9 @@ class CTcpResponseSender : public CResponseSender {
   const sockaddr_in& GetPeerAddress() const override { return connection_->PeerAddress(); }
   bool IsFsAccessAllowed() const override { return fsAccessAllowed_; }
   void Close() override { connection_->Close(); }
+  void Hold(CXDRWriter& writer, completion_ptr completion) override;
+  bool MayAnswer() override { return connection_->MayAnswer(); }
+  const void* Client() const override { return connection_.get(); }
 
  private:
   const boost::intrusive_ptr<CAsyncConnection> connection_;

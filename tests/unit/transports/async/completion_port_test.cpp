@@ -145,6 +145,36 @@ TEST_F(CompletionPortTest, LogsACompletionThatNobodyWaitsFor) {
       [this] { return Logged(log_, "There is no IO completion handler for the OVERLAPPED object [0x1234]."); }));
 }
 
+TEST_F(CompletionPortTest, CompletesAfterADelayInTheOrderOfTime) {
+  std::mutex lock;
+  std::vector<int> order;
+  const auto note = [&](int number) {
+    return [&, number](error_t, std::uint32_t) {
+      {
+        const std::lock_guard guard(lock);
+        order.push_back(number);
+      }
+      ++told_;
+    };
+  };
+  const auto begin = std::chrono::steady_clock::now();
+  object_->CompleteIn(std::chrono::milliseconds(30), new ReadEvent(object_, note(2)));
+  object_->CompleteIn(std::chrono::milliseconds(60), new ReadEvent(object_, note(3)));
+  object_->CompleteIn(std::chrono::milliseconds(1), new ReadEvent(object_, note(1)));
+  ASSERT_TRUE(Eventually([this] { return told_ == 3; }));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(60));
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+TEST_F(CompletionPortTest, DropsWhatIsDueAfterItsEnd) {
+  object_->CompleteIn(std::chrono::hours(1), new ReadEvent(object_, Tell()));
+  StopLoop();
+  port_->Abandon();
+  object_->CompleteIn(std::chrono::hours(1), new ReadEvent(object_, Tell()));
+  object_->AbandonIo();
+  EXPECT_EQ(told_, 0);
+}
+
 TEST_F(CompletionPortTest, OutlivesAHandlerThatThrows) {
   object_->CompleteLater(
       new ReadEvent(object_, [](error_t, std::uint32_t) { throw exc::runtime_exc_t(std::string("no")); }), {});

@@ -197,6 +197,109 @@ TEST_F(ConnectionTest, StopsReadingFromAClientThatNeverReads) {
   sender.join();
 }
 
+TEST_F(ConnectionTest, CarriesNothingOutForAClientThatOwesReads) {
+  constexpr std::uint32_t Calls = 40;
+  constexpr std::uint32_t ReplySize = 8U << 20;
+  Client client(server_.port, 8192);
+  for (std::uint32_t i = 0; i < Calls; ++i) {
+    client.Call(Request(order_t::Blow, i, ReplySize));
+  }
+  ASSERT_TRUE(Eventually([&] { return server_.program.handled >= 1; }));
+  server_.AwaitReceived();
+  const int others = server_.program.handled;
+  for (int i = 0; i < 20; ++i) {
+    ExpectServing();
+  }
+  // One reply exceeds the bound: all that was handled since is of others.
+  EXPECT_LE(others, 2);
+  EXPECT_EQ(server_.program.handled, others + 20);
+  client.Call(Request(order_t::Echo, Calls));
+  for (std::uint32_t i = 0; i < Calls; ++i) {
+    const auto reply = client.Reply();
+    ASSERT_TRUE(reply.has_value());
+    ASSERT_EQ(reply->size(), ReplySize + 4);
+    ASSERT_EQ(WordAt(*reply, 0), i);
+  }
+  EXPECT_EQ(client.Reply(), Request(order_t::Echo, Calls));
+}
+
+TEST_F(ConnectionTest, RunsOutTheRequestsOfAClientThatOwedReadsAndLeft) {
+  constexpr int Calls = 20;
+  {
+    Client client(server_.port, 8192);
+    for (std::uint32_t i = 0; i < Calls; ++i) {
+      client.Call(Request(order_t::Blow, i, 8U << 20));
+    }
+    server_.AwaitReceived();
+    ASSERT_TRUE(Eventually([&] { return server_.program.handled == 2; }));
+    client.Reset();
+  }
+  EXPECT_TRUE(Eventually([&] { return server_.program.handled == Calls + 1; }));
+  ExpectServing();
+}
+
+TEST_F(ConnectionTest, RunsOutTheRequestsOfAClientThatOwesReadsAtTheStop) {
+  constexpr int Calls = 20;
+  Client client(server_.port, 8192);
+  for (std::uint32_t i = 0; i < Calls; ++i) {
+    client.Call(Request(order_t::Blow, i, 8U << 20));
+  }
+  server_.AwaitReceived();
+  ASSERT_TRUE(Eventually([&] { return server_.program.handled == 2; }));
+  server_.server.reset();
+  EXPECT_EQ(server_.program.handled, Calls + 1);
+  EXPECT_TRUE(log_.Texts("Error").empty());
+}
+
+TEST_F(ConnectionTest, ClosesAfterAFailureAmongRequestsThatHadToWait) {
+  Client client(server_.port, 8192);
+  client.Call(Request(order_t::Blow, 0, 8U << 20));
+  client.Call(Request(order_t::Blow, 1, 8U << 20));
+  client.Call(Request(order_t::Throw, 2));
+  client.Call(Request(order_t::Echo, 3));
+  server_.AwaitReceived();
+  for (std::uint32_t i = 0; i < 2; ++i) {
+    const auto reply = client.Reply();
+    ASSERT_TRUE(reply.has_value());
+    EXPECT_EQ(WordAt(*reply, 0), i);
+  }
+  EXPECT_EQ(client.Reply(), std::nullopt);
+  EXPECT_TRUE(Logged(log_, "Client " + client.Name() + ": exception while handling request: boom"));
+  ExpectServing();
+}
+
+TEST_F(ConnectionTest, SendsAHeldReplyAlthoughTheNextOneTakesLong) {
+  Client first(server_.port);
+  first.Call(Request(order_t::Wait, 1, 0));
+  ASSERT_TRUE(Eventually([&] { return server_.program.begun == 1; }));
+  Client client(server_.port);
+  bytes_t both = WithMark(Request(order_t::Echo, 2));
+  const bytes_t slow = WithMark(Request(order_t::Wait, 3, 1));
+  both.insert(both.end(), slow.begin(), slow.end());
+  client.Send(both);
+  server_.AwaitReceived();
+  server_.program.OpenGate(0);
+  EXPECT_EQ(first.Reply(), Request(order_t::Wait, 1, 0));
+  EXPECT_EQ(client.Reply(), Request(order_t::Echo, 2));
+  server_.program.OpenGate(1);
+  EXPECT_EQ(client.Reply(), Request(order_t::Wait, 3, 1));
+}
+
+TEST_F(ConnectionTest, SendsHeldRepliesBeforeItClosesAfterAFailure) {
+  Client first(server_.port);
+  first.Call(Request(order_t::Wait, 1, 0));
+  ASSERT_TRUE(Eventually([&] { return server_.program.begun == 1; }));
+  Client client(server_.port);
+  client.Call(Request(order_t::Echo, 2));
+  client.Call(Request(order_t::Echo, 3));
+  client.Call(Request(order_t::Throw, 4));
+  server_.AwaitReceived();
+  server_.program.OpenGate(0);
+  EXPECT_EQ(client.Reply(), Request(order_t::Echo, 2));
+  EXPECT_EQ(client.Reply(), Request(order_t::Echo, 3));
+  EXPECT_EQ(client.Reply(), std::nullopt);
+}
+
 TEST_F(ConnectionTest, BoundsTheRequestsOfOneConnection) {
   Client client(server_.port);
   std::thread sender([&] {

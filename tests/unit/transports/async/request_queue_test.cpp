@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <set>
+
 #include "support/captured_log.h"
 #include "unit/transports/async/rig.h"
 
@@ -12,14 +15,16 @@ namespace {
 struct SHistory {
   std::mutex lock;
   std::vector<std::uint32_t> sent;
+  std::vector<std::uint32_t> held;
   int closed = 0;
   int alive = 0;
+  std::set<int> slowClients;  ///< Those who have to wait.
 };
 
 /// Notes the second word of each reply.
 class Sender : public impl::CResponseSender {
  public:
-  explicit Sender(SHistory& history) : history_(history) {
+  Sender(SHistory& history, int client) : history_(history), client_(client) {
     const std::lock_guard guard(history_.lock);
     ++history_.alive;
     peer_.sin_family = AF_INET;
@@ -30,11 +35,10 @@ class Sender : public impl::CResponseSender {
     const std::lock_guard guard(history_.lock);
     --history_.alive;
   }
-  void Send(CXDRWriter& writer, impl::completion_ptr) override {
-    io::byte_buffer_t out;
-    writer.Finish(out, true);
-    const std::lock_guard guard(history_.lock);
-    history_.sent.push_back(WordAt({out.begin(), out.end()}, 8));
+  void Send(CXDRWriter& writer, impl::completion_ptr) override { Note(writer, history_.sent); }
+  void Hold(CXDRWriter& writer, impl::completion_ptr completion) override {
+    Note(writer, history_.held);
+    Send(writer, std::move(completion));
   }
   const sockaddr_in& GetPeerAddress() const override { return peer_; }
   bool IsFsAccessAllowed() const override { return true; }
@@ -42,17 +46,49 @@ class Sender : public impl::CResponseSender {
     const std::lock_guard guard(history_.lock);
     ++history_.closed;
   }
+  bool MayAnswer() override {
+    const std::lock_guard guard(history_.lock);
+    return !history_.slowClients.contains(client_);
+  }
+  const void* Client() const override { return &Clients[static_cast<std::size_t>(client_)]; }
 
  private:
+  static constexpr std::array<char, 4> Clients{};
+
+  void Note(const CXDRWriter& writer, std::vector<std::uint32_t>& numbers) {
+    io::byte_buffer_t out;
+    writer.Finish(out, true);
+    const std::lock_guard guard(history_.lock);
+    numbers.push_back(WordAt({out.begin(), out.end()}, 8));
+  }
+
   SHistory& history_;
+  const int client_;
   sockaddr_in peer_{};
 };
 
 class RequestQueueTest : public testing::Test {
  protected:
-  void Post(order_t order, std::uint32_t number) {
+  void Post(order_t order, std::uint32_t number, int client = 0) {
     const bytes_t record = Request(order, number);
-    queue_.Post(new Sender(history_), boost::make_shared<io::byte_buffer_t>(record.begin(), record.end()));
+    queue_.Post(new Sender(history_, client), boost::make_shared<io::byte_buffer_t>(record.begin(), record.end()));
+  }
+  /// What is posted meanwhile is taken at once when the gate opens.
+  void BlockWorker() {
+    Post(order_t::Wait, 0, 3);
+    ASSERT_TRUE(Eventually([&] { return program_.begun == 1; }));
+  }
+  void SetSlow(int client, bool slow) {
+    const std::lock_guard guard(history_.lock);
+    if (slow) {
+      history_.slowClients.insert(client);
+    } else {
+      history_.slowClients.erase(client);
+    }
+  }
+  std::vector<std::uint32_t> Sent() {
+    const std::lock_guard guard(history_.lock);
+    return history_.sent;
   }
 
   CapturedLog log_;
@@ -60,6 +96,75 @@ class RequestQueueTest : public testing::Test {
   Program program_;
   impl::CRequestQueue queue_{"nfs", program_.Handler()};
 };
+
+using numbers_t = std::vector<std::uint32_t>;
+
+TEST_F(RequestQueueTest, ParksTheRequestsOfASlowClientAlone) {
+  SetSlow(1, true);
+  Post(order_t::Echo, 10, 1);
+  Post(order_t::Echo, 20, 2);
+  Post(order_t::Echo, 11, 1);
+  Post(order_t::Echo, 21, 2);
+  ASSERT_TRUE(Eventually([&] { return Sent() == numbers_t({20, 21}); }));
+  queue_.ContinueParked();
+  Post(order_t::Echo, 22, 2);
+  ASSERT_TRUE(Eventually([&] { return Sent() == numbers_t({20, 21, 22}); }));
+  SetSlow(1, false);
+  // What comes before the client is looked at again may not overtake.
+  Post(order_t::Echo, 12, 1);
+  Post(order_t::Echo, 23, 2);
+  ASSERT_TRUE(Eventually([&] { return Sent() == numbers_t({20, 21, 22, 23}); }));
+  queue_.ContinueParked();
+  EXPECT_TRUE(Eventually([&] { return Sent() == numbers_t({20, 21, 22, 23, 10, 11, 12}); }));
+  Post(order_t::Echo, 13, 1);
+  EXPECT_TRUE(Eventually([&] { return Sent() == numbers_t({20, 21, 22, 23, 10, 11, 12, 13}); }));
+}
+
+TEST_F(RequestQueueTest, RunsOutParkedRequestsWithoutReplies) {
+  SetSlow(1, true);
+  Post(order_t::Echo, 10, 1);
+  Post(order_t::Throw, 11, 1);
+  Post(order_t::Echo, 12, 1);
+  Post(order_t::Echo, 20, 2);
+  queue_.Stop();
+  EXPECT_EQ(Sent(), numbers_t{20});
+  EXPECT_EQ(program_.handled, 3);
+  EXPECT_EQ(program_.begun, 4);
+  EXPECT_EQ(history_.alive, 0);
+}
+
+TEST_F(RequestQueueTest, HoldsRepliesWhileTheSameClientHasMore) {
+  BlockWorker();
+  numbers_t all{0};
+  for (std::uint32_t i = 1; i <= 40; ++i) {
+    Post(order_t::Echo, i, 1);
+    all.push_back(i);
+  }
+  program_.OpenGate();
+  queue_.Stop();
+  EXPECT_EQ(Sent(), all);
+  // At least every sixteenth one leaves at once with those before it, and the last one.
+  ASSERT_FALSE(history_.held.empty());
+  std::size_t inRow = 0;
+  std::uint32_t last = 0;
+  for (const std::uint32_t number : history_.held) {
+    inRow = number == last + 1 ? inRow + 1 : 1;
+    EXPECT_LT(inRow, impl::CRequestQueue::MaxHeld);
+    last = number;
+  }
+  EXPECT_NE(last, 40U);
+}
+
+TEST_F(RequestQueueTest, HoldsNoReplyBeforeAnotherClientsRequest) {
+  BlockWorker();
+  for (std::uint32_t i = 1; i <= 40; ++i) {
+    Post(order_t::Echo, i, static_cast<int>(1 + i % 2));
+  }
+  program_.OpenGate();
+  queue_.Stop();
+  EXPECT_EQ(Sent().size(), 41U);
+  EXPECT_TRUE(history_.held.empty());
+}
 
 TEST_F(RequestQueueTest, RunsOutInOrderAndTakesNothingAfterwards) {
   Post(order_t::Wait, 0);
@@ -88,7 +193,7 @@ TEST_F(RequestQueueTest, ClosesTheClientOfARequestThatFails) {
 TEST_F(RequestQueueTest, ReleasesTheExtraWithItsRequest) {
   const boost::intrusive_ptr<CCounted> extra(new CCounted);
   const bytes_t record = Request(order_t::Echo, 1);
-  queue_.Post(new Sender(history_), boost::make_shared<io::byte_buffer_t>(record.begin(), record.end()), extra);
+  queue_.Post(new Sender(history_, 0), boost::make_shared<io::byte_buffer_t>(record.begin(), record.end()), extra);
   queue_.Stop();
   EXPECT_EQ(history_.sent.size(), 1U);
 }

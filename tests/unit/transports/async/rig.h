@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -71,7 +72,7 @@ enum class order_t : std::uint32_t {
   Echo = 0,   ///< Replies with the record.
   Throw = 1,  ///< Fails with "boom".
   Blow = 2,   ///< Replies with its number and as many zero bytes as the third word says.
-  Wait = 3    ///< As Echo, after the gate was opened.
+  Wait = 3    ///< As Echo, after the gate was opened whose number is the third word.
 };
 
 inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parameter = 0) {
@@ -97,10 +98,11 @@ class Program {
       Handle(allowed, peer, reader, writer);
     };
   }
-  void OpenGate() {
+  /// Opens the gate and those of lower numbers; without a number all.
+  void OpenGate(std::uint32_t number = std::numeric_limits<std::uint32_t>::max() - 1) {
     {
       const std::lock_guard guard(lock_);
-      open_ = true;
+      openGates_ = number + 1;
     }
     opened_.notify_all();
   }
@@ -128,8 +130,10 @@ class Program {
         break;
       }
       case order_t::Wait: {
+        reader.UInt();
+        const std::uint32_t gate = reader.UInt();
         std::unique_lock guard(lock_);
-        opened_.wait(guard, [this] { return open_; });
+        opened_.wait(guard, [&] { return gate < openGates_; });
         [[fallthrough]];
       }
       case order_t::Echo:
@@ -141,7 +145,7 @@ class Program {
 
   std::mutex lock_;
   std::condition_variable opened_;
-  bool open_ = false;
+  std::uint32_t openGates_ = 0;
 };
 
 /// A TCP client of this machine; every receive has a limit after which the test fails.
@@ -243,6 +247,7 @@ class Server {
     params.addressChecker = std::move(checker);
     server.emplace(std::move(params));
     port = ServicePorts().nfs;
+    mountPort = ServicePorts().mount;
   }
   ~Server() { program.OpenGate(); }
 
@@ -255,7 +260,16 @@ class Server {
 
   Program program;
   std::optional<CAsyncServer> server;
+  /// Returns when everything that clients have sent so far stands in the queues: the thread that puts it there serves
+  /// other ports too, and their data comes later.
+  void AwaitReceived() const {
+    Client other(mountPort);
+    other.Call(Request(order_t::Echo, 0));
+    other.Reply();
+  }
+
   std::uint16_t port = 0;
+  std::uint16_t mountPort = 0;
 };
 
 }  // namespace test
