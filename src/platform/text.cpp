@@ -1,7 +1,9 @@
 #include "platform/text.h"
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
+#include <cstring>
 
 namespace platform {
 namespace {
@@ -60,6 +62,23 @@ void AppendUtf8(std::string& text, std::uint32_t point) {
   }
 }
 
+/// Eight bytes as a number that compares as they do.
+std::uint64_t LoadWord(const char* bytes) noexcept {
+  std::uint64_t word = 0;
+  std::memcpy(&word, bytes, sizeof word);
+  return std::endian::native == std::endian::little ? __builtin_bswap64(word) : word;
+}
+
+/// FoldAscii of each of the eight bytes.
+std::uint64_t FoldWord(std::uint64_t word) noexcept {
+  constexpr std::uint64_t EachByte = 0x0101010101010101;
+  constexpr std::uint64_t HighBits = 0x80 * EachByte;
+  const std::uint64_t low = word & ~HighBits;
+  const std::uint64_t fromA = low + (0x80 - 'A') * EachByte;
+  const std::uint64_t pastZ = low + (0x7F - 'Z') * EachByte;
+  return word | ((fromA & ~pastZ & ~word & HighBits) >> 2);
+}
+
 template <typename Number>
 std::optional<Number> ParseDecimal(std::string_view text) noexcept {
   if (text.empty() || !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
@@ -86,15 +105,44 @@ bool EqualIgnoringCase(std::string_view left, std::string_view right) noexcept {
 
 int CompareIgnoringCase(std::string_view left, std::string_view right) noexcept {
   const std::size_t common = std::min(left.size(), right.size());
-  for (std::size_t i = 0; i < common; ++i) {
-    const auto a = static_cast<unsigned char>(FoldAscii(left[i]));
-    const auto b = static_cast<unsigned char>(FoldAscii(right[i]));
+  std::size_t at = 0;
+  for (; at + sizeof(std::uint64_t) <= common; at += sizeof(std::uint64_t)) {
+    const std::uint64_t leftWord = LoadWord(left.data() + at);
+    const std::uint64_t rightWord = LoadWord(right.data() + at);
+    if (leftWord == rightWord)
+      continue;
+    const std::uint64_t a = FoldWord(leftWord);
+    const std::uint64_t b = FoldWord(rightWord);
+    if (a != b)
+      return a < b ? -1 : 1;
+  }
+  for (; at < common; ++at) {
+    const auto a = static_cast<unsigned char>(FoldAscii(left[at]));
+    const auto b = static_cast<unsigned char>(FoldAscii(right[at]));
     if (a != b)
       return a < b ? -1 : 1;
   }
   if (left.size() == right.size())
     return 0;
   return left.size() < right.size() ? -1 : 1;
+}
+
+std::uint64_t HashIgnoringCase(std::string_view text, std::uint64_t seed) noexcept {
+  constexpr std::uint64_t Odd = 0x9E3779B97F4A7C15;
+  std::uint64_t hash = seed ^ text.size();
+  const auto mix = [&hash](std::uint64_t word) {
+    hash = (hash ^ word) * Odd;
+    hash ^= hash >> 32;
+  };
+  std::size_t at = 0;
+  for (; at + sizeof(std::uint64_t) <= text.size(); at += sizeof(std::uint64_t))
+    mix(FoldWord(LoadWord(text.data() + at)));
+  std::uint64_t rest = 0;
+  for (; at < text.size(); ++at)
+    rest = rest << 8 | static_cast<unsigned char>(FoldAscii(text[at]));
+  mix(rest);
+  mix(seed);
+  return hash;
 }
 
 bool IsValidUtf8(std::string_view text) noexcept {

@@ -15,6 +15,10 @@ constexpr char FoldAscii(char c) noexcept {
 }
 std::string FoldAscii(std::string_view text);
 
+/// Equal for texts that are equal without regard to ASCII case. Whoever does not know the seed cannot choose texts that
+/// meet.
+std::uint64_t HashIgnoringCase(std::string_view text, std::uint64_t seed) noexcept;
+
 bool EqualIgnoringCase(std::string_view left, std::string_view right) noexcept;
 /// Below, at or above zero, as the folded bytes compare (as unsigned).
 int CompareIgnoringCase(std::string_view left, std::string_view right) noexcept;

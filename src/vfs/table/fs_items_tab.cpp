@@ -52,7 +52,7 @@ std::uint64_t CFsItemsTab::AddOne(std::uint64_t parentFid, const std::string& na
   return fid;
 }
 
-void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsNewItem>& items) {
+void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& items) {
   // Long enough that a transaction's cost is spread thin, short enough that nobody notices the lock.
   constexpr std::size_t MaxTransaction = 256;
 
@@ -74,6 +74,10 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsNewItem>& it
         items[i].fid = AddPrepared(parentFid, prepared[i - begin], found_t::Keep, changes, removed);
       }
       batch.Commit();
+      for (std::size_t i = begin; i < end; ++i) {
+        if (const rec_ptr rec = FindRec(items[i].fid))
+          items[i].item = rec->Item();
+      }
     }
     LogRemoved(removed);
     LogAdded(changes);
@@ -86,7 +90,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   const rec_ptr parent = GetRec(parentFid);
   const auto entry = listing_.find(SListingKeyView{parentFid, prepared.name});
   const bool wasFound = entry != listing_.end();
-  const std::uint64_t fid = wasFound ? entry->second : GenerateFid();
+  const std::uint64_t fid = wasFound ? entry->second.fid : GenerateFid();
   if (wasFound && found == found_t::Keep) {
     g_nfs_log.Info("Item [%1] was found. ID: [%2].", prepared.name, fid);
     return fid;
@@ -97,7 +101,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   if (wasFound)
     TakeOverOldRec(*rec, fid, removed);
   items_[fid] = rec;
-  PutListing(parentFid, prepared.name, fid);
+  PutListing(fid, rec);
 
   FreeStoredPlace(parentFid, prepared.name, fid);
   ForgetMove(fid);
@@ -126,8 +130,9 @@ void CFsItemsTab::ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const s
   {
     const lock_t lock(mutex_);
     const rec_ptr parent = GetRec(parentFid);
-    items_[fid] = boost::make_shared<CNfsItemRec>(name, parentFid, parent->share, item, mountUid);
-    PutListing(parentFid, name, fid);
+    const auto rec = boost::make_shared<CNfsItemRec>(name, parentFid, parent->share, item, mountUid);
+    items_[fid] = rec;
+    PutListing(fid, rec);
   }
   g_nfs_log.Info("Item [%1] resumed. FID: [%2]. Parent FID: [%3].", name, fid, parentFid);
 }
@@ -164,7 +169,7 @@ void CFsItemsTab::RemoveChild(std::uint64_t parentFid, const std::string& name) 
 void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid) {
   RemoveAndLog([&](changes_t& removed) {
     const auto found = listing_.find(SListingKeyView{parentFid, name});
-    if (found != listing_.end() && found->second == fid)
+    if (found != listing_.end() && found->second.fid == fid)
       Delete(fid, nullptr, false, removed);
   });
 }
@@ -178,7 +183,7 @@ std::uint64_t CFsItemsTab::LookupChild(std::uint64_t parentFid, std::string_view
     return parent ? parent->parentFid : InvalidFid;
   }
   const auto found = listing_.find(SListingKeyView{parentFid, name});
-  return found == listing_.end() ? InvalidFid : found->second;
+  return found == listing_.end() ? InvalidFid : found->second.fid;
 }
 
 void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName) {
@@ -194,15 +199,15 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const 
       throw CVirtualFsExc(NFS3ERR_INVAL);
 
     const auto occupied = listing_.find(SListingKeyView{newParentFid, newName});
-    if (occupied != listing_.end() && occupied->second != fid)
-      Delete(occupied->second, nullptr, false, removed);
+    if (occupied != listing_.end() && occupied->second.fid != fid)
+      Delete(occupied->second.fid, nullptr, false, removed);
 
     FreeStoredPlace(newParentFid, newName, fid);
     NoteMove(fid, *rec, newParentFid, newName);
     EraseListing(*rec, fid);
     rec->name = newName;
     rec->parentFid = newParentFid;
-    PutListing(newParentFid, newName, fid);
+    PutListing(fid, rec);
   });
 }
 
@@ -223,15 +228,6 @@ boost::shared_ptr<IFsItem> CFsItemsTab::GetItem(std::uint64_t fid) const {
   const lock_t lock(mutex_);
   const auto found = items_.find(fid);
   return found == items_.end() ? boost::shared_ptr<IFsItem>() : found->second->Item();
-}
-
-std::vector<boost::shared_ptr<IFsItem>> CFsItemsTab::GetItems(const std::vector<std::uint64_t>& fids) const {
-  std::vector<boost::shared_ptr<IFsItem>> items;
-  items.reserve(fids.size());
-  const lock_t lock(mutex_);
-  for (const std::uint64_t fid : fids)
-    items.push_back(GetItem(fid));
-  return items;
 }
 
 std::string CFsItemsTab::GetItemPath(std::uint64_t fid) const {
@@ -258,15 +254,15 @@ std::string CFsItemsTab::GetItemPath(std::uint64_t fid) const {
   return path + ". FID: " + std::to_string(fid);
 }
 
-void CFsItemsTab::PutListing(std::uint64_t parentFid, const std::string& name, std::uint64_t fid) {
-  const auto [entry, isNew] = listing_.try_emplace(SListingKey{parentFid, name}, fid);
+void CFsItemsTab::PutListing(std::uint64_t fid, const rec_ptr& rec) {
+  const auto [entry, isNew] = listing_.try_emplace(SListingKey{rec->parentFid, rec->name}, SListed{fid, rec});
   if (isNew)
     return;
-  entry->second = fid;
-  if (entry->first.name == name)
+  entry->second = {fid, rec};
+  if (entry->first.name == rec->name)
     return;
   auto node = listing_.extract(entry);
-  node.key().name = name;
+  node.key().name = rec->name;
   listing_.insert(std::move(node));
 }
 

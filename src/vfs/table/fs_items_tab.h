@@ -29,11 +29,11 @@ class CNfsShareAlreadyRegisteredExc : public exc::exc_of_t<CNfsShareAlreadyRegis
   std::string GetKind() const override;
 };
 
-/// An item that is about to be added to a folder.
-struct SNfsNewItem {
+/// A child of a folder.
+struct SNfsChild {
   std::string name;
+  std::uint64_t fid = InvalidFid;
   boost::shared_ptr<IFsItem> item;
-  std::uint64_t fid = InvalidFid;  ///< Filled by the table.
 };
 
 /// Items by FID, children by (parent FID, name) and shares by GUID. What is added or removed here is added to and
@@ -76,9 +76,10 @@ class CFsItemsTab {
   /// AddItem for an item that was looked for because the name was not there: a name that has come meanwhile keeps its
   /// item too, which is the younger one. It may have been moved here while the other was opened.
   std::uint64_t AddFoundItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item);
-  /// AddFoundItem for many items of one folder: fills their FIDs and writes the registry in few transactions. The lock
-  /// is given up between them, so that other calls go on while a large folder comes in.
-  void AddItems(std::uint64_t parentFid, std::vector<SNfsNewItem>& items);
+  /// AddFoundItem for many items of one folder: fills their FIDs and replaces items that were there already by
+  /// those that the table keeps. The registry is written in few transactions, and the lock is given up between them, so
+  /// that other calls go on while a large folder comes in.
+  void AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& items);
   /// Brings an item back under its stored FID; writes nothing to the registry. mountUid: the mount that backs it, nil
   /// for the host.
   void ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,
@@ -104,8 +105,6 @@ class CFsItemsTab {
   bool IsSameOrBelow(std::uint64_t fid, std::uint64_t ancestorFid) const;
   /// A folder gives its primary.
   boost::shared_ptr<IFsItem> GetItem(std::uint64_t fid) const;
-  /// GetItem for each of the FIDs, in one step.
-  std::vector<boost::shared_ptr<IFsItem>> GetItems(const std::vector<std::uint64_t>& fids) const;
   /// "name/name. FID: n", for logs.
   std::string GetItemPath(std::uint64_t fid) const;
   /// @}
@@ -129,7 +128,8 @@ class CFsItemsTab {
                        const boost::shared_ptr<CNfsFolderDirPlusCache>& listing);
   /// Throws 2 for an unknown FID, and for a file.
   void ResetDirPlusCache(std::uint64_t fid, std::uint32_t client);
-  void ListChildren(std::uint64_t parentFid, CNfsNameMap& children) const;
+  /// In the order of the names.
+  void ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& children) const;
   void ListChildrenForMount(std::uint64_t parentFid, const GUID& mountUid, CNfsNameMap& children) const;
   void ListChildFidsForMount(std::uint64_t parentFid, const GUID& mountUid, std::set<std::uint64_t>& fids) const;
   /// @}
@@ -157,12 +157,17 @@ class CFsItemsTab {
       return platform::CompareIgnoringCase(left.name, right.name) < 0;
     }
   };
-  using CNfsListingTab = std::map<SListingKey, std::uint64_t, SListingLess>;
+  using rec_ptr = boost::shared_ptr<CNfsItemRec>;
+  struct SListed {
+    std::uint64_t fid;
+    rec_ptr rec;  ///< The same as under the FID, so that a listing need not search for each.
+  };
+  using CNfsListingTab = std::map<SListingKey, SListed, SListingLess>;
+  using places_t = std::map<SListingKey, std::uint64_t, SListingLess>;
   struct SMoved {
     SListingKey stored;
     bool hasLeftFolder = false;  ///< Its object did not follow it: a backend renames within one folder.
   };
-  using rec_ptr = boost::shared_ptr<CNfsItemRec>;
   /// A new item with what had to be asked of it before the lock was taken.
   struct SPrepared {
     const std::string& name;
@@ -197,7 +202,7 @@ class CFsItemsTab {
   void DeleteChildren(std::uint64_t fid, const GUID* mountUid, changes_t& removed);
   void DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t& removed);
   /// Also gives the entry the new spelling.
-  void PutListing(std::uint64_t parentFid, const std::string& name, std::uint64_t fid);
+  void PutListing(std::uint64_t fid, const rec_ptr& rec);
   void EraseListing(const CNfsItemRec& rec, std::uint64_t fid);
   void RemoveAndLogShare(const GUID& uid);
   void DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid);
@@ -216,7 +221,7 @@ class CFsItemsTab {
   CNfsListingSlots slots_;
   // Stored places of items that were moved away from them: place to FID, FID to place. No other item stands at one of
   // these places.
-  CNfsListingTab movedFrom_;
+  places_t movedFrom_;
   std::map<std::uint64_t, SMoved> movedItems_;
 
   const boost::shared_ptr<CRegConfigUpdateSink> updateSink_;

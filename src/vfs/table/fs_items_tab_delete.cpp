@@ -42,7 +42,7 @@ void CFsItemsTab::DeleteChildren(std::uint64_t fid, const GUID* mountUid, change
   std::vector<SStep> steps;
   const auto open = [&](std::uint64_t folderFid) {
     for (auto child = FirstChild(folderFid); child != listing_.end() && child->first.parentFid == folderFid; ++child) {
-      steps.push_back({child->second, false});
+      steps.push_back({child->second.fid, false});
     }
   };
   open(fid);
@@ -76,7 +76,7 @@ void CFsItemsTab::DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t
 
 void CFsItemsTab::EraseListing(const CNfsItemRec& rec, std::uint64_t fid) {
   const auto entry = listing_.find(SListingKeyView{rec.parentFid, rec.name});
-  if (entry != listing_.end() && entry->second == fid)
+  if (entry != listing_.end() && entry->second.fid == fid)
     listing_.erase(entry);
 }
 

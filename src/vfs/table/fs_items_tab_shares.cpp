@@ -220,18 +220,18 @@ void CFsItemsTab::ResetDirPlusCache(std::uint64_t fid, std::uint32_t client) {
   slots_.Reset({fid, client});
 }
 
-void CFsItemsTab::ListChildren(std::uint64_t parentFid, CNfsNameMap& children) const {
+void CFsItemsTab::ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& children) const {
   const lock_t lock(mutex_);
   for (auto child = FirstChild(parentFid); child != listing_.end() && child->first.parentFid == parentFid; ++child) {
-    children.emplace_hint(children.end(), child->first.name, child->second);
+    children.push_back({child->first.name, child->second.fid, child->second.rec->Item()});
   }
 }
 
 void CFsItemsTab::ListChildrenForMount(std::uint64_t parentFid, const GUID& mountUid, CNfsNameMap& children) const {
   const lock_t lock(mutex_);
   for (auto child = FirstChild(parentFid); child != listing_.end() && child->first.parentFid == parentFid; ++child) {
-    if (GetItemForMount(child->second, mountUid)) {
-      children.emplace_hint(children.end(), child->first.name, child->second);
+    if (child->second.rec->ItemForMount(mountUid)) {
+      children.emplace_hint(children.end(), child->first.name, child->second.fid);
     }
   }
 }

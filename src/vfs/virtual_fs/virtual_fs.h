@@ -9,6 +9,7 @@
 #include <exception>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "platform/guid.h"
 #include "vfs/items/fs_item.h"
@@ -17,12 +18,12 @@
 class CCompletionEventsAllocator;
 class CFsItemsTab;
 class CFsProcInvoker;
-class CNfsFolderDirPlusCache;
 class CNfsLogFilter;
 class CRegConfig;
 class CRegConfigUpdateSink;
 class IFsProcCompletionCallback;
 struct CNfsShareCfg;
+struct SNfsChild;
 struct SRegConfigData;
 
 struct nfs_fh3;
@@ -141,9 +142,8 @@ class CVirtualFs {
   std::uint64_t MakeSubfolder(IFsFolder& folder, std::uint64_t parentFid, const std::string& name,
                               const std::string& allowedHostAddr);
   void RenameEntry(const RENAME3args& args, const sockaddr_in& client, std::uint64_t fromDir, std::uint64_t toDir);
-  boost::shared_ptr<CNfsFolderDirPlusCache> RefreshDirListing(std::uint64_t folderFid);
-  boost::shared_ptr<CNfsFolderDirPlusCache> FilterListing(const CNfsFolderDirPlusCache& listing,
-                                                          const sockaddr_in& client);
+  /// The children in the order of their names, as backends and table have them from here on.
+  std::vector<SNfsChild> RefreshDirListing(std::uint64_t folderFid);
   void LogReadFailure(std::uint64_t fid, std::uint64_t offset, const std::exception& failure) noexcept;
   void LogWriteFailure(std::uint64_t fid, std::uint64_t offset, const std::exception& failure) noexcept;
 

@@ -1,5 +1,8 @@
 // Listing folders.
+#include <bit>
 #include <boost/make_shared.hpp>
+#include <cstring>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -13,18 +16,64 @@ namespace {
 /// Items that are opened before they are added together: bounds what a large folder holds in the air.
 constexpr std::size_t MaxNewItems = 4096;
 
-/// Collects what the backends list.
+/// Finds names without regard to case among those of a vector, which stays as it is meanwhile.
+class CNameIndex {
+ public:
+  explicit CNameIndex(const std::vector<SNfsChild>& children)
+      : children_(children), places_(std::bit_ceil(2 * children.size() + 1), Free) {
+    for (std::size_t i = 0; i < children_.size(); ++i) {
+      std::size_t place = FirstPlace(children_[i].name);
+      while (places_[place] != Free)
+        place = Next(place);
+      places_[place] = i;
+    }
+  }
+
+  /// The index, or None.
+  std::size_t Find(std::string_view name) const {
+    for (std::size_t place = FirstPlace(name); places_[place] != Free; place = Next(place)) {
+      if (platform::EqualIgnoringCase(children_[places_[place]].name, name))
+        return places_[place];
+    }
+    return None;
+  }
+
+  static constexpr std::size_t None = ~std::size_t{0};
+
+ private:
+  static constexpr std::size_t Free = None;
+
+  std::size_t FirstPlace(std::string_view name) const {
+    // Clients choose names; that they cannot choose such as meet is the seed's work.
+    static const std::uint64_t Seed = [] {
+      const GUID random = platform::NewGuid();
+      std::uint64_t seed = 0;
+      std::memcpy(&seed, random.bytes.data(), sizeof seed);
+      return seed;
+    }();
+    return platform::HashIgnoringCase(name, Seed) & (places_.size() - 1);
+  }
+  std::size_t Next(std::size_t place) const { return (place + 1) & (places_.size() - 1); }
+
+  const std::vector<SNfsChild>& children_;
+  std::vector<std::size_t> places_;
+};
+
+/// Collects what the backends list. What is known already, which is nearly all, is neither copied nor sorted.
 class CListing {
  public:
-  CListing(CFsItemsTab& itemsTab, std::uint64_t folderFid) : itemsTab_(itemsTab), folderFid_(folderFid) {
-    itemsTab_.ListChildren(folderFid_, known_);
-  }
+  CListing(CFsItemsTab& itemsTab, std::uint64_t folderFid)
+      : itemsTab_(itemsTab),
+        folderFid_(folderFid),
+        known_(ListKnown(itemsTab, folderFid)),
+        isListed_(known_.size()),
+        index_(known_) {}
 
   void AddBackend(IFsFolder& folder) {
     SFsEnumeration enumeration;
     folder.Enumerate(enumeration);
     if (enumeration.unavailable) {
-      itemsTab_.ListChildrenForMount(folderFid_, enumeration.mountUid, actual_);
+      AddChildrenOf(enumeration.mountUid);
       return;
     }
     for (std::string& name : enumeration.names)
@@ -34,26 +83,61 @@ class CListing {
 
   /// What the table knows and no backend has.
   void RemoveGone() {
-    for (const auto& [name, fid] : known_) {
-      if (!actual_.contains(name))
-        itemsTab_.RemoveChildIf(folderFid_, name, fid);
+    for (std::size_t i = 0; i < known_.size(); ++i) {
+      if (!isListed_[i])
+        itemsTab_.RemoveChildIf(folderFid_, known_[i].name, known_[i].fid);
     }
   }
 
-  const CNfsNameMap& Actual() const { return actual_; }
+  /// All that was listed, in the order of the names. Ends the collection.
+  std::vector<SNfsChild> TakeChildren() {
+    std::vector<SNfsChild> children;
+    children.reserve(known_.size() + found_.size());
+    auto found = found_.begin();
+    for (std::size_t i = 0; i < known_.size(); ++i) {
+      if (!isListed_[i])
+        continue;
+      for (; found != found_.end() && platform::CompareIgnoringCase(found->first, known_[i].name) < 0; ++found)
+        children.push_back(std::move(found->second));
+      children.push_back(std::move(known_[i]));
+    }
+    for (; found != found_.end(); ++found)
+      children.push_back(std::move(found->second));
+    return children;
+  }
 
  private:
+  static std::vector<SNfsChild> ListKnown(const CFsItemsTab& itemsTab, std::uint64_t folderFid) {
+    std::vector<SNfsChild> children;
+    itemsTab.ListChildren(folderFid, children);
+    return children;
+  }
+
   void AddName(IFsFolder& folder, std::string name) {
-    if (actual_.contains(name))
-      return;
-    if (const auto known = known_.find(name); known != known_.end()) {
-      actual_.emplace(std::move(name), known->second);
+    if (const std::size_t known = index_.Find(name); known != CNameIndex::None) {
+      if (!isListed_[known] && known_[known].name != name)
+        known_[known].name = std::move(name);
+      isListed_[known] = true;
       return;
     }
+    if (found_.contains(name))
+      return;
     if (auto item = Open(folder, name)) {
-      newItems_.push_back({std::move(name), std::move(item)});
+      newItems_.push_back({std::move(name), InvalidFid, std::move(item)});
       if (newItems_.size() == MaxNewItems)
         AddNewItems();
+    }
+  }
+
+  void AddChildrenOf(const GUID& mountUid) {
+    CNfsNameMap children;
+    itemsTab_.ListChildrenForMount(folderFid_, mountUid, children);
+    for (const auto& [name, fid] : children) {
+      if (const std::size_t known = index_.Find(name); known != CNameIndex::None) {
+        isListed_[known] = true;
+      } else if (auto item = itemsTab_.GetItem(fid)) {
+        found_.try_emplace(name, SNfsChild{name, fid, std::move(item)});
+      }
     }
   }
 
@@ -69,21 +153,37 @@ class CListing {
 
   void AddNewItems() {
     itemsTab_.AddItems(folderFid_, newItems_);
-    for (SNfsNewItem& item : newItems_)
-      actual_.emplace(std::move(item.name), item.fid);
+    for (SNfsChild& item : newItems_)
+      found_.try_emplace(item.name, std::move(item));
     newItems_.clear();
   }
 
   CFsItemsTab& itemsTab_;
   const std::uint64_t folderFid_;
-  CNfsNameMap known_;
-  CNfsNameMap actual_;
-  std::vector<SNfsNewItem> newItems_;
+  std::vector<SNfsChild> known_;
+  std::vector<bool> isListed_;
+  const CNameIndex index_;
+  std::map<std::string, SNfsChild, platform::less_ignoring_case_t> found_;
+  std::vector<SNfsChild> newItems_;
 };
+
+boost::shared_ptr<CNfsFolderDirPlusCache> FilterListing(std::vector<SNfsChild> children, const sockaddr_in& client) {
+  std::vector<CNfsFolderDirPlusCache::SEntry> allowed;
+  allowed.reserve(children.size());
+  std::size_t hidden = 0;
+  for (SNfsChild& child : children) {
+    if (child.item->IsAddressAllowed(client)) {
+      allowed.push_back({std::move(child.name), child.fid});
+    } else {
+      ++hidden;
+    }
+  }
+  return boost::make_shared<CNfsFolderDirPlusCache>(std::move(allowed), hidden);
+}
 
 }  // namespace
 
-boost::shared_ptr<CNfsFolderDirPlusCache> CVirtualFs::RefreshDirListing(std::uint64_t folderFid) {
+std::vector<SNfsChild> CVirtualFs::RefreshDirListing(std::uint64_t folderFid) {
   try {
     const std::uint64_t renamesEnded = renamesEnded_;
     CListing listing(*itemsTab_, folderFid);
@@ -95,34 +195,10 @@ boost::shared_ptr<CNfsFolderDirPlusCache> CVirtualFs::RefreshDirListing(std::uin
     // really gone goes with the next listing.
     if (renamesBegun_ == renamesEnded)
       listing.RemoveGone();
-    return boost::make_shared<CNfsFolderDirPlusCache>(listing.Actual());
+    return listing.TakeChildren();
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to enumerate directory items.", failure);
   }
-}
-
-boost::shared_ptr<CNfsFolderDirPlusCache> CVirtualFs::FilterListing(const CNfsFolderDirPlusCache& listing,
-                                                                    const sockaddr_in& client) {
-  const auto& entries = listing.GetEntries();
-  std::vector<std::uint64_t> fids;
-  fids.reserve(entries.size());
-  for (const auto& entry : entries)
-    fids.push_back(entry.fid);
-  const auto items = itemsTab_->GetItems(fids);
-
-  std::vector<CNfsFolderDirPlusCache::SEntry> allowed;
-  allowed.reserve(entries.size());
-  std::size_t hidden = 0;
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    if (!items[i])
-      continue;  // Removed since it was listed.
-    if (items[i]->IsAddressAllowed(client)) {
-      allowed.push_back(entries[i]);
-    } else {
-      ++hidden;
-    }
-  }
-  return boost::make_shared<CNfsFolderDirPlusCache>(std::move(allowed), hidden);
 }
 
 void CVirtualFs::ReadDirPlus(const READDIRPLUS3args& args, const sockaddr_in& client,
@@ -142,7 +218,7 @@ void CVirtualFs::ReadDirPlus(const READDIRPLUS3args& args, const sockaddr_in& cl
           listing = itemsTab_->GetDirPlusCache(fid, clientKey);
         const bool isNew = !listing;
         if (isNew)
-          listing = FilterListing(*RefreshDirListing(fid), client);
+          listing = FilterListing(RefreshDirListing(fid), client);
 
         const auto page = listing->TakePage(args.cookie);
         result.entries.clear();

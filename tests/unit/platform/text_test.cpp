@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 
 namespace {
 
@@ -34,6 +35,35 @@ TEST(Text, ComparisonIgnoresAsciiCaseAlone) {
   EXPECT_LT(CompareIgnoringCase("ab", "ABC"), 0);
   EXPECT_GT(CompareIgnoringCase("B", "a"), 0);
   EXPECT_GT(CompareIgnoringCase("\xC3", "z"), 0);
+}
+
+TEST(Text, EveryByteComparesAlikeAnywhereInAText) {
+  const auto sign = [](int value) { return (value > 0) - (value < 0); };
+  for (int left = 0; left < 256; ++left) {
+    for (int right = 0; right < 256; ++right) {
+      const std::string a(1, static_cast<char>(left));
+      const std::string b(1, static_cast<char>(right));
+      const int expected = sign(static_cast<unsigned char>(platform::FoldAscii(a[0])) -
+                                static_cast<unsigned char>(platform::FoldAscii(b[0])));
+      for (const std::string& before : {std::string(), std::string("aB\xC3"), std::string("abcdefghIJ")}) {
+        ASSERT_EQ(sign(CompareIgnoringCase(before + a + "tail of it", before + b + "TAIL of it")), expected)
+            << left << ' ' << right << ' ' << before;
+      }
+    }
+  }
+  EXPECT_LT(CompareIgnoringCase("0123456789abcdeA", "0123456789ABCDEaX"), 0);
+  EXPECT_LT(CompareIgnoringCase("01234567a1234567", "01234567B0000000"), 0);
+}
+
+TEST(Text, AHashIgnoresCaseAndDependsOnTheSeed) {
+  using platform::HashIgnoringCase;
+  EXPECT_EQ(HashIgnoringCase("A File Of The Listing", 1), HashIgnoringCase("a fILE oF tHE lISTING", 1));
+  EXPECT_NE(HashIgnoringCase("A File Of The Listing", 1), HashIgnoringCase("A File Of The Listing", 2));
+  std::set<std::uint64_t> hashes;
+  for (int i = 0; i < 10000; ++i)
+    hashes.insert(HashIgnoringCase("file" + std::to_string(i), 7) & 0xFFFFFF);
+  EXPECT_GT(hashes.size(), 9900U) << "the low bits spread";
+  EXPECT_NE(HashIgnoringCase("", 7), HashIgnoringCase(std::string_view("\0", 1), 7));
 }
 
 TEST(Text, AMapMayIgnoreCase) {

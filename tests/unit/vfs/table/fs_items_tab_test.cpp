@@ -90,16 +90,26 @@ TEST_F(FsItemsTab, FidsAreUniqueAndNeverInvalid) {
 }
 
 TEST_F(FsItemsTab, ManyItemsComeInWithFewTransactions) {
-  std::vector<SNfsNewItem> items;
+  std::vector<SNfsChild> items;
   for (int i = 0; i < 1000; ++i) {
     const std::string name = "f" + std::to_string(i);
-    items.push_back({name, MakeFile(name)});
+    items.push_back({name, InvalidFid, MakeFile(name)});
   }
   table.AddItems(root, items);
   for (const auto& item : items)
     EXPECT_EQ(table.LookupChild(root, item.name), item.fid);
   EXPECT_EQ(sink->records.size(), 1001U);
   EXPECT_LE(sink->batches, 10);
+}
+
+TEST_F(FsItemsTab, ItemsThatCameInMeanwhileAreThoseOfTheTable) {
+  const auto older = MakeFile("disk");
+  const auto fid = table.AddItem(root, "disk", older);
+  std::vector<SNfsChild> items{{"DISK", InvalidFid, MakeFile("disk")}, {"new", InvalidFid, MakeFile("new")}};
+  table.AddItems(root, items);
+  EXPECT_EQ(items[0].fid, fid);
+  EXPECT_EQ(items[0].item, older);
+  EXPECT_EQ(items[1].item, table.GetItem(items[1].fid));
 }
 
 TEST_F(FsItemsTab, AWriteThatFailsLeavesTheItemInTheTable) {

@@ -93,8 +93,11 @@ class TableFixture : public ::testing::Test {
     return boost::make_shared<CFakeFile>(backend, backend->Put(path, false), path);
   }
   CNfsNameMap Children(std::uint64_t fid) {
+    std::vector<SNfsChild> list;
+    table.ListChildren(fid, list);
     CNfsNameMap children;
-    table.ListChildren(fid, children);
+    for (const SNfsChild& child : list)
+      children.emplace(child.name, child.fid);
     return children;
   }
 
