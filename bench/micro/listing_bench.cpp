@@ -110,6 +110,6 @@ void ListNewFolder(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(ListNewFolder)->Arg(10000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(ListNewFolder)->Arg(30000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace

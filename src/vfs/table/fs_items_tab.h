@@ -128,7 +128,7 @@ class CFsItemsTab {
                        const boost::shared_ptr<CNfsFolderDirPlusCache>& listing);
   /// Throws 2 for an unknown FID, and for a file.
   void ResetDirPlusCache(std::uint64_t fid, std::uint32_t client);
-  /// In the order of the names.
+  /// In the order of the names. The lock is given up between some thousands of them.
   void ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& children) const;
   void ListChildrenForMount(std::uint64_t parentFid, const GUID& mountUid, CNfsNameMap& children) const;
   void ListChildFidsForMount(std::uint64_t parentFid, const GUID& mountUid, std::set<std::uint64_t>& fids) const;

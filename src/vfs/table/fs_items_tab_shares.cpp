@@ -221,9 +221,19 @@ void CFsItemsTab::ResetDirPlusCache(std::uint64_t fid, std::uint32_t client) {
 }
 
 void CFsItemsTab::ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& children) const {
-  const lock_t lock(mutex_);
-  for (auto child = FirstChild(parentFid); child != listing_.end() && child->first.parentFid == parentFid; ++child) {
-    children.push_back({child->first.name, child->second.fid, child->second.rec->Item()});
+  // As in AddItems: nobody is to notice the lock, however large the folder is.
+  constexpr std::size_t MaxStep = 4096;
+
+  children.clear();
+  for (bool isMore = true; isMore;) {
+    const std::size_t end = children.size() + MaxStep;
+    const lock_t lock(mutex_);
+    auto child = children.empty() ? FirstChild(parentFid)
+                                  : listing_.upper_bound(SListingKeyView{parentFid, children.back().name});
+    const auto isChild = [&] { return child != listing_.end() && child->first.parentFid == parentFid; };
+    for (; isChild() && children.size() < end; ++child)
+      children.push_back({child->first.name, child->second.fid, child->second.rec->Item()});
+    isMore = isChild();
   }
 }
 

@@ -112,6 +112,26 @@ TEST_F(FsItemsTab, ItemsThatCameInMeanwhileAreThoseOfTheTable) {
   EXPECT_EQ(items[1].item, table.GetItem(items[1].fid));
 }
 
+TEST_F(FsItemsTab, AllChildrenOfALargeFolderAreListedInOrder) {
+  const auto folder = table.AddItem(root, "folder", MakeFolder("folder"));
+  table.AddItem(root, "g", MakeFile("g"));
+  const auto item = MakeFile("folder/x");
+  for (const int count : {4096, 4097, 10000}) {
+    std::vector<SNfsChild> items;
+    for (int i = 0; i < count; ++i)
+      items.push_back({(i % 2 == 0 ? "f" : "F") + std::to_string(i), InvalidFid, item});
+    table.AddItems(folder, items);
+    std::vector<SNfsChild> children{{"left over", 1, item}};
+    table.ListChildren(folder, children);
+    ASSERT_EQ(children.size(), static_cast<std::size_t>(count));
+    for (std::size_t i = 0; i < children.size(); ++i) {
+      ASSERT_EQ(children[i].fid, table.LookupChild(folder, children[i].name));
+      ASSERT_EQ(children[i].item, item);
+      ASSERT_TRUE(i == 0 || platform::CompareIgnoringCase(children[i - 1].name, children[i].name) < 0);
+    }
+  }
+}
+
 TEST_F(FsItemsTab, AWriteThatFailsLeavesTheItemInTheTable) {
   sink->isBroken = true;
   EXPECT_THROW(table.AddItem(root, "disk", MakeFile("disk")), exc::win_sys_exc_t);

@@ -158,6 +158,21 @@ TEST_F(Listing, WhatHasGoneLeavesTheTable) {
   EXPECT_FALSE(IsStored(fid));
 }
 
+TEST_F(Listing, WhatIsNewStandsInItsPlaceAmongWhatIsKnown) {
+  const auto b = MakeFile(root, "b");
+  MakeFile(root, "d");
+  const auto f = MakeFile(root, "f");
+  for (const char* name : {"g", "C", "a", "e"})
+    PutLocal(name);
+  std::filesystem::remove(local / "d");
+  std::filesystem::rename(local / "b", local / "B");
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(List(root), (std::vector<std::string>{"a", "B", "C", "e", "f", "g"}));
+    EXPECT_EQ(Find(root, "b"), b);
+    EXPECT_EQ(Find(root, "f"), f);
+  }
+}
+
 TEST_F(Listing, ALinkThatLeadsOutDoesNotHideTheOthers) {
   PutLocal("disk");
   PutLocal("../secret/file");
