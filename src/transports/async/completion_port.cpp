@@ -24,6 +24,7 @@ constexpr std::uint64_t TimerKey = std::numeric_limits<std::uint64_t>::max();
 /// Completions handed out between two looks at the descriptors: none waits long behind one that is always ready.
 constexpr std::size_t TurnBudget = 64;
 constexpr std::size_t EventsPerWait = 64;
+constexpr std::uint32_t ReadEvents = EPOLLIN | EPOLLRDHUP | EPOLLET;
 
 std::string InHexadecimal(const void* token) {
   std::array<char, 32> text{};
@@ -99,11 +100,19 @@ void completion_port_t::Associate(win::CIoObject& object) {
     objects_.emplace(object.portKey_, &object);
   }
   epoll_event event{};
-  event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+  event.events = ReadEvents;
   event.data.u64 = object.portKey_;
   if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, object.GetHandle(), &event) != 0) {
     throw exc::win_sys_exc_t("Socket association with completion port failed", platform::LastError());
   }
+}
+
+void completion_port_t::WatchForRoom(const win::CIoObject& object, bool on) noexcept {
+  epoll_event event{};
+  event.events = on ? ReadEvents | EPOLLOUT : ReadEvents;
+  event.data.u64 = object.portKey_;
+  // Changes an entry that is there, for which nothing is needed that could be lacking.
+  ::epoll_ctl(epoll_, EPOLL_CTL_MOD, object.GetHandle(), &event);
 }
 
 void completion_port_t::Forget(win::CIoObject& object) noexcept {

@@ -19,7 +19,8 @@
 namespace synch {
 
 /// Readiness turned into completions. A descriptor is registered once, edge-triggered; operations are tried at once and
-/// wait here only when they would block. Run is called by one thread, the completion thread; the rest by any.
+/// wait here only when they would block. Room to write is watched only while a write waits for it: a peer that takes
+/// large replies makes room all the time. Run is called by one thread, the completion thread; the rest by any.
 class completion_port_t : public boost::enable_shared_from_this<completion_port_t> {
  public:
   /// How long an operation rests that found the process out of descriptors or memory.
@@ -71,6 +72,8 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   void TakePosted();
   void TakeDelayedLocked();
   void SetTimerLocked() noexcept;
+  /// Whether to tell when the descriptor can be written to. Told at once when it can be already.
+  void WatchForRoom(const win::CIoObject& object, bool on) noexcept;
   bool Watch(int handle, std::uint64_t key) const noexcept;
   void CloseHandles() const noexcept;
   void RetryResting();

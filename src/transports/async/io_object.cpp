@@ -51,7 +51,8 @@ void CIoObject::CompleteIn(std::chrono::milliseconds delay, const boost::intrusi
 platform::error_t CIoObject::TryUntilPending(boost::intrusive_ptr<CIoEventHandler> handler, bool tryFirst,
                                              bool isRetry) {
   const void* const token = handler->Token();
-  SSide& side = Side(handler->Direction());
+  const io_direction_t direction = handler->Direction();
+  SSide& side = Side(direction);
   for (bool attempt = tryFirst;; attempt = true) {
     SIoResult result;
     if (attempt && !side.cancelled) {
@@ -82,6 +83,10 @@ platform::error_t CIoObject::TryUntilPending(boost::intrusive_ptr<CIoEventHandle
     // Whoever was just told "would block" may wait: what came since has left its mark in ready.
     if (!side.ready && !(side.hungUp && !attempt)) {
       side.pending = std::move(handler);
+      if (direction == io_direction_t::Write) {
+        // Under the lock, so that the port hears of the wait before it can hear of its end.
+        port_->WatchForRoom(*this, true);
+      }
       return platform::error::Success;
     }
     side.ready = false;
@@ -99,6 +104,9 @@ void CIoObject::OnReady(io_direction_t direction, bool hungUp) {
       return;
     }
     handler = std::move(side.pending);
+  }
+  if (direction == io_direction_t::Write) {
+    port_->WatchForRoom(*this, false);
   }
   TryUntilPending(std::move(handler), true, true);
 }
