@@ -45,13 +45,13 @@ class CNameIndex {
 
   std::size_t FirstPlace(std::string_view name) const {
     // Clients choose names; that they cannot choose such as meet is the seed's work.
-    static const std::uint64_t Seed = [] {
+    static const std::uint64_t seed = [] {
       const GUID random = platform::NewGuid();
       std::uint64_t seed = 0;
       std::memcpy(&seed, random.bytes.data(), sizeof seed);
       return seed;
     }();
-    return platform::HashIgnoringCase(name, Seed) & (places_.size() - 1);
+    return platform::HashIgnoringCase(name, seed) & (places_.size() - 1);
   }
   std::size_t Next(std::size_t place) const { return (place + 1) & (places_.size() - 1); }
 
