@@ -47,9 +47,9 @@ class CNameIndex {
     // Clients choose names; that they cannot choose such as meet is the seed's work.
     static const std::uint64_t seed = [] {
       const GUID random = platform::NewGuid();
-      std::uint64_t seed = 0;
-      std::memcpy(&seed, random.bytes.data(), sizeof seed);
-      return seed;
+      std::uint64_t value = 0;
+      std::memcpy(&value, random.bytes.data(), sizeof value);
+      return value;
     }();
     return platform::HashIgnoringCase(name, seed) & (places_.size() - 1);
   }
