@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "management/dcerpc/rpc_interface.h"
@@ -192,8 +193,7 @@ SResponse DecodeResponse(const SPdu& pdu);
 SFault DecodeFault(const SPdu& pdu);
 
 /// Encoders of whole PDUs, little-endian whatever header.order says. `type` tells the two kinds apart that share a
-/// body; a token without bytes is left out. Each throws
-/// runtime_exc_t for what one PDU cannot hold.
+/// body; a token without bytes is left out. Each throws runtime_exc_t for what one PDU cannot hold.
 bytes_t EncodeBind(SPduHeader header, const SBind& bind, const std::optional<SToken>& token);
 bytes_t EncodeBindAck(SPduHeader header, const SBindAck& ack, const std::optional<SToken>& token);
 bytes_t EncodeBindNak(SPduHeader header, const SBindNak& nak);

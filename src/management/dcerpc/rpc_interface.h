@@ -33,6 +33,10 @@ inline constexpr std::uint32_t SecurityPackage = 0x721;
 inline constexpr std::uint32_t OperationRange = 0x1c010002;
 inline constexpr std::uint32_t UnknownInterface = 0x1c010003;
 inline constexpr std::uint32_t ProtocolError = 0x1c01000b;
+inline constexpr std::uint32_t ServerTooBusy = 0x1c010014;
+inline constexpr std::uint32_t Unspecified = 0x1c000012;
+/// The request is larger than what the server puts together.
+inline constexpr std::uint32_t NoMemory = 0x1c00001b;
 }  // namespace fault
 
 /// Ends one call with a fault PDU of this status.
