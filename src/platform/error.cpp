@@ -161,6 +161,7 @@ constexpr text_t Texts[] = {
     {1236, "The connection was aborted by this machine."},
     {1306, "The registry file was written by a newer version."},
     {1627, "The handle does not refer to a file any more."},
+    {1705, "The text is not a UUID."},
     {1784, "The buffer is not valid for the operation."},
     {1921, "The name contains too many symbolic links."},
     {2250, "The connection does not exist."},
@@ -233,6 +234,11 @@ error_t SocketErrorFromErrno(int errnoValue) noexcept {
 }
 
 std::string ErrorText(error_t number) {
+  // An HRESULT that wraps a number of this kind means the same.
+  constexpr error_t WrappedMask = 0xFFFF0000;
+  constexpr error_t Wrapped = 0x80070000;
+  if ((number & WrappedMask) == Wrapped)
+    return ErrorText(number & ~WrappedMask);
   const auto* found =
       std::find_if(std::begin(Texts), std::end(Texts), [number](const text_t& row) { return row.number == number; });
   if (found != std::end(Texts))

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <fstream>
 #include <thread>
 
 namespace platform {
@@ -29,6 +30,14 @@ std::string ExecutablePath() {
   std::array<char, PATH_MAX> path{};
   const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
   return length < 0 ? std::string() : std::string(path.data(), static_cast<std::size_t>(length));
+}
+
+std::vector<std::string> ProcessArguments() {
+  std::vector<std::string> arguments;
+  std::ifstream file("/proc/self/cmdline", std::ios::binary);
+  for (std::string argument; std::getline(file, argument, '\0');)
+    arguments.push_back(argument);
+  return arguments;
 }
 
 std::uint32_t ProcessorCount() noexcept {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace platform {
 
@@ -17,6 +18,9 @@ void SetThreadName(std::string_view name) noexcept;
 
 /// The path of the running program; empty when the system does not tell it.
 std::string ExecutablePath();
+
+/// The arguments that the program was started with, its name first; empty when the system does not tell them.
+std::vector<std::string> ProcessArguments();
 
 /// The processors that the process may run on, at least 1.
 std::uint32_t ProcessorCount() noexcept;

@@ -37,6 +37,8 @@ class sqlite_registry_t::impl_t {
   error_t Begin() noexcept;
   error_t Commit() noexcept;
   void Rollback() noexcept;
+  /// FileNotFound, and no file, when there is none.
+  error_t OpenExisting();
 
   /// Runs `body(tables, path)` in a transaction that may write: one of its own, or the open one, which a failure
   /// other than "not found" makes fail.
@@ -105,6 +107,11 @@ void sqlite_registry_t::impl_t::Rollback() noexcept {
   if (error_ == error::Success)
     error_ = error::OperationAborted;
   Commit();
+}
+
+error_t sqlite_registry_t::impl_t::OpenExisting() {
+  const std::lock_guard lock(mutex_);
+  return Open(false);
 }
 
 template <typename Body>
@@ -204,8 +211,8 @@ error_t sqlite_registry_t::FindKey(std::string_view key) {
 }
 
 error_t sqlite_registry_t::DeleteKey(std::string_view key) {
-  // What is not there needs no writer, and no file.
-  const error_t found = FindKey(key);
+  // Where there is no file, nothing is to be deleted, and none is made for it.
+  const error_t found = impl_->OpenExisting();
   if (found != error::Success)
     return found;
   return impl_->Write(key, [](registry_tables_t& tables, const registry_path_t& path) {

@@ -169,12 +169,8 @@ error_t system_files_t::OpenExisting(const location_t& where, const file_request
   return failure;
 }
 
-error_t system_files_t::CreateNew(const location_t& where, const file_request_t& request,
+error_t system_files_t::CreateNew(const parent_t& parent, const file_request_t& request,
                                   boost::shared_ptr<file_t>& file) {
-  parent_t parent;
-  if (const error_t failure = parent.Open(where); failure != error::Success) {
-    return failure;
-  }
   const int access = request.access == file_access_t::ReadWrite ? O_RDWR : O_RDONLY;
   const folder_names_t::change_t change = names_.BeginChange(parent.Folder());
   descriptor_t opened(-1);
@@ -201,13 +197,20 @@ error_t system_files_t::Open(const location_t& where, const file_request_t& requ
     return OpenExisting(where, request, file);
   }
   for (int attempt = 0; attempt < MaxCreateAttempts; ++attempt) {
-    const error_t existing = OpenExisting(where, request, file);
-    if (!IsAbsent(existing)) {
-      return existing;
+    parent_t parent;
+    host_status_t status;
+    std::string spelling;
+    error_t failure = parent.Open(where);
+    if (failure != error::Success) {
+      return failure;
     }
-    const error_t created = CreateNew(where, request, file);
-    if (created != error::AlreadyExists) {
-      return created;
+    if (IsAbsent(FindEntryIn(parent, status, spelling))) {
+      failure = CreateNew(parent, request, file);
+      if (failure != error::AlreadyExists) {
+        return failure;
+      }
+    } else if (failure = OpenExisting(where, request, file); !IsAbsent(failure)) {
+      return failure;
     }
   }
   return error::AccessDenied;  // A link that leads nowhere has the name.

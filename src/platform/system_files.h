@@ -36,7 +36,7 @@ class system_files_t : public files_t {
   error_t ReadFound(const location_t& where, host_status_t& status);
   error_t FindEntryIn(const parent_t& parent, host_status_t& status, std::string& spelling);
   error_t OpenExisting(const location_t& where, const file_request_t& request, boost::shared_ptr<file_t>& file);
-  error_t CreateNew(const location_t& where, const file_request_t& request, boost::shared_ptr<file_t>& file);
+  error_t CreateNew(const parent_t& parent, const file_request_t& request, boost::shared_ptr<file_t>& file);
   error_t Unlink(const location_t& where, int flags);
   error_t MoveEntry(const entry_t& from, const entry_t& to);
 
