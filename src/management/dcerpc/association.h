@@ -1,6 +1,7 @@
 // The server's side of one association.
 #pragma once
 
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -23,6 +24,11 @@ namespace dcerpc {
 /// UTF-16; a larger request gets the fault NoMemory.
 inline constexpr std::size_t MaxRequestStub = std::size_t{256} << 20;
 
+/// The most of all such stubs at once, bytes: those of callers who proved who they are, and those of all others, who
+/// cannot take anything away from the former.
+inline constexpr std::size_t KnownCallersBudget = std::size_t{1} << 30;
+inline constexpr std::size_t UnknownCallersBudget = std::size_t{64} << 20;
+
 /// What the associations of a listener have in common. Constant once the first of them was made.
 struct SAssociationSettings {
   std::vector<boost::shared_ptr<IRpcInterface>> interfaces;
@@ -31,7 +37,8 @@ struct SAssociationSettings {
   /// The port or path that bind_ack tells.
   std::string secondaryAddress;
   std::size_t maxRequestStub = MaxRequestStub;
-  boost::shared_ptr<CStubBudget> budget = boost::shared_ptr<CStubBudget>(new CStubBudget);
+  boost::shared_ptr<CStubBudget> knownBudget = boost::make_shared<CStubBudget>(KnownCallersBudget);
+  boost::shared_ptr<CStubBudget> unknownBudget = boost::make_shared<CStubBudget>(UnknownCallersBudget);
 };
 
 /// The state of one connection, without the connection: takes PDUs, runs the calls in them one after the other, and

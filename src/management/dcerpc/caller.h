@@ -15,8 +15,10 @@ struct SCaller {
   std::string account;
   /// The name that the peer proved, as the mechanism spells it; for messages alone.
   std::string principal;
-  /// Where the call came from, "10.1.2.3:50123" or "unix:1234" with the peer's process; for messages alone.
+  /// Where the call came from, "10.1.2.3:50123" or "unix:1234" with the peer's process; for messages, and for
+  /// telling callers of the local socket by its "unix:".
   std::string origin;
+  /// Privacy on a Unix socket: nobody stands between its ends.
   auth_level_t level = auth_level_t::None;
   /// A peer that proved an identity: an established security context, or the credentials of a Unix socket.
   bool authenticated = false;

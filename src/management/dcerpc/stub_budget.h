@@ -11,9 +11,7 @@ namespace dcerpc {
 /// The bytes that all connections together may hold of requests that have not come to their end. Any thread.
 class CStubBudget {
  public:
-  static constexpr std::size_t DefaultBytes = std::size_t{1} << 30;
-
-  explicit CStubBudget(std::size_t bytes = DefaultBytes) : left_(bytes) {}
+  explicit CStubBudget(std::size_t bytes) : left_(bytes) {}
   CStubBudget(const CStubBudget&) = delete;
   CStubBudget& operator=(const CStubBudget&) = delete;
 
