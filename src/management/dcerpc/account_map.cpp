@@ -1,6 +1,6 @@
 #include "management/dcerpc/account_map.h"
 
-#include <algorithm>
+#include <vector>
 
 #include "platform/text.h"
 
@@ -25,28 +25,8 @@ std::string CAccountMap::AccountOfLocalName(std::string_view name) const {
   // A zero byte would end the name early for the system's calls.
   if (name.empty() || name.find('\0') != std::string_view::npos)
     return {};
-  const std::optional<SAccount> account = accounts_->FindAccount(std::string(name));
-  return account ? account->name : std::string();
-}
-
-std::string CAccountMap::AccountOfUid(uid_t uid) const {
-  const std::optional<SAccount> account = accounts_->FindAccount(uid);
-  return account ? account->name : std::string();
-}
-
-bool CAccountMap::IsAdministrator(const std::string& account) const {
-  if (account.empty())
-    return false;
-  const std::optional<SAccount> known = accounts_->FindAccount(account);
-  if (!known)
-    return false;
-  if (known->uid == 0)
-    return true;
-  const std::optional<gid_t> administrators = accounts_->FindGroup(std::string(AdministratorsGroup));
-  if (!administrators)
-    return false;
-  const std::vector<gid_t> groups = accounts_->GroupsOf(*known);
-  return std::find(groups.begin(), groups.end(), *administrators) != groups.end();
+  std::string account(name);
+  return accounts_->HasAccount(account) ? account : std::string();
 }
 
 }  // namespace dcerpc

@@ -1,8 +1,11 @@
 // The little of the GSS-API that the contexts share: owners of its handles, its mechanisms, its errors.
 #pragma once
 
+// Some of the declarations lack the linkage of C.
+extern "C" {
 #include <gssapi/gssapi.h>
 #include <gssapi/gssapi_ext.h>
+}
 
 #include <string>
 #include <string_view>
