@@ -1,0 +1,35 @@
+#include "kelvo-nfsctl/report.h"
+
+#include <algorithm>
+
+namespace nfsctl {
+namespace {
+
+/// Characters, not bytes.
+std::size_t Width(const std::string& text) {
+  return static_cast<std::size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+}  // namespace
+
+std::string FormatTable(const std::vector<std::vector<std::string>>& rows) {
+  std::vector<std::size_t> widths;
+  for (const auto& row : rows) {
+    widths.resize(std::max(widths.size(), row.size()));
+    for (std::size_t i = 0; i < row.size(); ++i)
+      widths[i] = std::max(widths[i], Width(row[i]));
+  }
+  std::string text;
+  for (const auto& row : rows) {
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      text += row[i];
+      if (i + 1 < row.size())
+        text.append(widths[i] - Width(row[i]) + 2, ' ');
+    }
+    text += '\n';
+  }
+  return text;
+}
+
+}  // namespace nfsctl
