@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <exception>
 #include <mutex>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/guid.h"
@@ -19,11 +21,11 @@ class CCompletionEventsAllocator;
 class CFsItemsTab;
 class CFsProcInvoker;
 class CNfsLogFilter;
+class CNfsWholeListing;
 class CRegConfig;
 class CRegConfigUpdateSink;
 class IFsProcCompletionCallback;
 struct CNfsShareCfg;
-struct SNfsChild;
 struct SRegConfigData;
 
 struct nfs_fh3;
@@ -51,6 +53,9 @@ struct FSINFO3res;
 struct FSSTAT3res;
 struct WRITE3args;
 struct WRITE3res;
+
+/// Who keeps the service busy, and with what job: the machine of a backup mount, and an empty text.
+using service_lock_t = std::pair<std::string, std::string>;
 
 /// One served tree: the shares, their items, and what clients and administrators do with them.
 ///
@@ -111,6 +116,9 @@ class CVirtualFs {
   /// (L) The identity of the share that is mounted under the path. Throws when there is none.
   GUID GetShareId(const std::string& alias);
 
+  /// A lock for each backup mount that backs a folder of the tree, under the name of its machine, or its identity when
+  /// it is not stored.
+  std::set<service_lock_t> EnumLocks();
   /// Drops the catalogue entries that no item stands for.
   void ClearItemsCache();
   /// Refuses further changes to shares and folders until the process ends. NFS calls go on.
@@ -136,14 +144,15 @@ class CVirtualFs {
   void MountShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, std::uint64_t fid);
   void ClearStaleItems(const SRegConfigData& catalogue);
   void CheckNotLocked() const;
+  std::set<GUID> FindMounts() const;
 
   // Steps that several operations share. All throw unless told otherwise.
   std::uint64_t FindChild(std::uint64_t parentFid, const std::string& name);
   std::uint64_t MakeSubfolder(IFsFolder& folder, std::uint64_t parentFid, const std::string& name,
                               const std::string& allowedHostAddr);
   void RenameEntry(const RENAME3args& args, const sockaddr_in& client, std::uint64_t fromDir, std::uint64_t toDir);
-  /// The children in the order of their names, as backends and table have them from here on.
-  std::vector<SNfsChild> RefreshDirListing(std::uint64_t folderFid);
+  /// The children as backends and table have them from here on.
+  boost::shared_ptr<CNfsWholeListing> RefreshDirListing(std::uint64_t folderFid);
   void LogReadFailure(std::uint64_t fid, std::uint64_t offset, const std::exception& failure) noexcept;
   void LogWriteFailure(std::uint64_t fid, std::uint64_t offset, const std::exception& failure) noexcept;
 

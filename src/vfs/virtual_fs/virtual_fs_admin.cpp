@@ -1,6 +1,7 @@
 // Shares and folders, as administrators manage them.
 #include <boost/make_shared.hpp>
 #include <utility>
+#include <vector>
 
 #include "config/nfs_share_cfg.h"
 #include "config/reg_config.h"
@@ -120,4 +121,54 @@ nfs_fh3 CVirtualFs::GetShareHandle(const std::string& alias) {
 GUID CVirtualFs::GetShareId(const std::string& alias) {
   CheckNotLocked();
   return itemsTab_->GetShareIdByAlias(alias);
+}
+
+std::set<service_lock_t> CVirtualFs::EnumLocks() {
+  g_nfs_log.Info("Enumerating service locks.");
+  try {
+    std::set<service_lock_t> locks;
+    const std::set<GUID> mounts = FindMounts();
+    if (mounts.empty())
+      return locks;
+    SRegConfigData stored;
+    regConfig_->Load(stored);
+    for (const GUID& uid : mounts) {
+      const auto mount = stored.mounts.find(uid);
+      locks.emplace(mount == stored.mounts.end() ? platform::GuidToText(uid) : mount->second->vmName, std::string());
+    }
+    return locks;
+  } catch (const std::exception& failure) {
+    exc::ChainAndThrow("Failed to enumerate service locks.", failure);
+  }
+}
+
+std::set<GUID> CVirtualFs::FindMounts() const {
+  std::set<GUID> mounts;
+  std::set<GUID> shares;
+  itemsTab_->GetShareUids(shares);
+  std::vector<std::uint64_t> folders;
+  boost::shared_ptr<CNfsShareCfg> cfg;
+  for (const GUID& share : shares) {
+    std::uint64_t fid = InvalidFid;
+    if (itemsTab_->GetShareCfg(share, fid, cfg))
+      folders.push_back(fid);
+  }
+  std::vector<boost::shared_ptr<IFsFolder>> mirrors;
+  std::vector<SNfsChild> children;
+  while (!folders.empty()) {
+    const std::uint64_t folder = folders.back();
+    folders.pop_back();
+    itemsTab_->GetFolderMirrors(folder, mirrors);
+    for (const auto& mirror : mirrors) {
+      GUID uid;
+      if (mirror->GetMountUid(uid))
+        mounts.insert(uid);
+    }
+    itemsTab_->ListChildren(folder, children);
+    for (const SNfsChild& child : children) {
+      if (boost::dynamic_pointer_cast<IFsFolder>(child.item))
+        folders.push_back(child.fid);
+    }
+  }
+  return mounts;
 }

@@ -78,6 +78,11 @@ TEST(Error, EveryErrnoIsAFailureWithAText) {
   EXPECT_NE(ErrorFromErrno(1000000), 0U);
 }
 
+TEST(Error, AWrappedNumberHasItsText) {
+  EXPECT_EQ(ErrorText(0x80070005), ErrorText(5));
+  EXPECT_EQ(ErrorText(0x80070000), ErrorText(0));
+}
+
 TEST(Error, UnknownNumbersStillHaveAText) {
   EXPECT_EQ(ErrorText(4000000000), "Unknown error 4000000000");
   EXPECT_EQ(ErrorText(99999), "Unknown error 99999");

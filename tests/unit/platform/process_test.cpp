@@ -27,4 +27,10 @@ TEST(Process, KnowsItsProgramAndProcessors) {
   EXPECT_GE(platform::ProcessorCount(), 1U);
 }
 
+TEST(Process, KnowsItsArguments) {
+  const std::vector<std::string> arguments = platform::ProcessArguments();
+  ASSERT_FALSE(arguments.empty());
+  EXPECT_TRUE(arguments.front().ends_with("unit_platform"));
+}
+
 }  // namespace
