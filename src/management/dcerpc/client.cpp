@@ -20,7 +20,8 @@ constexpr std::uint32_t SecurityContextId = 1;
   std::string text;
   switch (status) {
     case fault::AccessDenied:
-      text = "The service denied access: it does not know the caller, or wants the connection better protected.";
+      text =
+          "The service denied access: the user or the password is wrong, or it demands a better protected connection.";
       break;
     case fault::BadStubData:
       text = "The service could not read the call.";
@@ -36,6 +37,12 @@ constexpr std::uint32_t SecurityContextId = 1;
       break;
     case fault::ProtocolError:
       text = "The service took the call for one against the protocol.";
+      break;
+    case fault::ServerTooBusy:
+      text = "The service has no room for the call now.";
+      break;
+    case fault::NoMemory:
+      text = "The call is larger than what the service takes.";
       break;
     default:
       text = "The service refused the call.";
