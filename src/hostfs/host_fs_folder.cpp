@@ -102,6 +102,10 @@ boost::shared_ptr<IAddressChecker> MakeChecker(const std::string& allowedHostAdd
   return CAddressCheckerFactory::Get()->CreateItemChecker(allowedHostAddr);
 }
 
+SFsFolderState AsItemState(const platform::folder_state_t& state) {
+  return {state.id.device, state.id.inode, state.changed.tv_sec, state.changed.tv_nsec};
+}
+
 CRegOptionsCache& RootFolderOption() {
   static CRegOptionsCache option;
   return option;
@@ -220,6 +224,16 @@ void CHostFsFolder::Enumerate(SFsEnumeration& enumeration) {
   }
   KeepUsableNames(node_->Path(), listing.names);
   enumeration.names = std::move(listing.names);
+  if (listing.state) {
+    enumeration.state = AsItemState(*listing.state);
+  }
+}
+
+std::optional<SFsFolderState> CHostFsFolder::GetState() {
+  platform::folder_state_t state;
+  const platform::error_t failure =
+      node_->AtLocation([&](const location_ptr_t& where) { return node_->Files().GetFolderState(*where, state); });
+  return failure == error::Success ? std::optional(AsItemState(state)) : std::nullopt;
 }
 
 boost::shared_ptr<IFsItem> CHostFsFolder::MakeItem(const boost::shared_ptr<CHostFsNode>& node, bool isFolder,

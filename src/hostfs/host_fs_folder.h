@@ -3,6 +3,7 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "hostfs/host_fs_node.h"
@@ -47,6 +48,7 @@ class CHostFsFolder : public IFsFolder {
   bool IsAddressAllowed(const sockaddr_in& address) override;
   std::string GetAllowedHostAddr() override;
   void Enumerate(SFsEnumeration& enumeration) override;
+  std::optional<SFsFolderState> GetState() override;
   boost::shared_ptr<IFsItem> CreateFile(const std::string& name, const std::string& allowedHostAddr) override;
   boost::shared_ptr<IFsItem> CreateSubfolder(const std::string& name, const std::string& allowedHostAddr) override;
   boost::shared_ptr<IFsItem> OpenChild(const std::string& name) override;

@@ -4,6 +4,8 @@
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -60,9 +62,22 @@ struct file_info_t {
   bool isLink = false;  ///< Only from FindEntry.
 };
 
+/// Changes whenever an entry of the folder is added, removed or renamed.
+struct folder_state_t {
+  file_id_t id;
+  timespec changed{};
+
+  bool operator==(const folder_state_t& other) const {
+    return id == other.id && changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
+  }
+};
+
 struct folder_listing_t {
   std::vector<std::string> names;   ///< In the folder's own order, without "." and "..".
   std::vector<std::string> hidden;  ///< Entries that differ from one in names only by case, and are not seen.
+  /// As long as the folder has this state it lists the same. None while its last change is so young that the next
+  /// one might bear the same time.
+  std::optional<folder_state_t> state;
 };
 
 struct disk_space_t {
@@ -99,6 +114,7 @@ class files_t {
   /// renamed itself.
   virtual error_t Rename(const location_t& from, const location_t& to) = 0;
   virtual error_t List(const location_t& where, folder_listing_t& listing) = 0;
+  virtual error_t GetFolderState(const location_t& where, folder_state_t& state) = 0;
   virtual error_t GetDiskSpace(const location_t& where, disk_space_t& space) = 0;
 
   /// Of any path of the host, as the administrator writes it; not confined. A name that exists is 183.

@@ -59,6 +59,10 @@ std::int64_t NanosecondsBetween(const timespec& from, const timespec& to) noexce
 
 }  // namespace
 
+bool IsSettled(const timespec& changed, const timespec& now) noexcept {
+  return NanosecondsBetween(changed, now) > (changed.tv_nsec == 0 ? CoarseTickNanoseconds : FineTickNanoseconds);
+}
+
 error_t ReadFolder(int folder, std::vector<std::string>& names) {
   // A descriptor of its own: the position is the open file's, and a path descriptor cannot be read.
   const descriptor_t opened(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -209,8 +213,7 @@ error_t folder_names_t::Find(int folder, std::string_view name, std::string& spe
   if (isThere) {
     spelling.clear();
   }
-  const std::int64_t tick = memory.modified.tv_nsec == 0 ? CoarseTickNanoseconds : FineTickNanoseconds;
-  memory.isSettled = NanosecondsBetween(memory.modified, start) > tick;
+  memory.isSettled = IsSettled(memory.modified, start);
   const auto now = clocks_.elapsed();
   memory.cost = now - started;
   memory.believedUntil = now + BelievedReads * memory.cost;

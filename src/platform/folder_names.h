@@ -21,6 +21,10 @@ namespace platform {
 /// All entries of an open folder but "." and "..", as the folder orders them.
 error_t ReadFolder(int folder, std::vector<std::string>& names);
 
+/// False for a change whose time the next change might bear, too: file systems stamp with the ticks of a clock. now: by
+/// the clock that stamps, not later than what was read since the change.
+bool IsSettled(const timespec& changed, const timespec& now) noexcept;
+
 /// Of names that are equal but for case leaves the first in byte order; the others go to `hidden`. Keeps the order.
 void HideCaseVariants(std::vector<std::string>& names, std::vector<std::string>& hidden);
 

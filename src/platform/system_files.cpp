@@ -25,6 +25,16 @@ bool IsAbsent(error_t failure) {
   return failure == error::FileNotFound;
 }
 
+error_t ReadState(int folder, folder_state_t& state) {
+  struct stat status {};
+  if (::fstat(folder, &status) != 0) {
+    return LastError();
+  }
+  // The change time, which nobody can set, and not the modification time, which who copies folders does.
+  state = folder_state_t{{status.st_dev, status.st_ino}, status.st_ctim};
+  return error::Success;
+}
+
 /// What to tell of a name that is not there as it is spelled, and was not found in another case. A folder that may not
 /// be read has no other spellings; one that could not be read says nothing about what is there.
 error_t WithoutVariant(error_t exact, error_t search) {
@@ -326,14 +336,29 @@ error_t system_files_t::List(const location_t& where, folder_listing_t& listing)
   descriptor_t folder(-1);
   error_t failure = OpenFound(where, O_PATH | O_DIRECTORY, folder);
   std::vector<std::string> names;
+  folder_state_t state;
+  if (failure == error::Success) {
+    failure = ReadState(folder.Get(), state);
+  }
+  timespec start{};
+  ::clock_gettime(CLOCK_REALTIME, &start);
   if (failure == error::Success) {
     failure = ReadFolder(folder.Get(), names);
   }
   if (failure == error::Success) {
     HideCaseVariants(names, listing.hidden);
     listing.names = std::move(names);
+    if (IsSettled(state.changed, start)) {
+      listing.state = state;
+    }
   }
   return failure;
+}
+
+error_t system_files_t::GetFolderState(const location_t& where, folder_state_t& state) {
+  descriptor_t folder(-1);
+  const error_t failure = OpenFound(where, O_PATH | O_DIRECTORY, folder);
+  return failure != error::Success ? failure : ReadState(folder.Get(), state);
 }
 
 error_t system_files_t::GetDiskSpace(const location_t& where, disk_space_t& space) {

@@ -18,6 +18,7 @@ class system_files_t : public files_t {
   error_t RemoveFolder(const location_t& where) override;
   error_t Rename(const location_t& from, const location_t& to) override;
   error_t List(const location_t& where, folder_listing_t& listing) override;
+  error_t GetFolderState(const location_t& where, folder_state_t& state) override;
   error_t GetDiskSpace(const location_t& where, disk_space_t& space) override;
   error_t CreateFolderAt(const std::string& path) override;
   error_t GetInfoAt(const std::string& path, WIN32_FILE_ATTRIBUTE_DATA& attributes) override;

@@ -46,6 +46,7 @@ struct SFakeBackend {
   std::atomic<bool> isAvailable{true};  ///< False: listing tells so, opening finds nothing, transfers fail.
   std::atomic<int> enumerations{0};     ///< Calls of Enumerate.
   std::atomic<int> specQuestions{0};    ///< Calls of GetItemSpec and GetMountUid of files.
+  std::atomic<int> state{0};            ///< Not 0: folders tell it as what they list from.
   std::atomic<int> failure{0};          ///< Not 0: the next change of a folder throws win_sys_exc_t with it.
   std::shared_ptr<SFakeNode> root = std::make_shared<SFakeNode>();
 
@@ -213,6 +214,11 @@ class CFakeFolder : public CFakeItem<IFsFolder> {
     }
     for (const auto& child : node_->children)
       enumeration.names.push_back(child.first);
+    enumeration.state = GetState();
+  }
+  std::optional<SFsFolderState> GetState() override {
+    const int state = backend_->state;
+    return state == 0 ? std::nullopt : std::optional(SFsFolderState{0, 0, state, 0});
   }
   boost::shared_ptr<IFsItem> CreateFile(const std::string& name, const std::string& allowedHostAddr) override {
     return Create(name, allowedHostAddr, false);

@@ -38,6 +38,9 @@ class ForwardingFiles : public platform::files_t {
   platform::error_t List(const platform::location_t& where, platform::folder_listing_t& listing) override {
     return target_.List(where, listing);
   }
+  platform::error_t GetFolderState(const platform::location_t& where, platform::folder_state_t& state) override {
+    return target_.GetFolderState(where, state);
+  }
   platform::error_t GetDiskSpace(const platform::location_t& where, platform::disk_space_t& space) override {
     return target_.GetDiskSpace(where, space);
   }

@@ -5,6 +5,7 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,11 +28,22 @@ struct SFsItemSpec {
   bool operator==(const SFsItemSpec&) const = default;
 };
 
+/// Tells two moments of a folder apart when its entries may differ; opaque but to the backend.
+struct SFsFolderState {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::int64_t seconds = 0;
+  std::int64_t nanoseconds = 0;
+
+  bool operator==(const SFsFolderState&) const = default;
+};
+
 /// What a folder's backend lists.
 struct SFsEnumeration {
   bool unavailable = false;  ///< Cannot be read now: leave the children of mountUid as they are.
   std::vector<std::string> names;
   GUID mountUid;
+  std::optional<SFsFolderState> state;  ///< While the folder has it, the names are the same.
 };
 
 /// Target of a read. The reader owns it; it must outlive the call.
@@ -82,6 +94,8 @@ class IFsFolder : public IFsItem {
  public:
   /// Without "." and "..".
   virtual void Enumerate(SFsEnumeration& enumeration) = 0;
+  /// Cheap beside Enumerate. None when the backend cannot tell.
+  virtual std::optional<SFsFolderState> GetState() { return std::nullopt; }
   virtual boost::shared_ptr<IFsItem> CreateFile(const std::string& name, const std::string& allowedHostAddr) = 0;
   virtual boost::shared_ptr<IFsItem> CreateSubfolder(const std::string& name, const std::string& allowedHostAddr) = 0;
   /// Empty when there is no such child.

@@ -100,7 +100,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
       boost::make_shared<CNfsItemRec>(prepared.name, parentFid, parent->share, prepared.item, prepared.spec.mountUid);
   if (wasFound)
     TakeOverOldRec(*rec, fid, removed);
-  items_[fid] = rec;
+  PutRec(fid, rec);
   PutListing(fid, rec);
 
   FreeStoredPlace(parentFid, prepared.name, fid);
@@ -131,7 +131,7 @@ void CFsItemsTab::ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const s
     const lock_t lock(mutex_);
     const rec_ptr parent = GetRec(parentFid);
     const auto rec = boost::make_shared<CNfsItemRec>(name, parentFid, parent->share, item, mountUid);
-    items_[fid] = rec;
+    PutRec(fid, rec);
     PutListing(fid, rec);
   }
   g_nfs_log.Info("Item [%1] resumed. FID: [%2]. Parent FID: [%3].", name, fid, parentFid);
@@ -254,7 +254,20 @@ std::string CFsItemsTab::GetItemPath(std::uint64_t fid) const {
   return path + ". FID: " + std::to_string(fid);
 }
 
+void CFsItemsTab::PutRec(std::uint64_t fid, const rec_ptr& rec) {
+  items_[fid] = rec;
+  NoteFolderChange(fid);
+}
+
+void CFsItemsTab::NoteFolderChange(std::uint64_t fid) {
+  slots_.ResetWhole(fid);
+  const rec_ptr rec = FindRec(fid);
+  if (rec && rec->IsFolder())
+    rec->Folder()->version = ++folderVersions_;
+}
+
 void CFsItemsTab::PutListing(std::uint64_t fid, const rec_ptr& rec) {
+  NoteFolderChange(rec->parentFid);
   const auto [entry, isNew] = listing_.try_emplace(SListingKey{rec->parentFid, rec->name}, SListed{fid, rec});
   if (isNew)
     return;

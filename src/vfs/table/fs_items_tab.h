@@ -128,6 +128,12 @@ class CFsItemsTab {
                        const boost::shared_ptr<CNfsFolderDirPlusCache>& listing);
   /// Throws 2 for an unknown FID, and for a file.
   void ResetDirPlusCache(std::uint64_t fid, std::uint32_t client);
+  /// The folder's unfiltered listing, if one is kept and nothing has changed in the table since.
+  boost::shared_ptr<CNfsWholeListing> GetWholeListing(std::uint64_t fid);
+  /// Another number after each change of the folder's children or backings; 0 when it is no folder.
+  std::uint64_t GetFolderVersion(std::uint64_t fid) const;
+  /// Keeps a listing that was begun at that version, unless the folder has another one now.
+  void KeepWholeListing(std::uint64_t fid, std::uint64_t version, const boost::shared_ptr<CNfsWholeListing>& listing);
   /// In the order of the names. The lock is given up between some thousands of them.
   void ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& children) const;
   void ListChildrenForMount(std::uint64_t parentFid, const GUID& mountUid, CNfsNameMap& children) const;
@@ -201,6 +207,9 @@ class CFsItemsTab {
   void Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot, changes_t& removed);
   void DeleteChildren(std::uint64_t fid, const GUID* mountUid, changes_t& removed);
   void DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t& removed);
+  void PutRec(std::uint64_t fid, const rec_ptr& rec);
+  /// To be called after each change of a folder's children or backings.
+  void NoteFolderChange(std::uint64_t fid);
   /// Also gives the entry the new spelling.
   void PutListing(std::uint64_t fid, const rec_ptr& rec);
   void EraseListing(const CNfsItemRec& rec, std::uint64_t fid);
@@ -219,6 +228,7 @@ class CFsItemsTab {
   std::map<std::uint64_t, rec_ptr> items_;
   CNfsListingTab listing_;
   CNfsListingSlots slots_;
+  std::uint64_t folderVersions_ = 0;  // Given out so far.
   // Stored places of items that were moved away from them: place to FID, FID to place. No other item stands at one of
   // these places.
   places_t movedFrom_;

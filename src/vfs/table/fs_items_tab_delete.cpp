@@ -76,8 +76,10 @@ void CFsItemsTab::DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t
 
 void CFsItemsTab::EraseListing(const CNfsItemRec& rec, std::uint64_t fid) {
   const auto entry = listing_.find(SListingKeyView{rec.parentFid, rec.name});
-  if (entry != listing_.end() && entry->second.fid == fid)
+  if (entry != listing_.end() && entry->second.fid == fid) {
     listing_.erase(entry);
+    NoteFolderChange(rec.parentFid);
+  }
 }
 
 bool CFsItemsTab::LivesWithout(const CNfsItemRec& rec, const GUID* mountUid) {
@@ -99,6 +101,7 @@ void CFsItemsTab::DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mo
     if (!(*mirror)->GetMountUid(uid) || uid != mountUid)
       continue;
     mirrors.erase(mirror);
+    NoteFolderChange(fid);
     updateSink_->OnItemDeleted(fid, &mountUid);
     return;
   }

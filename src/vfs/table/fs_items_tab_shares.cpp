@@ -43,7 +43,7 @@ void CFsItemsTab::RegisterShare(const boost::shared_ptr<CNfsShareCfg>& cfg, cons
     const auto info = boost::make_shared<CNfsShareInfo>(CNfsShareInfo{uid, cfg});
     const bool isNew = wantedFid == InvalidFid;
     const std::uint64_t fid = isNew ? GenerateFid() : wantedFid;
-    items_[fid] = boost::make_shared<CNfsItemRec>(alias, InvalidFid, info, rootItem, spec.mountUid);
+    PutRec(fid, boost::make_shared<CNfsItemRec>(alias, InvalidFid, info, rootItem, spec.mountUid));
     g_nfs_log.Info("    NewItem: [%1]. FID: [%2]. Parent: [%3].", alias, fid, 0);
     if (isNew)
       updateSink_->OnItemAdded(InvalidFid, alias, fid, spec);
@@ -168,6 +168,7 @@ void CFsItemsTab::MountMirroredFolder(std::uint64_t folderFid, const GUID& mount
   } else {
     *place = mirror;
   }
+  NoteFolderChange(folderFid);
   if (!spec.isRfsItem)
     return;
   // The address list is the item's, not the backing's: the stored one must stay as it is.
@@ -218,6 +219,24 @@ void CFsItemsTab::ResetDirPlusCache(std::uint64_t fid, std::uint32_t client) {
   if (!rec->IsFolder())
     throw NotFolder(*rec);
   slots_.Reset({fid, client});
+}
+
+std::uint64_t CFsItemsTab::GetFolderVersion(std::uint64_t fid) const {
+  const lock_t lock(mutex_);
+  const rec_ptr rec = FindRec(fid);
+  return rec && rec->IsFolder() ? rec->Folder()->version : 0;
+}
+
+boost::shared_ptr<CNfsWholeListing> CFsItemsTab::GetWholeListing(std::uint64_t fid) {
+  const lock_t lock(mutex_);
+  return slots_.GetWhole(fid);
+}
+
+void CFsItemsTab::KeepWholeListing(std::uint64_t fid, std::uint64_t version,
+                                   const boost::shared_ptr<CNfsWholeListing>& listing) {
+  const lock_t lock(mutex_);
+  if (version != 0 && GetFolderVersion(fid) == version)
+    slots_.SetWhole(fid, listing);
 }
 
 void CFsItemsTab::ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& children) const {

@@ -21,6 +21,14 @@ void CNfsListingSlots::Set(const SKey& key, boost::shared_ptr<CNfsFolderDirPlusC
   }
 }
 
+boost::shared_ptr<CNfsWholeListing> CNfsListingSlots::GetWhole(std::uint64_t folderFid) {
+  return boost::static_pointer_cast<CNfsWholeListing>(Get({folderFid, 0, true}));
+}
+
+void CNfsListingSlots::SetWhole(std::uint64_t folderFid, const boost::shared_ptr<CNfsWholeListing>& listing) {
+  Set({folderFid, 0, true}, listing);
+}
+
 void CNfsListingSlots::Reset(const SKey& key) noexcept {
   const auto slot = slots_.find(key);
   if (slot != slots_.end())

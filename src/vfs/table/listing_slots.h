@@ -14,13 +14,16 @@
 ///
 /// A snapshot is filtered for the client that asked for it and is kept for that client alone: two clients that page one
 /// folder do not disturb each other. A client that never reads to the end costs one snapshot until the least recently
-/// used ones are dropped to keep the bounds; a dropped one is only read anew. Guarded by the owner's lock.
+/// used ones are dropped to keep the bounds; a dropped one is only read anew. Beside them stands what a folder lists
+/// before it is filtered, which serves the next listing of whatever client for as long as the folder does not change.
+/// Guarded by the owner's lock.
 class CNfsListingSlots {
  public:
   /// client: the caller's IPv4 address as it stands in the socket address.
   struct SKey {
     std::uint64_t folderFid;
     std::uint32_t client;
+    bool isWhole = false;  ///< The folder's own, of no client.
     auto operator<=>(const SKey&) const = default;
   };
 
@@ -32,6 +35,10 @@ class CNfsListingSlots {
   /// Replaces what was there. The newest snapshot is kept whatever its size.
   void Set(const SKey& key, boost::shared_ptr<CNfsFolderDirPlusCache> snapshot);
   void Reset(const SKey& key) noexcept;
+  /// The same for the folder's unfiltered listing.
+  boost::shared_ptr<CNfsWholeListing> GetWhole(std::uint64_t folderFid);
+  void SetWhole(std::uint64_t folderFid, const boost::shared_ptr<CNfsWholeListing>& listing);
+  void ResetWhole(std::uint64_t folderFid) noexcept { Reset({folderFid, 0, true}); }
   /// Drops the folder's snapshots of all clients.
   void ResetFolder(std::uint64_t folderFid) noexcept;
 

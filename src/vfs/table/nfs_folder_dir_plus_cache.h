@@ -6,14 +6,20 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "vfs/items/fs_item.h"
 #include "vfs/table/nfs_name.h"
 
 /// A folder's entries in case-insensitive name order. Immutable once built, so any thread may read it without a lock;
 /// a cookie is an index into it.
 class CNfsFolderDirPlusCache {
  public:
+  CNfsFolderDirPlusCache(const CNfsFolderDirPlusCache&) = delete;
+  CNfsFolderDirPlusCache& operator=(const CNfsFolderDirPlusCache&) = delete;
+  virtual ~CNfsFolderDirPlusCache() = default;
+
   struct SEntry {
     std::string name;
     std::uint64_t fid = InvalidFid;
@@ -43,4 +49,21 @@ class CNfsFolderDirPlusCache {
  private:
   std::vector<SEntry> entries_;
   std::size_t hiddenCount_ = 0;
+};
+
+/// What a folder lists before it is filtered for a client.
+class CNfsWholeListing : public CNfsFolderDirPlusCache {
+ public:
+  /// items: one for each entry. states: of the folder's backings, in their order; as long as they have these, the
+  /// listing is right. Empty when one of them cannot tell.
+  CNfsWholeListing(std::vector<SEntry> entries, std::vector<boost::shared_ptr<IFsItem>> items,
+                   std::vector<SFsFolderState> states)
+      : CNfsFolderDirPlusCache(std::move(entries)), items_(std::move(items)), states_(std::move(states)) {}
+
+  const std::vector<boost::shared_ptr<IFsItem>>& Items() const { return items_; }
+  const std::vector<SFsFolderState>& States() const { return states_; }
+
+ private:
+  std::vector<boost::shared_ptr<IFsItem>> items_;
+  std::vector<SFsFolderState> states_;
 };

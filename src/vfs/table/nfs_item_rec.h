@@ -23,6 +23,7 @@ struct CNfsShareInfo {
 struct SNfsFolderSlot {
   boost::shared_ptr<IFsFolder> primary;
   std::vector<boost::shared_ptr<IFsFolder>> mirrors;  ///< Begins with the primary.
+  std::uint64_t version = 0;                          ///< Another one after each change of children or backings.
 };
 
 /// An item under its FID. All of it is guarded by the lock of the table that holds it.

@@ -21,11 +21,11 @@ class CCompletionEventsAllocator;
 class CFsItemsTab;
 class CFsProcInvoker;
 class CNfsLogFilter;
+class CNfsWholeListing;
 class CRegConfig;
 class CRegConfigUpdateSink;
 class IFsProcCompletionCallback;
 struct CNfsShareCfg;
-struct SNfsChild;
 struct SRegConfigData;
 
 struct nfs_fh3;
@@ -151,8 +151,8 @@ class CVirtualFs {
   std::uint64_t MakeSubfolder(IFsFolder& folder, std::uint64_t parentFid, const std::string& name,
                               const std::string& allowedHostAddr);
   void RenameEntry(const RENAME3args& args, const sockaddr_in& client, std::uint64_t fromDir, std::uint64_t toDir);
-  /// The children in the order of their names, as backends and table have them from here on.
-  std::vector<SNfsChild> RefreshDirListing(std::uint64_t folderFid);
+  /// The children as backends and table have them from here on.
+  boost::shared_ptr<CNfsWholeListing> RefreshDirListing(std::uint64_t folderFid);
   void LogReadFailure(std::uint64_t fid, std::uint64_t offset, const std::exception& failure) noexcept;
   void LogWriteFailure(std::uint64_t fid, std::uint64_t offset, const std::exception& failure) noexcept;
 

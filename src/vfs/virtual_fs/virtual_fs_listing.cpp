@@ -72,6 +72,11 @@ class CListing {
   void AddBackend(IFsFolder& folder) {
     SFsEnumeration enumeration;
     folder.Enumerate(enumeration);
+    if (enumeration.state) {
+      states_.push_back(*enumeration.state);
+    } else {
+      isRepeatable_ = false;
+    }
     if (enumeration.unavailable) {
       AddChildrenOf(enumeration.mountUid);
       return;
@@ -90,20 +95,27 @@ class CListing {
   }
 
   /// All that was listed, in the order of the names. Ends the collection.
-  std::vector<SNfsChild> TakeChildren() {
-    std::vector<SNfsChild> children;
-    children.reserve(known_.size() + found_.size());
+  boost::shared_ptr<CNfsWholeListing> Take() {
+    std::vector<CNfsFolderDirPlusCache::SEntry> entries;
+    std::vector<boost::shared_ptr<IFsItem>> items;
+    entries.reserve(known_.size() + found_.size());
+    items.reserve(known_.size() + found_.size());
+    const auto take = [&](SNfsChild& child) {
+      entries.push_back({std::move(child.name), child.fid});
+      items.push_back(std::move(child.item));
+    };
     auto found = found_.begin();
     for (std::size_t i = 0; i < known_.size(); ++i) {
       if (!isListed_[i])
         continue;
       for (; found != found_.end() && platform::CompareIgnoringCase(found->first, known_[i].name) < 0; ++found)
-        children.push_back(std::move(found->second));
-      children.push_back(std::move(known_[i]));
+        take(found->second);
+      take(known_[i]);
     }
     for (; found != found_.end(); ++found)
-      children.push_back(std::move(found->second));
-    return children;
+      take(found->second);
+    return boost::make_shared<CNfsWholeListing>(std::move(entries), std::move(items),
+                                                isRepeatable_ ? std::move(states_) : std::vector<SFsFolderState>{});
   }
 
  private:
@@ -142,11 +154,12 @@ class CListing {
   }
 
   /// An entry that cannot be opened, as a link that leads out of the share, does not hide the others.
-  static boost::shared_ptr<IFsItem> Open(IFsFolder& folder, const std::string& name) {
+  boost::shared_ptr<IFsItem> Open(IFsFolder& folder, const std::string& name) {
     try {
       return folder.OpenChild(name);
     } catch (const std::exception& failure) {
       g_nfs_log.Warning(exc::FormatText("Item [%1] cannot be opened and is left out of the listing.", name), failure);
+      isRepeatable_ = false;
       return {};
     }
   }
@@ -165,37 +178,67 @@ class CListing {
   const CNameIndex index_;
   std::map<std::string, SNfsChild, platform::less_ignoring_case_t> found_;
   std::vector<SNfsChild> newItems_;
+  std::vector<SFsFolderState> states_;
+  bool isRepeatable_ = true;
 };
 
-boost::shared_ptr<CNfsFolderDirPlusCache> FilterListing(std::vector<SNfsChild> children, const sockaddr_in& client) {
-  std::vector<CNfsFolderDirPlusCache::SEntry> allowed;
-  allowed.reserve(children.size());
+/// A kept listing that its backings would give again.
+boost::shared_ptr<CNfsWholeListing> FindKept(CFsItemsTab& itemsTab, std::uint64_t folderFid,
+                                             const std::vector<boost::shared_ptr<IFsFolder>>& mirrors) {
+  auto kept = itemsTab.GetWholeListing(folderFid);
+  if (!kept || kept->States().size() != mirrors.size())
+    return {};
+  for (std::size_t i = 0; i < mirrors.size(); ++i) {
+    if (mirrors[i]->GetState() != kept->States()[i])
+      return {};
+  }
+  return kept;
+}
+
+boost::shared_ptr<CNfsFolderDirPlusCache> FilterListing(const boost::shared_ptr<CNfsWholeListing>& listing,
+                                                        const sockaddr_in& client) {
+  const auto& entries = listing->GetEntries();
+  std::vector<bool> isHidden(entries.size());
   std::size_t hidden = 0;
-  for (SNfsChild& child : children) {
-    if (child.item->IsAddressAllowed(client)) {
-      allowed.push_back({std::move(child.name), child.fid});
-    } else {
-      ++hidden;
-    }
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    isHidden[i] = !listing->Items()[i]->IsAddressAllowed(client);
+    hidden += isHidden[i] ? 1 : 0;
+  }
+  if (hidden == 0)
+    return listing;
+  std::vector<CNfsFolderDirPlusCache::SEntry> allowed;
+  allowed.reserve(entries.size() - hidden);
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (!isHidden[i])
+      allowed.push_back(entries[i]);
   }
   return boost::make_shared<CNfsFolderDirPlusCache>(std::move(allowed), hidden);
 }
 
 }  // namespace
 
-std::vector<SNfsChild> CVirtualFs::RefreshDirListing(std::uint64_t folderFid) {
+boost::shared_ptr<CNfsWholeListing> CVirtualFs::RefreshDirListing(std::uint64_t folderFid) {
   try {
-    const std::uint64_t renamesEnded = renamesEnded_;
-    CListing listing(*itemsTab_, folderFid);
+    // What the listing itself adds and removes gives the folder another version: kept is one that changed nothing.
+    const std::uint64_t version = itemsTab_->GetFolderVersion(folderFid);
     std::vector<boost::shared_ptr<IFsFolder>> mirrors;
     itemsTab_->GetFolderMirrors(folderFid, mirrors);
+    if (auto kept = FindKept(*itemsTab_, folderFid, mirrors))
+      return kept;
+
+    const std::uint64_t renamesEnded = renamesEnded_;
+    CListing listing(*itemsTab_, folderFid);
     for (const auto& folder : mirrors)
       listing.AddBackend(*folder);
     // A rename beside the listing has one foot in the backend and one in the table: its item only looks gone. What is
     // really gone goes with the next listing.
-    if (renamesBegun_ == renamesEnded)
+    const bool isUndisturbed = renamesBegun_ == renamesEnded;
+    if (isUndisturbed)
       listing.RemoveGone();
-    return listing.TakeChildren();
+    auto whole = listing.Take();
+    if (isUndisturbed && !mirrors.empty() && whole->States().size() == mirrors.size())
+      itemsTab_->KeepWholeListing(folderFid, version, whole);
+    return whole;
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to enumerate directory items.", failure);
   }

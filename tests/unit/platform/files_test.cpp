@@ -54,6 +54,29 @@ class Files : public ::testing::Test {
   platform::file_info_t info;
 };
 
+TEST_F(Files, AFolderTellsItsStateOnceItsLastChangeIsPast) {
+  fs::create_directory(dir / "folder");
+  Put("folder/a", "");
+  platform::folder_listing_t listing;
+  while (!listing.state) {
+    ASSERT_EQ(files.List(At("folder"), listing), error::Success);
+  }
+  platform::folder_state_t state;
+  ASSERT_EQ(files.GetFolderState(At("folder"), state), error::Success);
+  EXPECT_TRUE(state == *listing.state);
+  // What is in the files is no matter.
+  Put("folder/a", "text");
+  ASSERT_EQ(files.GetFolderState(At("folder"), state), error::Success);
+  EXPECT_TRUE(state == *listing.state);
+
+  const auto modified = fs::last_write_time(dir / "folder");
+  Put("folder/b", "");
+  fs::last_write_time(dir / "folder", modified);  // As who copies folders does.
+  ASSERT_EQ(files.GetFolderState(At("folder"), state), error::Success);
+  EXPECT_FALSE(state == *listing.state);
+  EXPECT_EQ(files.GetFolderState(At("nowhere"), state), error::FileNotFound);
+}
+
 TEST_F(Files, WriterExcludesAnotherWriterUntilItIsClosed) {
   Put("file", "text");
   file_ptr_t first;

@@ -148,6 +148,81 @@ TEST_F(Listing, AClientSeesWhatItMayUse) {
   EXPECT_EQ(second.entries[0].name, "n1021");
 }
 
+TEST_F(Listing, AFolderThatTellsThatNothingHasChangedIsNotReadAgain) {
+  const auto fake = Fill(25);
+  backend->state = 1;
+  List(fake);
+  EXPECT_EQ(List(fake).size(), 25U);
+  EXPECT_EQ(backend->enumerations, 2);  // The first one found the entries, and so changed the table.
+  EXPECT_EQ(List(fake).size(), 25U);
+  EXPECT_EQ(List(fake, Client("10.0.0.2")).size(), 25U);
+  EXPECT_EQ(backend->enumerations, 2);
+
+  backend->Put("a", false);
+  backend->state = 2;
+  EXPECT_EQ(List(fake)[0], "a");
+  backend->Drop("n1001");
+  backend->state = 3;
+  EXPECT_EQ(List(fake).size(), 25U);
+  EXPECT_EQ(backend->enumerations, 4);
+}
+
+TEST_F(Listing, AListingThatIsKeptIsFilteredForEachClient) {
+  const auto fake = Fill(12);
+  backend->state = 1;
+  List(fake);
+  List(fake);
+  const auto other = Client("10.0.0.2");
+  backend->root->children["n1003"]->refused.insert(other.sin_addr.s_addr);
+  EXPECT_EQ(List(fake, other).size(), 11U);
+  EXPECT_EQ(List(fake).size(), 12U);
+  backend->root->children["n1003"]->refused.clear();
+  EXPECT_EQ(List(fake, other).size(), 12U);
+  EXPECT_EQ(backend->enumerations, 2);
+}
+
+TEST_F(Listing, WhatClientsDoIsSeenInAListingThatWasKept) {
+  const auto fake = Fill(3);
+  backend->state = 1;
+  List(fake);
+  List(fake);
+  // The state stays: the table alone must tell.
+  const auto fid = MakeFile(fake, "a");
+  EXPECT_EQ(List(fake), (std::vector<std::string>{"a", "n1000", "n1001", "n1002"}));
+  List(fake);
+  EXPECT_EQ(Rename(fake, "a", fake, "z"), NFS3_OK);
+  EXPECT_EQ(List(fake), (std::vector<std::string>{"n1000", "n1001", "n1002", "z"}));
+  EXPECT_EQ(Find(fake, "z"), fid);
+  List(fake);
+  EXPECT_EQ(Remove(fake, "n1001"), NFS3_OK);
+  EXPECT_EQ(List(fake), (std::vector<std::string>{"n1000", "n1002", "z"}));
+}
+
+TEST_F(Listing, AMountOnAFolderEndsWhatWasKeptOfIt) {
+  const auto folder = MakeFolder(PublishFake(backend), "backup");
+  backend->Put("backup/notes", false);
+  backend->state = 1;
+  List(folder);
+  List(folder);
+  const auto mount = boost::make_shared<SFakeBackend>(Guid(7));
+  mount->Put("disk", false);
+  fs->ItemsTab()->MountMirroredFolder(folder, Guid(7), CFakeFolder::Root(mount));
+  EXPECT_EQ(List(folder), (std::vector<std::string>{"disk", "notes"}));
+  mount->Put("more", false);
+  EXPECT_EQ(List(folder).size(), 3U);  // The mount cannot tell whether it has changed.
+}
+
+TEST_F(Listing, AHostFolderThatOthersChangeIsReadAgain) {
+  PutLocal("a");
+  EXPECT_EQ(List(root), std::vector<std::string>{"a"});
+  for (int i = 0; i < 50; ++i) {
+    const std::string name = "b" + std::to_string(100 + i);
+    PutLocal(name);
+    EXPECT_EQ(List(root).back(), name);
+    EXPECT_EQ(List(root).size(), static_cast<std::size_t>(i) + 2);
+  }
+}
+
 TEST_F(Listing, WhatHasGoneLeavesTheTable) {
   const auto fake = Fill(3);
   List(fake);

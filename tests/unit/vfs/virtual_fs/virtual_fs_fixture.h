@@ -139,10 +139,11 @@ class VirtualFsFixture : public ::testing::Test {
   }
   READDIRPLUS3res ReadDirPlus(std::uint64_t dir, std::uint64_t cookie = 0) { return ReadDirPlus(dir, cookie, client); }
   /// All names, page by page.
-  std::vector<std::string> List(std::uint64_t dir) {
+  std::vector<std::string> List(std::uint64_t dir) { return List(dir, client); }
+  std::vector<std::string> List(std::uint64_t dir, const sockaddr_in& from) {
     std::vector<std::string> names;
     for (std::uint64_t cookie = 0;;) {
-      const auto page = ReadDirPlus(dir, cookie);
+      const auto page = ReadDirPlus(dir, cookie, from);
       EXPECT_EQ(page.status, NFS3_OK);
       for (const auto& entry : page.entries) {
         names.push_back(entry.name);
