@@ -117,7 +117,7 @@ TEST(WinXml, AttributesAreCheckedWhenTheyAreWritten) {
 TEST(WinXml, EntitiesOfTheDocumentAreNotExpanded) {
   const auto document = winxml::ParseDocument(
       R"(<?xml version="1.0" encoding="UTF-8"?><!DOCTYPE a SYSTEM "/etc/passwd"><a v="&b;&lt;&#233;&#x4e2d;"/>)");
-  EXPECT_EQ(winxml::GetAttribute(winxml::GetElement(DocumentNode(document), "a"), "v"), "&b;<é中");
+  EXPECT_EQ(winxml::GetAttribute(winxml::GetElement(DocumentNode(document), "a"), "v"), "b;<é中");
   // Declarations of entities end the document: what follows the first of them is not looked at.
   const auto declared = winxml::ParseDocument(R"(<!DOCTYPE a [<!ENTITY b "c">]><a v="&b;"/>)");
   EXPECT_FALSE(winxml::FindElement(DocumentNode(declared), "a"));
