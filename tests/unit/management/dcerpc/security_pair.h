@@ -2,7 +2,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <climits>
 #include <fstream>
 #include <memory>
 #include <set>
@@ -94,6 +96,23 @@ inline void ExpectTalk(dcerpc::ISecurityContext& one, dcerpc::ISecurityContext& 
       EXPECT_EQ(message.Stub(), stub);
     }
   }
+}
+
+/// Settings of Kerberos that ask no name service and no network.
+inline constexpr char QuietKerberos[] =
+    "[libdefaults]\n"
+    "default_realm = KELVO.TEST\n"
+    "dns_canonicalize_hostname = false\n"
+    "rdns = false\n"
+    "dns_lookup_kdc = false\n"
+    "dns_lookup_realm = false\n"
+    "udp_preference_limit = 1\n";
+
+/// What the acceptor calls itself; the initiator wants no other.
+inline std::string HostName() {
+  char name[HOST_NAME_MAX + 1] = {};
+  EXPECT_EQ(::gethostname(name, sizeof name - 1), 0);
+  return name;
 }
 
 inline void WriteFile(const std::string& path, const std::string& text) {
