@@ -66,7 +66,7 @@ gss::credential_t Restricted(gss::credential_t credential, gss_OID mechanism) {
 
 CGssAcceptor::CGssAcceptor(auth_type_t type, auth_level_t level, std::shared_ptr<const CAccountMap> accounts,
                            std::shared_ptr<CNtlmUserFile> users)
-    : CGssContext(side_t::Acceptor, type, level), accounts_(std::move(accounts)), users_(std::move(users)) {}
+    : CGssContext(side_t::Acceptor, type, level, {}), accounts_(std::move(accounts)), users_(std::move(users)) {}
 
 gss::credential_t CGssAcceptor::NtlmCredential(gss_OID mechanism) const {
   const std::string path = users_->UsablePath();
@@ -128,7 +128,7 @@ CGssContext::SLeg CGssAcceptor::Advance(gss_ctx_id_t* context, bytes_view_t toke
   return leg;
 }
 
-void CGssAcceptor::OnEstablished(gss_OID mechanism, gss_name_t peer) {
+void CGssAcceptor::OnEstablished(gss_OID mechanism, gss_name_t initiator) {
   if (gss::IsSame(mechanism, gss::NtlmMechanism())) {
     account_ = accounts_->AccountOfNtlmName(PeerName());
     return;
@@ -136,7 +136,7 @@ void CGssAcceptor::OnEstablished(gss_OID mechanism, gss_name_t peer) {
   // Only what the rules of the realm map: a name of another realm must not become one of this system by losing it.
   gss::CBuffer local;
   OM_uint32 minor = 0;
-  if (gss_localname(&minor, peer, mechanism, local.Out()) == GSS_S_COMPLETE)
+  if (gss_localname(&minor, initiator, mechanism, local.Out()) == GSS_S_COMPLETE)
     account_ = accounts_->AccountOfLocalName(local.Text());
 }
 

@@ -93,12 +93,13 @@ void CGssContext::NoteToken(bytes_view_t token, bool sent) {
 
 void CGssContext::Establish() {
   gss::name_t initiator;
-  gss::name_t acceptor;
   gss_OID mechanism = GSS_C_NO_OID;
   OM_uint32 flags = 0;
   OM_uint32 minor = 0;
-  const OM_uint32 major = gss_inquire_context(&minor, context_.Get(), initiator.Out(), acceptor.Out(), nullptr,
-                                              &mechanism, &flags, nullptr, nullptr);
+  // The library falls over the acceptor's name where NTLM was given none of a service.
+  const OM_uint32 major =
+      gss_inquire_context(&minor, context_.Get(), side_ == side_t::Acceptor ? initiator.Out() : nullptr, nullptr,
+                          nullptr, &mechanism, &flags, nullptr, nullptr);
   gss::Check("The security context tells nothing of itself.", major, minor, GSS_C_NO_OID);
   if (!Fits(type_, mechanism))
     throw exc::runtime_exc_t("The mechanism does not fit the authentication type %1.", static_cast<unsigned>(type_));
@@ -106,14 +107,13 @@ void CGssContext::Establish() {
     throw exc::runtime_exc_t("The peer is anonymous.");
   protection_ = MakeProtection(mechanism, flags);
 
-  const gss::name_t& peer = side_ == side_t::Acceptor ? initiator : acceptor;
-  if (!peer.IsEmpty()) {
+  if (!initiator.IsEmpty()) {
     gss::CBuffer name;
-    const OM_uint32 shown = gss_display_name(&minor, peer.Get(), name.Out(), nullptr);
+    const OM_uint32 shown = gss_display_name(&minor, initiator.Get(), name.Out(), nullptr);
     gss::Check("The name of the peer is not available.", shown, minor, mechanism);
     peerName_ = name.Text();
   }
-  OnEstablished(mechanism, peer.Get());
+  OnEstablished(mechanism, initiator.Get());
   state_ = state_t::Established;
 }
 

@@ -26,7 +26,9 @@ class CGssContext : public ISecurityContext {
   std::string PeerName() const final { return peerName_; }
 
  protected:
-  CGssContext(side_t side, auth_type_t type, auth_level_t level) : side_(side), type_(type), level_(level) {}
+  /// The name is the peer's where it is known from the start, and else empty: it is asked for then.
+  CGssContext(side_t side, auth_type_t type, auth_level_t level, std::string peerName)
+      : side_(side), type_(type), level_(level), peerName_(std::move(peerName)) {}
 
   struct SLeg {
     OM_uint32 major = 0;
@@ -34,8 +36,8 @@ class CGssContext : public ISecurityContext {
   };
   /// One call of the library with the peer's token, which may be empty on the initiator's first leg.
   virtual SLeg Advance(gss_ctx_id_t* context, bytes_view_t token, gss_buffer_t answer) = 0;
-  /// The context stands; the name is the peer's.
-  virtual void OnEstablished(gss_OID mechanism, gss_name_t peer);
+  /// The context stands; the name is the initiator's, and empty on its own side.
+  virtual void OnEstablished(gss_OID mechanism, gss_name_t initiator);
 
   auth_type_t Type() const { return type_; }
   auth_level_t Level() const { return level_; }
@@ -73,7 +75,7 @@ class CGssAcceptor : public CGssContext {
 
  protected:
   SLeg Advance(gss_ctx_id_t* context, bytes_view_t token, gss_buffer_t answer) override;
-  void OnEstablished(gss_OID mechanism, gss_name_t peer) override;
+  void OnEstablished(gss_OID mechanism, gss_name_t initiator) override;
 
  private:
   bytes_t PrepareFirstToken(bytes_view_t token);

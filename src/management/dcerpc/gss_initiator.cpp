@@ -44,11 +44,19 @@ gss::credential_t AcquireCredential(const SInitiatorSettings& settings) {
   return credential;
 }
 
+/// An acceptor of NTLM tells the service name that it goes by, from its own idea of its host, and the library gives up
+/// where that is not the one that the initiator gave; NTLM proves no server, so it is given a host without a service.
+std::string TargetName(const SInitiatorSettings& settings) {
+  const bool ntlm =
+      settings.type == auth_type_t::Ntlm || (settings.type == auth_type_t::Negotiate && !settings.user.empty());
+  return (ntlm ? "@" : "host@") + settings.host;
+}
+
 }  // namespace
 
 CGssInitiator::CGssInitiator(const SInitiatorSettings& settings)
-    : CGssContext(side_t::Initiator, settings.type, EffectiveLevel(settings.level)),
-      target_(gss::ImportName("host@" + settings.host, GSS_C_NT_HOSTBASED_SERVICE)),
+    : CGssContext(side_t::Initiator, settings.type, EffectiveLevel(settings.level), settings.host),
+      target_(gss::ImportName(TargetName(settings), GSS_C_NT_HOSTBASED_SERVICE)),
       credential_(AcquireCredential(settings)) {}
 
 CGssContext::SLeg CGssInitiator::Advance(gss_ctx_id_t* context, bytes_view_t token, gss_buffer_t answer) {

@@ -19,7 +19,9 @@ struct SInitiatorSettings {
   std::string password;
 };
 
-/// Proves a client to host/NAME. With a user Negotiate offers NTLM alone, else Kerberos alone.
+/// Proves a client to host/NAME. With a user Negotiate offers NTLM alone, else Kerberos alone; the library asks the KDC
+/// of the default realm for the user all the same, which can take seconds where there is none: Ntlm spares that. NTLM
+/// does not prove the server.
 class CGssInitiator : public CGssContext {
  public:
   /// Throws exc::runtime_exc_t when there are no credentials.

@@ -42,7 +42,7 @@ class GssNtlmFixture : public testing::Test {
   std::unique_ptr<ISecurityContext> MakeClient(auth_type_t type, auth_level_t level,
                                                const std::string& user = "TEST\\admin",
                                                const std::string& password = "secret") {
-    return std::make_unique<CGssInitiator>(SInitiatorSettings{type, level, test::HostName(), user, password});
+    return std::make_unique<CGssInitiator>(SInitiatorSettings{type, level, "server.test", user, password});
   }
   void Connect(auth_type_t type, auth_level_t level) {
     client_ = MakeClient(type, level);
@@ -75,6 +75,7 @@ TEST_P(GssNtlmTest, TalksAtEachLevel) {
     Connect(GetParam(), level);
     EXPECT_EQ(server_->PeerName(), "TEST\\admin");
     EXPECT_EQ(server_->PeerAccount(), "admin");
+    EXPECT_EQ(client_->PeerName(), "server.test");
     EXPECT_EQ(client_->PeerAccount(), "");
     if (level == auth_level_t::Connect) {
       EXPECT_THROW(server_->SignatureSize(16), refusal_t);

@@ -2,9 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <climits>
 #include <fstream>
 #include <memory>
 #include <set>
@@ -107,13 +105,6 @@ inline constexpr char QuietKerberos[] =
     "dns_lookup_kdc = false\n"
     "dns_lookup_realm = false\n"
     "udp_preference_limit = 1\n";
-
-/// What the acceptor calls itself; the initiator wants no other.
-inline std::string HostName() {
-  char name[HOST_NAME_MAX + 1] = {};
-  EXPECT_EQ(::gethostname(name, sizeof name - 1), 0);
-  return name;
-}
 
 inline void WriteFile(const std::string& path, const std::string& text) {
   std::ofstream file(path);
