@@ -3,6 +3,7 @@
 #include <boost/make_shared.hpp>
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <thread>
 
 #include "config/common_options.h"
@@ -10,6 +11,9 @@
 #include "config/reg_options.h"
 #include "foundation/log.h"
 #include "hostfs/host_fs_file_cache.h"
+#include "management/dcerpc/gss_provider.h"
+#include "management/invoker_interface.h"
+#include "management/rpc_server.h"
 #include "platform/process.h"
 #include "programs/ep_mapper_table.h"
 #include "programs/mount_rpc_interface.h"
@@ -67,6 +71,7 @@ void CNfsService::RunStartSequence() {
   HostFsFileCache::Init();
   const auto context = boost::make_shared<CSvcContext>();
   CSvcContextHolder::Set(context);
+  StartManagement(context);
   if (!context->GetOptions()->IsAsyncTcp()) {
     g_log.Info("Starting server in synchronous mode.");
     throw exc::runtime_exc_t("%1 Set the option AsyncTcp to 1.", NoSynchronousServer);
@@ -75,6 +80,14 @@ void CNfsService::RunStartSequence() {
   StartAsyncServer(*context, boost::make_shared<CNFSCrashSink>(mainThreadId_));
   g_log.Info("NFS server is ready to process incoming calls.");
   g_log.Info("");
+}
+
+void CNfsService::StartManagement(const boost::shared_ptr<CSvcContext>& context) {
+  // The context lives as long as a call may need it, and no holder tells of it any more by then.
+  const boost::shared_ptr<dcerpc::IRpcInterface> invoker(new CInvokerInterface,
+                                                         [context](CInvokerInterface* object) { delete object; });
+  const auto accounts = std::make_shared<const dcerpc::CAccountMap>(dcerpc::MakeSystemAccounts());
+  InitRpcServer(rpcServerSettings_, invoker, boost::make_shared<dcerpc::CGssProvider>(accounts));
 }
 
 void CNfsService::StartAsyncServer(const CSvcContext& context, boost::shared_ptr<INFSCrashSink> sink) {
@@ -101,6 +114,7 @@ void CNfsService::StartAsyncServer(const CSvcContext& context, boost::shared_ptr
 void CNfsService::Stop() noexcept {
   try {
     CSvcContextHolder::Set(nullptr);
+    ShutdownRpcServer();
     // Last reference: the server stops before its memory goes.
     asyncServer_.reset();
     HostFsFileCache::Deinit();
@@ -114,6 +128,7 @@ void CNfsService::RunDebug(const CCommandLine& commandLine) {
   const bool synchronous = commandLine.Has("-sync");
   {
     const auto context = boost::make_shared<CSvcContext>();
+    StartManagement(context);
     if (synchronous) {
       g_log.Info("Launched with standard protocol server.");
       throw exc::runtime_exc_t("%1 Leave out -sync.", NoSynchronousServer);

@@ -35,6 +35,7 @@ class CNfsService {
 
  private:
   void RunStartSequence();
+  void StartManagement(const boost::shared_ptr<CSvcContext>& context);
   void StartAsyncServer(const CSvcContext& context, boost::shared_ptr<INFSCrashSink> sink);
 
   bool asyncRequested_ = false;

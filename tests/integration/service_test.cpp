@@ -167,6 +167,7 @@ TEST(ServiceTest, ASecondInstanceWaitsForTheMountPortAndTheFirstGoesOn) {
   CService first;
   first.Start();
   CService second;
+  second.SetValue("Port", "REG_DWORD", "6162");
   CProcess process({Program("KelvoNfsSvc")}, second.Environment());
   EXPECT_TRUE(
       WaitUntil([&] { return second.LogText().find("Port 1058 already in use, waiting") != std::string::npos; }));

@@ -319,6 +319,7 @@ TEST_P(PortsTest, ADatagramPortThatIsTakenLeavesTheWholePortmapperToTheOther) {
 TEST_P(PortsTest, ASecondServiceTakesThePortsWhenTheFirstStops) {
   service_.Start();
   CService second(GetParam());
+  second.SetValue("Port", "REG_DWORD", "6162");
   CProcess process({Program("KelvoNfsSvc")}, second.Environment());
   ASSERT_TRUE(
       WaitUntil([&] { return second.LogText().find("Port 1058 already in use, waiting") != std::string::npos; }));
