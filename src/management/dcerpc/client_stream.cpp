@@ -40,9 +40,8 @@ int WaitFor(int socket, short events, limit_t limit) {
   }
 }
 
-[[noreturn]] void ThrowConnectFailure(const std::string& where, int errnoValue) {
-  throw exc::win_sys_exc_t(exc::FormatText("Failed to connect to the service. Endpoint: [%1].", where),
-                           platform::SocketErrorFromErrno(errnoValue));
+[[noreturn]] void ThrowConnectFailure(const std::string& where, platform::error_t error) {
+  throw exc::win_sys_exc_t(exc::FormatText("Failed to connect to the service. Endpoint: [%1].", where), error);
 }
 
 /// The errno of the attempt; 0 for a connected socket.
@@ -112,10 +111,10 @@ std::unique_ptr<IClientStream> ConnectUnix(const std::string& path, limit_t limi
   std::memcpy(static_cast<char*>(address.sun_path), path.c_str(), path.size() + 1);
   platform::descriptor_t socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (socket.Get() < 0)
-    ThrowConnectFailure("unix:" + path, errno);
+    ThrowConnectFailure("unix:" + path, platform::LastError());
   const int failure = TryConnect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address, limit);
   if (failure != 0)
-    ThrowConnectFailure("unix:" + path, failure);
+    ThrowConnectFailure("unix:" + path, platform::ErrorFromErrno(failure));
   return std::make_unique<CSocketStream>(std::move(socket), limit);
 }
 
@@ -139,7 +138,7 @@ std::unique_ptr<IClientStream> ConnectTcp(const std::string& host, std::uint16_t
     ::setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     return std::make_unique<CSocketStream>(std::move(socket), limit);
   }
-  ThrowConnectFailure(where, failure);
+  ThrowConnectFailure(where, platform::SocketErrorFromErrno(failure));
 }
 
 }  // namespace dcerpc
