@@ -164,7 +164,7 @@ TEST_F(ListenerTest, APeerThatReadsNoAnswersHoldsNobodyUp) {
   RawPeer peer(Port());
   peer.Send(BindPdu());
   EXPECT_EQ(ParsePdu(peer.Receive()).header.type, pdu_type_t::BindAck);
-  EXPECT_GT(peer.Flood(RequestPdu(FakeInterface::Echo, bytes_t(60000))), 60000U);
+  EXPECT_GT(peer.Flood(RequestPdu(FakeInterface::Echo, bytes_t(60000)), 300), 60000U);
   EXPECT_EQ(TextOf(Client().Call(FakeInterface::Echo, Bytes("served"))), "served");
   listener_->Stop();
 }
@@ -175,8 +175,7 @@ TEST_F(ListenerTest, APeerThatReadsNoAnswersIsGivenUp) {
   RawPeer peer(Port());
   peer.Send(BindPdu());
   EXPECT_EQ(ParsePdu(peer.Receive()).header.type, pdu_type_t::BindAck);
-  peer.Flood(RequestPdu(FakeInterface::Echo, bytes_t(60000)));
-  peer.WaitForEnd();
+  EXPECT_GT(peer.Flood(RequestPdu(FakeInterface::Echo, bytes_t(60000)), -1), 60000U);
 }
 
 TEST_F(ListenerTest, LatePeersLoseTheirConnection) {
@@ -240,7 +239,7 @@ TEST_F(ListenerTest, WithoutDescriptorsPeersWait) {
   {
     std::vector<platform::descriptor_t> all;
     do {
-      all.emplace_back(::fcntl(0, F_DUPFD_CLOEXEC, 0));
+      all.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     } while (all.back().IsOpen());
     peer.Connect(Port());
     peer.Send(BindPdu());

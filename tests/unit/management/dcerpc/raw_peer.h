@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
 
@@ -35,19 +36,18 @@ class RawPeer {
       bytes = bytes.subspan(static_cast<std::size_t>(sent));
     }
   }
-  /// Sends until nobody takes any more; returns how much that was. At the end of the connection, too.
-  std::size_t Flood(dcerpc::bytes_view_t bytes) {
+  /// Sends the bytes over and over, until nobody has taken any for so many milliseconds (-1 for no limit) or the
+  /// connection has ended; returns how much that was.
+  std::size_t Flood(dcerpc::bytes_view_t bytes, int patienceMs) {
     std::size_t total = 0;
-    // Longer than it takes a reader that reads to make room.
-    constexpr int PatienceMs = 300;
-    for (pollfd room{socket_.Get(), POLLOUT, 0}; ::poll(&room, 1, PatienceMs) == 1;) {
-      const ssize_t sent = ::send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (sent <= 0)
+    for (pollfd room{socket_.Get(), POLLOUT, 0}; ::poll(&room, 1, patienceMs) == 1;) {
+      const dcerpc::bytes_view_t rest = bytes.subspan(total % bytes.size());
+      const ssize_t sent = ::send(socket_.Get(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (sent > 0) {
+        total += static_cast<std::size_t>(sent);
+      } else if (errno != EAGAIN && errno != EINTR) {
         break;
-      // What was cut goes on where it was.
-      total += static_cast<std::size_t>(sent);
-      if (static_cast<std::size_t>(sent) < bytes.size())
-        break;
+      }
     }
     return total;
   }
