@@ -184,10 +184,10 @@ TEST(PduTest, RequestHeadWithAndWithoutObject) {
 }
 
 TEST(PduTest, RequestOfABigEndianPeer) {
-  const SPdu pdu =
-      ParsePdu(Hex("05000083 00000000 002a0000 00000001 00000002 00010002"
-                   "1122334455667788 99aabbccddeeff01 abcd"));
-  const SRequest request = DecodeRequest(pdu);
+  const bytes_t pdu =
+      Hex("05000083 00000000 002a0000 00000001 00000002 00010002"
+          "1122334455667788 99aabbccddeeff01 abcd");
+  const SRequest request = DecodeRequest(ParsePdu(pdu));
   EXPECT_EQ(request.contextId, 1);
   EXPECT_EQ(request.opnum, 2);
   EXPECT_EQ(request.object, test::FakeInterface::Identity().uuid);
