@@ -28,17 +28,17 @@ class CRemoteService : public IService {
       client_.emplace(dcerpc::ConnectUnix(endpoint.path, options_.limit));
       return;
     }
-    std::optional<dcerpc::SClientSecurity> security = MakeSecurity();
+    dcerpc::SClientSecurity security = MakeSecurity();
     client_.emplace(dcerpc::ConnectTcp(endpoint.host, endpoint.port, options_.limit), std::move(security));
   }
 
-  std::optional<dcerpc::SClientSecurity> MakeSecurity() const {
+  dcerpc::SClientSecurity MakeSecurity() const {
     if (options_.auth == dcerpc::auth_type_t::None)
-      return std::nullopt;
+      return {};
     dcerpc::SInitiatorSettings settings{options_.auth, options_.level, options_.endpoint.host, options_.user, {}};
     if (!options_.user.empty())
       settings.password = ReadPassword(options_.user, options_.passwordFile);
-    return dcerpc::SClientSecurity{std::make_unique<dcerpc::CGssInitiator>(settings), options_.auth, options_.level};
+    return {std::make_unique<dcerpc::CGssInitiator>(settings), options_.auth, options_.level};
   }
 
   const SConnectionOptions options_;

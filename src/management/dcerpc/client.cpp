@@ -1,6 +1,7 @@
 #include "management/dcerpc/client.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace dcerpc {
@@ -67,20 +68,19 @@ constexpr std::uint32_t SecurityContextId = 1;
 
 }  // namespace
 
-CRpcClient::CRpcClient(std::unique_ptr<IClientStream> stream, const SSyntaxId& interface,
-                       std::optional<SClientSecurity> security)
+CRpcClient::CRpcClient(std::unique_ptr<IClientStream> stream, const SSyntaxId& interface, SClientSecurity security)
     : stream_(std::move(stream)), security_(std::move(security)) {
   Bind(interface);
 }
 
 SProtection CRpcClient::Protection() const {
-  if (!security_)
+  if (!security_.context)
     return {};
-  return {security_->context.get(), security_->type, security_->level, SecurityContextId, headerSigned_};
+  return {security_.context.get(), security_.type, security_.level, SecurityContextId, headerSigned_};
 }
 
 SToken CRpcClient::MakeToken(bytes_t value) const {
-  return {{security_->type, security_->level, 0, SecurityContextId}, std::move(value)};
+  return {{security_.type, security_.level, 0, SecurityContextId}, std::move(value)};
 }
 
 CRpcClient::SReceived CRpcClient::Receive() {
@@ -113,7 +113,7 @@ void CRpcClient::CheckAck(const SPdu& answer) {
                              ack.results[0].reason);
   if (answer.header.type == pdu_type_t::BindAck) {
     maxFragment_ = std::min<std::size_t>(maxFragment_, ack.maxReceive);
-    headerSigned_ = security_ && (answer.header.flags & pdu_flag::SupportHeaderSign) != 0;
+    headerSigned_ = security_.context && (answer.header.flags & pdu_flag::SupportHeaderSign) != 0;
     bind_.associationGroup = ack.associationGroup;
   }
 }
@@ -124,21 +124,21 @@ void CRpcClient::Bind(const SSyntaxId& interface) {
   header.type = pdu_type_t::Bind;
   header.callId = callId_;
   std::optional<SToken> token;
-  if (security_) {
+  if (security_.context) {
     header.flags |= pdu_flag::SupportHeaderSign;
-    token = MakeToken(security_->context->Step({}));
+    token = MakeToken(security_.context->Step({}));
   }
   stream_->Send(EncodeBind(header, bind_, token));
   const SReceived answer = Receive();
   CheckAck(answer.pdu);
-  if (security_)
+  if (security_.context)
     FinishHandshake(answer.pdu);
 }
 
 /// A last token of ours goes in an auth3, which has no answer, except where the mechanism is negotiated: there the
 /// server has the last word.
 void CRpcClient::FinishHandshake(const SPdu& ack) {
-  ISecurityContext& context = *security_->context;
+  ISecurityContext& context = *security_.context;
   bytes_t token(ack.authValue.begin(), ack.authValue.end());
   while (!context.IsEstablished()) {
     if (token.empty())
@@ -149,7 +149,7 @@ void CRpcClient::FinishHandshake(const SPdu& ack) {
       continue;
     SPduHeader header;
     header.callId = callId_;
-    if (security_->type != auth_type_t::Negotiate) {
+    if (security_.type != auth_type_t::Negotiate) {
       header.type = pdu_type_t::Auth3;
       stream_->Send(EncodeAuth3(header, MakeToken(std::move(next))));
       continue;

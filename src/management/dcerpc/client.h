@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
 
 #include "management/dcerpc/client_stream.h"
@@ -12,7 +11,8 @@
 
 namespace dcerpc {
 
-/// How a client proves who it is: the initiator's side of a context, and what it is announced as.
+/// How a client proves who it is: the initiator's side of a context, and what it is announced as. Without a context it
+/// proves nothing.
 struct SClientSecurity {
   std::unique_ptr<ISecurityContext> context;
   auth_type_t type = auth_type_t::None;
@@ -32,9 +32,8 @@ class CRpcClient {
   /// What a response may grow to, bytes.
   static constexpr std::size_t MaxResponse = std::size_t{256} << 20;
 
-  /// Binds to the interface, with authentication when there is security to do it with.
-  CRpcClient(std::unique_ptr<IClientStream> stream, const SSyntaxId& interface,
-             std::optional<SClientSecurity> security = std::nullopt);
+  /// Binds to the interface, with authentication when there is a context for it.
+  CRpcClient(std::unique_ptr<IClientStream> stream, const SSyntaxId& interface, SClientSecurity security = {});
 
   /// Throws fault_exc_t when the server refuses the call.
   SStub Call(std::uint16_t opnum, bytes_view_t stub);
@@ -55,7 +54,7 @@ class CRpcClient {
   SProtection Protection() const;
 
   const std::unique_ptr<IClientStream> stream_;
-  const std::optional<SClientSecurity> security_;
+  const SClientSecurity security_;
   SBind bind_;
   std::size_t maxFragment_ = MaxFragmentSize;
   bool headerSigned_ = false;

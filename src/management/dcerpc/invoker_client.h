@@ -18,7 +18,7 @@ class call_failed_exc_t : public exc::exc_of_t<call_failed_exc_t, exc::exc_base_
 /// As CRpcClient; texts are UTF-8.
 class CInvokerClient {
  public:
-  explicit CInvokerClient(std::unique_ptr<IClientStream> stream, std::optional<SClientSecurity> security = std::nullopt)
+  explicit CInvokerClient(std::unique_ptr<IClientStream> stream, SClientSecurity security = {})
       : client_(std::move(stream), InterfaceId(), std::move(security)) {}
 
   /// The output document of a command. Throws call_failed_exc_t when the command failed.

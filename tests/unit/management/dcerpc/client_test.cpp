@@ -124,7 +124,7 @@ std::string FailureOf(const Call& call) {
 class RpcClientTest : public testing::Test {
  protected:
   RpcClientTest() { settings_.interfaces = {echo_}; }
-  CRpcClient MakeClient(CLoopStream::change_t change = {}, std::optional<dcerpc::SClientSecurity> security = {}) {
+  CRpcClient MakeClient(CLoopStream::change_t change = {}, dcerpc::SClientSecurity security = {}) {
     return {std::make_unique<CLoopStream>(settings_, std::move(change)), echo_->Id(), std::move(security)};
   }
 
