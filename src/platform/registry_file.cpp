@@ -26,10 +26,13 @@ constexpr const char* Schema = R"(
 /// Another process holds the file only for moments: a batch, a checkpoint.
 constexpr const char* BusyTimeout = "PRAGMA busy_timeout = 10000";
 
+/// Only for a new file. A transaction writes each page that it touches, and most touch a few rows here and there.
+constexpr const char* PageSize = "PRAGMA page_size = 1024";
+
 /// The checkpoint writes each changed page once, however often it changed, so a longer log means less to write.
 constexpr const char* Settings = R"(
   PRAGMA synchronous = NORMAL;
-  PRAGMA wal_autocheckpoint = 4000;
+  PRAGMA wal_autocheckpoint = 16000;
   PRAGMA journal_size_limit = 33554432;
   PRAGMA cache_size = -8000;
 )";
@@ -104,7 +107,9 @@ error_t SetUp(sqlite_db_t& db) {
     if (version != Version)
       return version > Version ? error::RevisionMismatch : error::BadDatabase;
   }
-  result = db.Execute("PRAGMA journal_mode = WAL");
+  result = db.Execute(PageSize);
+  if (result == error::Success)
+    result = db.Execute("PRAGMA journal_mode = WAL");
   if (result == error::Success)
     result = db.Execute(Settings);
   if (result == error::Success && version == 0)

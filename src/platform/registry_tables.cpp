@@ -48,6 +48,18 @@ void AppendValue(const sqlite_query_t& row, int column, std::vector<registry_val
   }
 }
 
+/// The three columns that follow the key.
+void BindValue(sqlite_query_t& query, const registry_value_t& value) {
+  query.Bind(value.name);
+  if (const auto* text = std::get_if<std::string>(&value.data)) {
+    query.Bind(TextType).Bind(*text);
+  } else if (const auto* dword = std::get_if<std::uint32_t>(&value.data)) {
+    query.Bind(DwordType).Bind(std::int64_t{*dword});
+  } else {
+    query.Bind(QwordType).Bind(static_cast<std::int64_t>(std::get<std::uint64_t>(value.data)));
+  }
+}
+
 /// Reads keys from rows of id, name, and one value each, ordered so that the rows of a key follow each other.
 class key_rows_t {
  public:
@@ -209,17 +221,16 @@ error_t registry_tables_t::Delete(const registry_path_t& path) {
   return error::Success;
 }
 
-error_t registry_tables_t::PutValue(std::int64_t id, const registry_value_t& value) {
-  sqlite_query_t query(putValue_);
-  query.Bind(id).Bind(value.name);
-  if (const auto* text = std::get_if<std::string>(&value.data)) {
-    query.Bind(TextType).Bind(*text);
-  } else if (const auto* dword = std::get_if<std::uint32_t>(&value.data)) {
-    query.Bind(DwordType).Bind(std::int64_t{*dword});
-  } else {
-    query.Bind(QwordType).Bind(static_cast<std::int64_t>(std::get<std::uint64_t>(value.data)));
+error_t registry_tables_t::PutValues(std::int64_t id, const std::vector<registry_value_t>& values) {
+  for (std::size_t i = 0; i < values.size();) {
+    const std::size_t count = values.size() - i >= 3 ? 3 : 1;
+    sqlite_query_t query(count == 3 ? putThreeValues_ : putValue_);
+    for (const std::size_t end = i + count; i < end; ++i)
+      BindValue(query.Bind(id), values[i]);
+    if (const error_t result = query.Run(); result != error::Success)
+      return result;
   }
-  return query.Run();
+  return error::Success;
 }
 
 error_t registry_tables_t::GetValue(std::int64_t id, std::string_view name, registry_data_t& data) {

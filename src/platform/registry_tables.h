@@ -50,7 +50,7 @@ class registry_tables_t {
   error_t Delete(const registry_path_t& path);
   error_t FindOrCreate(const registry_path_t& path, std::int64_t& id);
 
-  error_t PutValue(std::int64_t id, const registry_value_t& value);
+  error_t PutValues(std::int64_t id, const std::vector<registry_value_t>& values);
   /// 2 when it is not there or cannot be read.
   error_t GetValue(std::int64_t id, std::string_view name, registry_data_t& data);
   error_t RemoveValue(std::int64_t id, std::string_view name);
@@ -81,6 +81,11 @@ class registry_tables_t {
   sqlite_statement_t putValue_{db_,
                                "INSERT INTO vals(key, name, type, data) VALUES(?, ?, ?, ?) "
                                "ON CONFLICT(key, name) DO UPDATE SET type = excluded.type, data = excluded.data"};
+  /// What is stored for an item comes in threes, and a run of a statement costs more than a row.
+  sqlite_statement_t putThreeValues_{db_,
+                                     "INSERT INTO vals(key, name, type, data) "
+                                     "VALUES(?, ?, ?, ?), (?, ?, ?, ?), (?, ?, ?, ?) "
+                                     "ON CONFLICT(key, name) DO UPDATE SET type = excluded.type, data = excluded.data"};
   sqlite_statement_t getValue_{db_, "SELECT type, data FROM vals WHERE key = ? AND name = ?"};
   sqlite_statement_t findValue_{db_, "SELECT 1 FROM vals WHERE key = ? AND name = ?"};
   sqlite_statement_t removeValue_{db_, "DELETE FROM vals WHERE key = ? AND name = ?"};

@@ -226,10 +226,8 @@ error_t sqlite_registry_t::SetValues(std::string_view key, const std::vector<reg
     return checked;
   return impl_->Write(key, [&values](registry_tables_t& tables, const registry_path_t& path) {
     std::int64_t id = 0;
-    error_t result = tables.FindOrCreate(path, id);
-    for (std::size_t i = 0; i < values.size() && result == error::Success; ++i)
-      result = tables.PutValue(id, values[i]);
-    return result;
+    const error_t result = tables.FindOrCreate(path, id);
+    return result == error::Success ? tables.PutValues(id, values) : result;
   });
 }
 
