@@ -1,10 +1,10 @@
-# The commands that people use; everything else is CMake with the presets release, debug, asan and tsan.
+# The commands that people use; everything else is CMake with the presets release, debug, asan, tsan and fuzz.
 .DEFAULT_GOAL := help
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 TIME ?= 60
 
-.PHONY: help run build test unit integration asan tsan bench format check-format tidy clean
+.PHONY: help run build test unit integration asan tsan fuzz bench format check-format tidy clean
 
 help:
 	@echo "make run      install what is missing, build, start the service with a demo share"
@@ -13,6 +13,7 @@ help:
 	@echo "make bench    measure the server beside the limit of this machine and its peers"
 	@echo "make asan     unit tests with address, undefined-behaviour and leak sanitizers"
 	@echo "make tsan     unit tests with the thread sanitizer"
+	@echo "make fuzz     run every fuzz target, TIME=60 seconds each"
 	@echo "make tidy     clang-tidy over all sources;  make format: clang-format in place"
 
 build:
@@ -42,6 +43,11 @@ asan tsan:
 	@scripts/install-packages build test
 	@scripts/build-preset $@
 	@scripts/run-tests $@ -L unit
+
+fuzz:
+	@scripts/install-packages build fuzz
+	@scripts/build-preset fuzz
+	@FUZZ_TIME=$(TIME) scripts/run-fuzz
 
 bench:
 	@scripts/install-packages build bench

@@ -42,12 +42,13 @@ struct SFakeNode {
 /// What the items of one backend share. Any thread.
 struct SFakeBackend {
   std::mutex mutex;
-  GUID mountUid;                        ///< Nil for a backend that is no mount.
-  std::atomic<bool> isAvailable{true};  ///< False: listing tells so, opening finds nothing, transfers fail.
-  std::atomic<int> enumerations{0};     ///< Calls of Enumerate.
-  std::atomic<int> specQuestions{0};    ///< Calls of GetItemSpec and GetMountUid of files.
-  std::atomic<int> state{0};            ///< Not 0: folders tell it as what they list from.
-  std::atomic<int> failure{0};          ///< Not 0: the next change of a folder throws win_sys_exc_t with it.
+  GUID mountUid;                          ///< Nil for a backend that is no mount.
+  std::atomic<bool> isAvailable{true};    ///< False: listing tells so, opening finds nothing, transfers fail.
+  std::atomic<int> enumerations{0};       ///< Calls of Enumerate.
+  std::atomic<int> specQuestions{0};      ///< Calls of GetItemSpec and GetMountUid of files.
+  std::atomic<int> state{0};              ///< Not 0: folders tell it as what they list from.
+  std::uint64_t largestFile{1ULL << 40};  ///< Bytes; what would make a larger file fails, as on a full disk.
+  std::atomic<int> failure{0};            ///< Not 0: the next change of a folder throws win_sys_exc_t with it.
   std::shared_ptr<SFakeNode> root = std::make_shared<SFakeNode>();
 
   SFakeBackend() { root->isFolder = true; }
@@ -181,6 +182,7 @@ class CFakeFile : public CFakeItem<IFsFile> {
     const auto lock = Lock();
     CheckAvailable();
     CheckThere();
+    CheckRoom(count <= backend_->largestFile && offset <= backend_->largestFile - count);
     if (node_->content.size() < offset + count)
       node_->content.resize(offset + count);
     if (count != 0)
@@ -188,7 +190,14 @@ class CFakeFile : public CFakeItem<IFsFile> {
   }
   void Resize(std::uint64_t newSize) override {
     const auto lock = Lock();
+    CheckRoom(newSize <= backend_->largestFile);
     node_->content.resize(newSize);
+  }
+
+ private:
+  static void CheckRoom(bool isThere) {
+    if (!isThere)
+      throw exc::win_sys_exc_t("The backend is full.", platform::error::DiskFull);
   }
 };
 
