@@ -9,6 +9,7 @@ import argparse
 import sys
 
 INTERFACE = "d1c2c07a-d989-48cc-a423-b73ecd518d40"
+OBJECT = "5d3f0a1c-6b7e-4c52-9f10-2a4b6c8d0e1f"
 NULL = "-"
 
 
@@ -27,6 +28,8 @@ def arguments():
     parser.add_argument("--fragment", type=int, default=0, help="stub bytes of one fragment of a request")
     parser.add_argument("--big", action="store_true", help="integers go big end first")
     parser.add_argument("--stubs", action="store_true", help="print what went and came, byte for byte")
+    parser.add_argument("--object", action="store_true", help="name an object in each request")
+    parser.add_argument("--tamper", action="store_true", help="change one bit of each request on its way")
     parser.add_argument("--contexts", action="store_true", help="further presentation contexts, before and after")
     return parser.parse_args()
 

@@ -6,7 +6,7 @@ import sys
 from impacket.dcerpc.v5 import rpcrt, transport
 from impacket.dcerpc.v5.dtypes import LONG, LPWSTR, UCHAR, WSTR
 from impacket.dcerpc.v5.ndr import NDRCALL, NDRPOINTER, NDRSTRUCT, NDRUniConformantArray
-from impacket.uuid import uuidtup_to_bin
+from impacket.uuid import string_to_bin, uuidtup_to_bin
 
 import conversation
 
@@ -138,16 +138,30 @@ def bind_rpc(options):
     return rpc
 
 
+def tamper(link):
+    """Changes one bit of what is sent from now on, of the stub of a request without an object."""
+    send = link.send
+
+    def send_changed(data, **options):
+        stub = 24
+        return send(data[:stub] + bytes([data[stub] ^ 1]) + data[stub + 1 :], **options)
+
+    link.send = send_changed
+
+
 def bind(options):
     try:
         rpc = bind_rpc(options)
     except rpcrt.DCERPCException as refusal:
         raise conversation.Refusal(refusal)
 
+    if options.tamper:
+        tamper(rpc.get_rpc_transport())
+
     def call(name, fields):
         request = encode(name, fields)
         try:
-            rpc.call(request.opnum, request)
+            rpc.call(request.opnum, request, string_to_bin(conversation.OBJECT) if options.object else None)
             stub = rpc.recv()
         except rpcrt.DCERPCException as refusal:
             raise conversation.Refusal(refusal)
