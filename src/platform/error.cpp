@@ -146,6 +146,7 @@ constexpr text_t Texts[] = {
     {183, "The file exists already."},
     {206, "The file name is too long."},
     {223, "The file is too large."},
+    {231, "All instances of the pipe are in use."},
     {234, "More data is available."},
     {258, "The wait has timed out."},
     {487, "The address is not valid."},

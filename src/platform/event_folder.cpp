@@ -1,62 +1,18 @@
 #include "platform/event_folder.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-
-#include "platform/clock.h"
-#include "platform/environment.h"
 
 namespace platform {
 namespace {
 
 constexpr std::string_view Prefix = "Global\\";
 constexpr std::uint64_t AnswerMilliseconds = 2000;
-constexpr std::uint64_t LockMilliseconds = 2000;
-constexpr std::uint32_t RetryMilliseconds = 5;
-
-/// Time that runs out.
-class deadline_t {
- public:
-  explicit deadline_t(std::uint64_t milliseconds) : end_(SystemClock().MonotonicMilliseconds() + milliseconds) {}
-  int Left() const {
-    const std::uint64_t now = SystemClock().MonotonicMilliseconds();
-    return now >= end_ ? 0 : static_cast<int>(end_ - now);
-  }
-
- private:
-  const std::uint64_t end_;
-};
-
-/// The process's umask must not decide who may look the event up.
-error_t CreateOpenFolder(const std::string& path) {
-  if (::mkdir(path.c_str(), 0755) == 0)
-    return ::chmod(path.c_str(), 0755) == 0 ? error::Success : LastError();
-  return errno == EEXIST ? error::Success : LastError();
-}
-
-/// The address of a name in the folder. One that is too long for the socket's address is reached through the folder's
-/// descriptor.
-error_t MakeAddress(const std::string& path, int folder, const std::string& name, sockaddr_un& address) {
-  std::string text = path + '/' + name;
-  if (text.size() >= sizeof(address.sun_path))
-    text = "/proc/self/fd/" + std::to_string(folder) + '/' + name;
-  if (text.size() >= sizeof(address.sun_path))
-    return error::FilenameExceedsRange;
-  address = {};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, text.c_str(), text.size());
-  return error::Success;
-}
 
 bool IsEventfd(int descriptor) {
   constexpr std::string_view Kind = "anon_inode:[eventfd]";
@@ -112,10 +68,9 @@ error_t ReceiveEvent(int socket, const deadline_t& deadline, event_folder_t::fou
     if (errno != EAGAIN && errno != EINTR)
       return LastError();
     pollfd readable{socket, POLLIN, 0};
-    const int left = deadline.Left();
-    if (left == 0)
+    if (deadline.IsOver())
       return error::SemaphoreTimeout;
-    ::poll(&readable, 1, left);
+    ::poll(&readable, 1, static_cast<int>(deadline.RemainingMs()));
   }
 }
 
@@ -130,57 +85,12 @@ error_t EventFileName(std::string_view event, std::string& name) {
   return error::Success;
 }
 
-error_t event_folder_t::Open(bool create) {
-  const std::string runtime = RuntimeFolder();
-  path_ = runtime + "/event";
-  if (create) {
-    error_t created = CreateOpenFolder(runtime);
-    if (created == error::Success)
-      created = CreateOpenFolder(path_);
-    if (created != error::Success)
-      return created;
-  }
-  folder_ = descriptor_t(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return folder_.IsOpen() ? error::Success : LastError();
-}
-
-descriptor_t event_folder_t::Lock() const {
-  // A description of its own, for that is what a lock belongs to.
-  descriptor_t lock(::openat(folder_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const deadline_t deadline(LockMilliseconds);
-  while (lock.IsOpen() && ::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0 && deadline.Left() > 0)
-    SystemClock().Sleep(RetryMilliseconds);
-  return lock;
-}
-
-error_t event_folder_t::StartConnect(int socket, const std::string& name) const {
-  sockaddr_un address{};
-  const error_t made = MakeAddress(path_, folder_.Get(), name, address);
-  if (made != error::Success)
-    return made;
-  const deadline_t deadline(AnswerMilliseconds);
-  while (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    // A full queue is no place in it.
-    if (errno != EAGAIN && errno != EINTR)
-      return ErrorFromErrno(errno);
-    if (deadline.Left() == 0)
-      return error::SemaphoreTimeout;
-    SystemClock().Sleep(RetryMilliseconds);
-  }
-  return error::Success;
-}
-
-error_t event_folder_t::Connect(const std::string& name, found_t& found, descriptor_t& event) const {
+error_t event_folder_t::Find(const std::string& name, found_t& found, descriptor_t& event) const {
   found = found_t::Nothing;
-  struct stat info {};
-  if (::fstatat(folder_.Get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
-    return errno == ENOENT ? error::Success : LastError();
-  if (!S_ISSOCK(info.st_mode))
-    return error::InvalidHandle;
   const descriptor_t socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket.IsOpen())
     return LastError();
-  const error_t connected = StartConnect(socket.Get(), name);
+  const error_t connected = Connect(socket.Get(), name, deadline_t::After(AnswerMilliseconds));
   if (connected == error::FileNotFound)
     return error::Success;
   if (connected == error::ConnectionRefused) {
@@ -189,40 +99,7 @@ error_t event_folder_t::Connect(const std::string& name, found_t& found, descrip
   }
   if (connected != error::Success)
     return connected;
-  return ReceiveEvent(socket.Get(), deadline_t(AnswerMilliseconds), found, event);
-}
-
-error_t event_folder_t::Listen(const std::string& name, mode_t mode, descriptor_t& listener, file_id_t& file) const {
-  sockaddr_un address{};
-  const error_t made = MakeAddress(path_, folder_.Get(), name, address);
-  if (made != error::Success)
-    return made;
-  descriptor_t socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!socket.IsOpen() || ::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
-    return errno == EADDRINUSE ? error::AlreadyExists : LastError();
-  struct stat info {};
-  const bool listening = ::fstatat(folder_.Get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
-                         ::fchmodat(folder_.Get(), name.c_str(), mode, 0) == 0 &&
-                         ::listen(socket.Get(), SOMAXCONN) == 0;
-  if (!listening) {
-    const error_t failure = LastError();
-    ::unlinkat(folder_.Get(), name.c_str(), 0);
-    return failure;
-  }
-  file = {info.st_dev, info.st_ino};
-  listener = std::move(socket);
-  return error::Success;
-}
-
-void event_folder_t::Remove(const std::string& name, const file_id_t& file) const {
-  struct stat info {};
-  if (::fstatat(folder_.Get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
-      file == file_id_t{info.st_dev, info.st_ino})
-    ::unlinkat(folder_.Get(), name.c_str(), 0);
-}
-
-error_t event_folder_t::RemoveLeftover(const std::string& name) const {
-  return ::unlinkat(folder_.Get(), name.c_str(), 0) == 0 || errno == ENOENT ? error::Success : LastError();
+  return ReceiveEvent(socket.Get(), deadline_t::After(AnswerMilliseconds), found, event);
 }
 
 void SendEvent(int socket, int event) noexcept {

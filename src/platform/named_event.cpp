@@ -92,7 +92,7 @@ class event_owner_t final : public event_handle_t {
 
   /// The folder's lock is held by the caller.
   error_t Start(mode_t mode) {
-    const error_t listening = folder_.Listen(name_, mode, listener_, file_);
+    const error_t listening = folder_.Listen(name_, mode, SOMAXCONN, listener_, file_);
     if (listening != error::Success)
       return listening;
     try {
@@ -172,7 +172,7 @@ error_t CreateOrFind(std::string_view event, mode_t mode, boost::shared_ptr<name
   const descriptor_t lock = folder.Lock();
   event_folder_t::found_t found{};
   descriptor_t other(-1);
-  result = folder.Connect(name, found, other);
+  result = folder.Find(name, found, other);
   if (result != error::Success)
     return result;
   if (found == event_folder_t::found_t::Event) {
@@ -204,7 +204,7 @@ error_t Find(std::string_view event, boost::shared_ptr<named_event_t>& handle) {
     return result;
   event_folder_t::found_t found{};
   descriptor_t other(-1);
-  result = folder.Connect(name, found, other);
+  result = folder.Find(name, found, other);
   if (result != error::Success)
     return result;
   if (found != event_folder_t::found_t::Event)

@@ -1,0 +1,244 @@
+#include "platform/message_pipe.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/make_shared.hpp>
+#include <cerrno>
+#include <climits>
+
+#include "platform/pipe_wait.h"
+#include "platform/socket_folder.h"
+#include "platform/text.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view Prefix = R"(\\.\pipe\)";
+constexpr std::size_t FirstGrowth = 4096;
+constexpr std::size_t LargestGrowth = std::size_t{1} << 20;
+
+/// A peer that closed with something unread tells of it by a reset.
+error_t TransferError() noexcept {
+  return errno == ECONNRESET || errno == EPIPE ? error::BrokenPipe : LastError();
+}
+
+bool WouldBlock() noexcept {
+  return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+/// Leaves out what has been sent.
+void Advance(std::span<iovec>& parts, std::size_t sent) noexcept {
+  while (!parts.empty() && sent >= parts.front().iov_len) {
+    sent -= parts.front().iov_len;
+    parts = parts.subspan(1);
+  }
+  if (!parts.empty()) {
+    parts.front().iov_base = static_cast<std::uint8_t*>(parts.front().iov_base) + sent;
+    parts.front().iov_len -= sent;
+  }
+}
+
+iovec Part(std::span<const std::uint8_t> bytes) noexcept {
+  // sendmsg takes what it only reads without const.
+  return {const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
+}
+
+/// Sends all parts. `sent`: whether any byte has left.
+error_t SendAll(int socket, std::span<iovec> parts, const pipe_wait_t& wait, bool& sent) {
+  while (!parts.empty()) {
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
+    const ssize_t count = ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count >= 0) {
+      sent = sent || count > 0;
+      Advance(parts, static_cast<std::size_t>(count));
+    } else if (WouldBlock()) {
+      const error_t waited = WaitForReadiness(socket, POLLOUT, wait);
+      if (waited != error::Success)
+        return waited;
+    } else if (errno != EINTR) {
+      return TransferError();
+    }
+  }
+  return error::Success;
+}
+
+bool HasHungUp(int socket) noexcept {
+  pollfd entry{socket, POLLIN, 0};
+  return ::poll(&entry, 1, 0) > 0 && (entry.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+}  // namespace
+
+error_t PipeFileName(std::string_view pipe, std::string& name) {
+  if (EqualIgnoringCase(pipe.substr(0, Prefix.size()), Prefix))
+    pipe.remove_prefix(Prefix.size());
+  if (!IsPlainName(pipe))
+    return error::PathNotFound;
+  name = pipe;
+  return error::Success;
+}
+
+message_pipe_t::message_pipe_t(descriptor_t socket) noexcept : socket_(std::move(socket)) {}
+
+error_t message_pipe_t::Wait(std::string_view pipe, std::uint32_t milliseconds, pipe_place_t& place) {
+  place = pipe_place_t();
+  std::string name;
+  const error_t named = PipeFileName(pipe, name);
+  if (named != error::Success)
+    return named;
+  socket_folder_t folder;
+  place.failure_ = folder.Open(PipeFolder, PipeFolderMode, false);
+  if (place.failure_ == error::FileNotFound)
+    return error::FileNotFound;
+  if (place.failure_ != error::Success)
+    return error::Success;
+  place.socket_ = descriptor_t(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!place.socket_.IsOpen()) {
+    place.failure_ = LastError();
+    return error::Success;
+  }
+  place.failure_ = folder.Connect(place.socket_.Get(), name, deadline_t::After(milliseconds));
+  // A file that was left behind is no pipe any more.
+  if (place.failure_ == error::FileNotFound || place.failure_ == error::ConnectionRefused)
+    return error::FileNotFound;
+  return place.failure_ == error::SemaphoreTimeout ? error::SemaphoreTimeout : error::Success;
+}
+
+error_t message_pipe_t::Open(pipe_place_t place, boost::shared_ptr<message_pipe_t>& pipe) {
+  pipe.reset();
+  if (place.failure_ != error::Success)
+    return place.failure_;
+  if (HasHungUp(place.socket_.Get()))
+    return error::FileNotFound;
+  pipe = boost::make_shared<message_pipe_t>(std::move(place.socket_));
+  return error::Success;
+}
+
+error_t message_pipe_t::Open(std::string_view name, boost::shared_ptr<message_pipe_t>& pipe) {
+  pipe.reset();
+  pipe_place_t place;
+  const error_t waited = Wait(name, 0, place);
+  if (waited != error::Success)
+    return waited == error::SemaphoreTimeout ? error::PipeBusy : waited;
+  return Open(std::move(place), pipe);
+}
+
+error_t message_pipe_t::Write(std::span<const std::uint8_t> message, const pipe_wait_t& wait) {
+  return Write(message, {}, wait);
+}
+
+error_t message_pipe_t::Write(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest,
+                              const pipe_wait_t& wait) {
+  if (head.size() > MaxPipeMessage || rest.size() > MaxPipeMessage - head.size())
+    return error::InvalidParameter;
+  if (writeBroken_)
+    return error::BrokenPipe;
+  const std::size_t length = head.size() + rest.size();
+  std::array<std::uint8_t, HeaderSize> header{};
+  for (std::size_t i = 0; i < HeaderSize; ++i)
+    header[i] = static_cast<std::uint8_t>(length >> (8 * i));
+  std::array<iovec, 3> parts{Part(header), Part(head), Part(rest)};
+  bool sent = false;
+  const error_t result = SendAll(socket_.Get(), parts, wait, sent);
+  writeBroken_ = result == error::BrokenPipe || (result != error::Success && sent);
+  return result;
+}
+
+/// Fills the buffer; `count` tells how far that came.
+error_t message_pipe_t::Receive(std::span<std::uint8_t> buffer, std::size_t& count, const pipe_wait_t& wait) {
+  count = 0;
+  while (count < buffer.size()) {
+    const ssize_t received = ::recv(socket_.Get(), buffer.data() + count, buffer.size() - count, MSG_DONTWAIT);
+    if (received > 0) {
+      count += static_cast<std::size_t>(received);
+    } else if (received == 0) {
+      return error::BrokenPipe;
+    } else if (WouldBlock()) {
+      const error_t waited = WaitForReadiness(socket_.Get(), POLLIN, wait);
+      if (waited != error::Success)
+        return waited;
+    } else if (errno != EINTR) {
+      return TransferError();
+    }
+  }
+  return error::Success;
+}
+
+error_t message_pipe_t::ReadHeader(const pipe_wait_t& wait) {
+  if (headerSize_ == HeaderSize)
+    return error::Success;
+  std::size_t count = 0;
+  const error_t result = Receive(std::span(header_).subspan(headerSize_), count, wait);
+  headerSize_ += count;
+  if (result != error::Success)
+    return result;
+  left_ = 0;
+  for (std::size_t i = 0; i < HeaderSize; ++i)
+    left_ |= static_cast<std::size_t>(header_[i]) << (8 * i);
+  return error::Success;
+}
+
+error_t message_pipe_t::Read(std::span<std::uint8_t> buffer, std::size_t& count, const pipe_wait_t& wait) {
+  count = 0;
+  const error_t begun = ReadHeader(wait);
+  if (begun != error::Success)
+    return begun;
+  const error_t result = Receive(buffer.first(std::min(buffer.size(), left_)), count, wait);
+  left_ -= count;
+  if (result != error::Success)
+    return result;
+  if (left_ != 0)
+    return error::MoreData;
+  headerSize_ = 0;
+  return error::Success;
+}
+
+error_t message_pipe_t::ReadMessage(std::vector<std::uint8_t>& message, std::size_t limit, const pipe_wait_t& wait) {
+  message.clear();
+  std::size_t growth = FirstGrowth;
+  for (;;) {
+    const std::size_t have = message.size();
+    message.resize(have + std::min(growth, limit - have));
+    std::size_t count = 0;
+    const error_t result = Read(std::span(message).subspan(have), count, wait);
+    message.resize(have + count);
+    if (result != error::MoreData || message.size() == limit)
+      return result;
+    growth = std::clamp(message.size(), FirstGrowth, LargestGrowth);
+  }
+}
+
+error_t message_pipe_t::LookForUnread() const {
+  if (headerSize_ != 0)
+    return error::PipeBusy;
+  for (;;) {
+    std::uint8_t byte = 0;
+    const ssize_t received = ::recv(socket_.Get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK);
+    if (received > 0)
+      return error::PipeBusy;
+    if (received == 0)
+      return error::BrokenPipe;
+    if (WouldBlock())
+      return error::Success;
+    if (errno != EINTR)
+      return TransferError();
+  }
+}
+
+error_t message_pipe_t::Transact(std::span<const std::uint8_t> request, std::span<std::uint8_t> reply,
+                                 std::size_t& count, const pipe_wait_t& wait) {
+  count = 0;
+  error_t result = LookForUnread();
+  if (result == error::Success)
+    result = Write(request, wait);
+  return result == error::Success ? Read(reply, count, wait) : result;
+}
+
+}  // namespace platform
