@@ -9,6 +9,8 @@ namespace wrap {
 
 IInvokeDispatcher::~IInvokeDispatcher() = default;
 
+// Takes the references over, and drops them.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void IInvokeDispatcher::InvokeSerial(winxml::document_ptr, winxml::document_ptr) {}
 
 void IInvokeDispatcher::SoapEnter(const std::string& name, const std::string& input) {

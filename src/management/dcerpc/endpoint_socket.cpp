@@ -59,12 +59,9 @@ std::optional<Entry> LookUp(int (*find)(Key, Entry*, char*, std::size_t, Entry**
 /// The folder in which the socket lies, open. The process's umask must not decide who gets to the socket.
 error_t OpenFolder(descriptor_t& folder) {
   const std::string path = platform::RuntimeFolder();
-  if (::mkdir(path.c_str(), FolderMode) == 0) {
-    if (::chmod(path.c_str(), FolderMode) != 0)
-      return platform::LastError();
-  } else if (errno != EEXIST) {
+  const bool isNew = ::mkdir(path.c_str(), FolderMode) == 0;
+  if (isNew ? ::chmod(path.c_str(), FolderMode) != 0 : errno != EEXIST)
     return platform::LastError();
-  }
   folder = descriptor_t(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return folder.IsOpen() ? platform::error::Success : platform::LastError();
 }
@@ -211,11 +208,9 @@ SCaller LocalCaller(int socket) {
   caller.authenticated = true;
   caller.principal = exc::FormatText("uid %1", peer.uid);
   std::vector<char> buffer;
-  if (const std::optional<passwd> account = LookUp(&::getpwuid_r, peer.uid, buffer)) {
-    caller.account = account->pw_name;
-  } else if (peer.uid == 0) {
-    caller.account = "root";
-  }
+  const std::optional<passwd> account = LookUp(&::getpwuid_r, peer.uid, buffer);
+  const char* const withoutAccount = peer.uid == 0 ? "root" : "";
+  caller.account = account ? account->pw_name : withoutAccount;
   return caller;
 }
 

@@ -55,8 +55,8 @@ void WriteTexts(CNdrWriter& writer, const SInvokeRequest& request) {
 }  // namespace
 
 const SSyntaxId& InvokerInterfaceId() {
-  static const SSyntaxId Id{*platform::GuidFromText("{d1c2c07a-d989-48cc-a423-b73ecd518d40}"), 1};
-  return Id;
+  static const SSyntaxId id{*platform::GuidFromText("{d1c2c07a-d989-48cc-a423-b73ecd518d40}"), 1};
+  return id;
 }
 
 SInvokeRequest DecodeDoRpcRequest(bytes_view_t stub, byte_order_t order) {
