@@ -68,9 +68,10 @@ CGssAcceptor::CGssAcceptor(auth_type_t type, auth_level_t level, std::shared_ptr
                            std::shared_ptr<CNtlmUserFile> users)
     : CGssContext(side_t::Acceptor, type, level, {}), accounts_(std::move(accounts)), users_(std::move(users)) {}
 
-gss::credential_t CGssAcceptor::NtlmCredential(gss_OID mechanism) const {
-  const std::string path = users_->UsablePath();
-  gss_key_value_element_desc element{"ntlmssp_keyfile", path.c_str()};
+gss::credential_t CGssAcceptor::NtlmCredential(gss_OID mechanism) {
+  // Read when the last token comes.
+  usersInUse_ = users_->Usable();
+  gss_key_value_element_desc element{"ntlmssp_keyfile", usersInUse_->path.c_str()};
   const gss_key_value_set_desc store{1, &element};
   gss_OID_set_desc mechanisms = SetOf(mechanism);
   // Without a name of this form the mechanism makes a user's credential, and falls over it when a token comes.

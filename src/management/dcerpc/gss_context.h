@@ -80,10 +80,11 @@ class CGssAcceptor : public CGssContext {
  private:
   bytes_t PrepareFirstToken(bytes_view_t token);
   bytes_t PrepareNegotiation(bytes_view_t token);
-  gss::credential_t NtlmCredential(gss_OID mechanism) const;
+  gss::credential_t NtlmCredential(gss_OID mechanism);
 
   const std::shared_ptr<const CAccountMap> accounts_;
   const std::shared_ptr<CNtlmUserFile> users_;
+  std::shared_ptr<const SNtlmUsers> usersInUse_;
   bool started_ = false;
   gss::credential_t credential_;
   std::string account_;

@@ -37,7 +37,7 @@ auth_level_t EffectiveLevel(auth_level_t level) {
 CGssProvider::CGssProvider(std::shared_ptr<const CAccountMap> accounts)
     : accounts_(std::move(accounts)), users_(std::make_shared<CNtlmUserFile>()) {
   // A file that is refused is told at the start, not at the first caller.
-  users_->UsablePath();
+  users_->Usable();
 }
 
 bool CGssProvider::IsAvailable(auth_type_t type, std::string* error) {
