@@ -109,7 +109,7 @@ void RegisterWithEndpointMapper(const std::vector<SRpcInterfaceEntry>& interface
                                 const std::vector<std::string>& bindings, IRpcRuntime& runtime) {
   try {
     for (const SRpcInterfaceEntry& entry : interfaces)
-      ThrowOnFailure(runtime.RegisterEndpoint(entry.name, bindings),
+      ThrowOnFailure(runtime.RegisterEndpoint(entry.handle->Id(), entry.name, bindings),
                      exc::FormatText("Failed to process interface [%1].", entry.name));
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to register endpoints used by RPC interfaces in the endpoint mapper database.", failure);

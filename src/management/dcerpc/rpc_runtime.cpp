@@ -6,8 +6,11 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <climits>
 #include <memory>
+#include <optional>
+#include <utility>
 
 #include "foundation/log.h"
 
@@ -15,8 +18,29 @@ namespace dcerpc {
 
 using platform::error_t;
 
-CRpcRuntime::CRpcRuntime(boost::shared_ptr<ISecurityProvider> security, SRuntimeLimits limits)
-    : security_(std::move(security)), limits_(limits), slots_(boost::make_shared<CCallSlots>(limits.calls)) {}
+namespace {
+
+/// The number of a binding over TCP; nothing for another.
+std::optional<std::uint16_t> TcpPort(std::string_view binding) {
+  constexpr std::string_view Tcp = "ncacn_ip_tcp:";
+  std::uint16_t port = 0;
+  if (!binding.starts_with(Tcp))
+    return std::nullopt;
+  binding.remove_prefix(Tcp.size());
+  const auto [end, failure] = std::from_chars(binding.begin(), binding.end(), port);
+  if (failure != std::errc() || end != binding.end())
+    return std::nullopt;
+  return port;
+}
+
+}  // namespace
+
+CRpcRuntime::CRpcRuntime(boost::shared_ptr<ISecurityProvider> security, SRuntimeLimits limits,
+                         SEndpointMapperPlace mapper)
+    : security_(std::move(security)),
+      limits_(limits),
+      mapper_(mapper),
+      slots_(boost::make_shared<CCallSlots>(limits.calls)) {}
 
 CRpcRuntime::~CRpcRuntime() {
   StopListening();
@@ -65,11 +89,53 @@ error_t CRpcRuntime::InquireBindings(std::vector<std::string>& bindings) {
   return bindings.empty() ? rpc_error::NoBindings : platform::error::Success;
 }
 
-error_t CRpcRuntime::RegisterEndpoint(std::string_view name, const std::vector<std::string>& bindings) {
-  g_rpc_log.Info("There is no endpoint mapper. RPC interface '%1' is found by its port alone.", name);
+error_t CRpcRuntime::RegisterEndpoint(const SSyntaxId& interface, std::string_view name,
+                                      const std::vector<std::string>& bindings) {
+  const std::unique_ptr<CEndpointMapper> mapper = CEndpointMapper::Find(mapper_);
+  if (mapper == nullptr)
+    g_rpc_log.Info("There is no endpoint mapper. RPC interface '%1' is found by its port alone.", name);
   for (const std::string& binding : bindings)
     g_rpc_log.Info("Binding: [%1].", binding);
+  if (mapper == nullptr)
+    return platform::error::Success;
+  const auto refused = [name](error_t number, const std::exception& failure) {
+    g_rpc_log.Warning(exc::FormatText("The endpoint mapper does not take the RPC interface '%1'.", name), failure);
+    return number;
+  };
+  try {
+    for (const std::string& binding : bindings) {
+      const std::optional<std::uint16_t> port = TcpPort(binding);
+      if (!port)
+        continue;
+      const SEndpointEntry entry{interface, *port, {}, std::string(name)};
+      mapper->Insert(entry);
+      registered_.push_back(entry);
+    }
+  } catch (const fault_exc_t& failure) {
+    return refused(failure.Status(), failure);
+  } catch (const exc::win_sys_exc_t& failure) {
+    return refused(failure.Code(), failure);
+  } catch (const std::exception& failure) {
+    return refused(rpc_error::CallFailed, failure);
+  }
+  g_rpc_log.Info("RPC interface '%1' is registered in the endpoint mapper.", name);
   return platform::error::Success;
+}
+
+/// A mapper that has gone, or does not want to, is none of the stop's business.
+void CRpcRuntime::WithdrawEndpoints() noexcept {
+  try {
+    const std::vector<SEndpointEntry> entries = std::exchange(registered_, {});
+    if (entries.empty())
+      return;
+    const std::unique_ptr<CEndpointMapper> mapper = CEndpointMapper::Find(mapper_);
+    if (mapper == nullptr)
+      throw exc::runtime_exc_t("The endpoint mapper does not answer.");
+    for (const SEndpointEntry& entry : entries)
+      mapper->Delete(entry);
+  } catch (const std::exception& failure) {
+    g_rpc_log.Warning("The endpoint mapper keeps what it was told of this service.", failure);
+  }
 }
 
 error_t CRpcRuntime::QualifiedHostName(std::string& name) {
@@ -141,6 +207,7 @@ error_t CRpcRuntime::Listen() {
 }
 
 error_t CRpcRuntime::StopListening() {
+  WithdrawEndpoints();
   if (listeners_.empty())
     return rpc_error::NotListening;
   for (const std::unique_ptr<CListener>& listener : listeners_)

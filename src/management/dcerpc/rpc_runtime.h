@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "management/dcerpc/call_slots.h"
+#include "management/dcerpc/endpoint_mapper.h"
 #include "management/dcerpc/endpoint_socket.h"
 #include "management/dcerpc/listener.h"
 #include "platform/error.h"
@@ -23,6 +24,7 @@ inline constexpr platform::error_t TypeAlreadyRegistered = 1712;
 inline constexpr platform::error_t AlreadyListening = 1713;
 inline constexpr platform::error_t NotListening = 1715;
 inline constexpr platform::error_t NoBindings = 1718;
+inline constexpr platform::error_t CallFailed = 1726;
 }  // namespace rpc_error
 
 /// The runtime. One thread at a time; operations return a number, 0 for success.
@@ -40,8 +42,9 @@ class IRpcRuntime {
   virtual platform::error_t RegisterInterface(boost::shared_ptr<IRpcInterface> served) = 0;
   /// What was opened, as SListeningSocket::Binding tells it.
   virtual platform::error_t InquireBindings(std::vector<std::string>& bindings) = 0;
-  /// Tells an endpoint mapper where an interface is.
-  virtual platform::error_t RegisterEndpoint(std::string_view name, const std::vector<std::string>& bindings) = 0;
+  /// Tells an endpoint mapper where an interface is; the name is for people.
+  virtual platform::error_t RegisterEndpoint(const SSyntaxId& interface, std::string_view name,
+                                             const std::vector<std::string>& bindings) = 0;
   virtual platform::error_t QualifiedHostName(std::string& name) = 0;
   virtual platform::error_t MakeSpn(std::string_view serviceClass, std::string_view host, std::string& spn) = 0;
   /// Whether callers can authenticate in this way. Throws what the security provider throws when they cannot.
@@ -66,7 +69,8 @@ struct SRuntimeLimits {
 class CRpcRuntime : public IRpcRuntime {
  public:
   /// Without a security provider nobody can authenticate over TCP.
-  explicit CRpcRuntime(boost::shared_ptr<ISecurityProvider> security, SRuntimeLimits limits = {});
+  explicit CRpcRuntime(boost::shared_ptr<ISecurityProvider> security, SRuntimeLimits limits = {},
+                       SEndpointMapperPlace mapper = {});
   /// Stops.
   ~CRpcRuntime() override;
 
@@ -75,8 +79,10 @@ class CRpcRuntime : public IRpcRuntime {
   platform::error_t UseLocalSocket() override;
   platform::error_t RegisterInterface(boost::shared_ptr<IRpcInterface> served) override;
   platform::error_t InquireBindings(std::vector<std::string>& bindings) override;
-  /// There is no endpoint mapper here: logged, and registered with nothing.
-  platform::error_t RegisterEndpoint(std::string_view name, const std::vector<std::string>& bindings) override;
+  /// Where no endpoint mapper answers: logged, and registered with nothing. Else with its TCP ports, until it stops;
+  /// why that failed is logged, and the number is the mapper's status, that of its fault or CallFailed.
+  platform::error_t RegisterEndpoint(const SSyntaxId& interface, std::string_view name,
+                                     const std::vector<std::string>& bindings) override;
   platform::error_t QualifiedHostName(std::string& name) override;
   platform::error_t MakeSpn(std::string_view serviceClass, std::string_view host, std::string& spn) override;
   void RegisterAuthentication(const std::string& spn, auth_type_t type) override;
@@ -85,14 +91,18 @@ class CRpcRuntime : public IRpcRuntime {
 
  private:
   SListenerSettings MakeSettings(const SListeningSocket& socket) const;
+  void WithdrawEndpoints() noexcept;
 
   const boost::shared_ptr<ISecurityProvider> security_;
   const SRuntimeLimits limits_;
+  const SEndpointMapperPlace mapper_;
   const boost::shared_ptr<CCallSlots> slots_;
   /// What all listeners share.
   SAssociationSettings association_;
   std::vector<SListeningSocket> sockets_;
   CSocketFile localFile_;
+  /// What a mapper was told.
+  std::vector<SEndpointEntry> registered_;
   /// Empty unless it serves.
   std::vector<std::unique_ptr<CListener>> listeners_;
 };

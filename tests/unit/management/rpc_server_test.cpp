@@ -17,6 +17,7 @@
 #include "support/manual_clock.h"
 #include "support/temp_dir.h"
 #include "unit/management/dcerpc/fake_interface.h"
+#include "unit/management/dcerpc/fake_mapper.h"
 #include "unit/management/dcerpc/fake_security.h"
 
 namespace {
@@ -26,6 +27,7 @@ using dcerpc::auth_type_t;
 using platform::error_t;
 using platform::error::Success;
 using test::FakeInterface;
+using test::FakeMapper;
 
 /// Succeeds in everything but what it is told to fail.
 class FakeRuntime : public dcerpc::IRpcRuntime {
@@ -38,7 +40,9 @@ class FakeRuntime : public dcerpc::IRpcRuntime {
     bindings = {"somewhere"};
     return Do("InquireBindings");
   }
-  error_t RegisterEndpoint(std::string_view name, const std::vector<std::string>& bindings) override {
+  error_t RegisterEndpoint(const dcerpc::SSyntaxId& interface, std::string_view name,
+                           const std::vector<std::string>& bindings) override {
+    EXPECT_EQ(interface, FakeInterface::Identity());
     return Do("RegisterEndpoint " + std::string(name) + ' ' + bindings.front());
   }
   error_t QualifiedHostName(std::string& name) override {
@@ -314,6 +318,46 @@ TEST_F(RpcServerTest, ASecondStartIsRefused) {
   EXPECT_EQ(TextsOf([&] { InitRpcServer(CRpcServerSettings(), invoker, nullptr); }).back(),
             "Failed to initialize 'NFS' RPC interface.");
   ShutdownRpcServer();
+}
+
+TEST_F(RpcServerTest, TheStartRegistersInAnEndpointMapperAndTheStopWithdraws) {
+  const auto mapper = boost::make_shared<FakeMapper>();
+  const test::MapperServer server(mapper);
+  {
+    dcerpc::CRpcRuntime runtime(nullptr, {}, server.Place());
+    StartRpcListening(Config({}), runtime);
+    ASSERT_EQ(mapper->Calls().size(), 1U);
+    StopRpcListening(runtime);
+  }
+  ASSERT_EQ(mapper->Calls().size(), 2U);
+  EXPECT_EQ(mapper->Calls()[1].opnum, FakeMapper::Delete);
+}
+
+TEST_F(RpcServerTest, AnEndpointMapperThatRefusesFailsTheStart) {
+  const auto mapper = boost::make_shared<FakeMapper>();
+  const test::MapperServer server(mapper);
+  const auto textsOfStart = [&] {
+    dcerpc::CRpcRuntime runtime(nullptr, {}, server.Place());
+    return TextsOf([&] { StartRpcListening(Config({}), runtime); });
+  };
+  const std::vector<std::string> chained{
+      "Access is denied.", "Failed to process interface [Kelvo Invoker].", "Error code: 5",
+      "Failed to register endpoints used by RPC interfaces in the endpoint mapper database.",
+      "Failed to start RPC listening."};
+  const test::CapturedLog log;
+  mapper->faultStatus = dcerpc::fault::AccessDenied;
+  EXPECT_EQ(textsOfStart(), chained);
+  mapper->faultStatus = 0;
+  mapper->status = 5;
+  EXPECT_EQ(textsOfStart(), chained);
+  std::string warnings;
+  for (const std::string& line : log.Texts("Warning"))
+    warnings += line + '\n';
+  EXPECT_NE(warnings.find("The endpoint mapper does not take the RPC interface 'Kelvo Invoker'."), std::string::npos);
+  EXPECT_NE(warnings.find("The endpoint mapper refused the entry."), std::string::npos);
+  // Nothing was taken, so nothing is withdrawn.
+  for (const FakeMapper::Seen& call : mapper->Calls())
+    EXPECT_EQ(call.opnum, FakeMapper::Insert);
 }
 
 TEST_F(RpcServerTest, TheMinimumLevelComesFromTheRegistry) {
