@@ -14,8 +14,9 @@ namespace mount_agent {
 /// Bytes of a block: what the overlay takes as a whole.
 inline constexpr std::uint64_t BlockSize = 4096;
 
-/// The largest file that an overlay is made for; a write past it fails (223).
-inline constexpr std::uint64_t MaxOverlaidSize = 16ULL << 40U;
+/// The largest file that an overlay is made for; a write past it fails (223). With its map it fits a file of 16 TiB,
+/// which is as long as files can be on ext4.
+inline constexpr std::uint64_t MaxOverlaidSize = 15ULL << 40U;
 
 /// Which blocks are in the overlay, in memory and in the overlay file.
 ///
