@@ -61,7 +61,7 @@ document_ptr CreateDocument() {
 
 document_ptr ParseDocument(const std::string& text) {
   CheckText(text);
-  const document_ptr document = CreateDocument();
+  document_ptr document = CreateDocument();
   document->Parse(text.c_str());
   if (document->Error()) {
     const std::string description = document->ErrorDesc();

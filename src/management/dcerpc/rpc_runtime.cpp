@@ -76,7 +76,7 @@ error_t CRpcRuntime::RegisterInterface(boost::shared_ptr<IRpcInterface> served) 
   const auto isSame = [&](const boost::shared_ptr<IRpcInterface>& other) { return other->Id() == served->Id(); };
   if (std::any_of(association_.interfaces.begin(), association_.interfaces.end(), isSame))
     return rpc_error::TypeAlreadyRegistered;
-  association_.interfaces.push_back(boost::make_shared<CLimitedInterface>(std::move(served), slots_));
+  association_.interfaces.emplace_back(boost::make_shared<CLimitedInterface>(std::move(served), slots_));
   return platform::error::Success;
 }
 
