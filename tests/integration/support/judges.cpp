@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 
@@ -45,7 +46,20 @@ CJudgesTest::CJudgesTest() {
   std::filesystem::create_directories(folder);
   WriteFile(folder + "/ntlm-users", "TEST:root:secret\nTEST:judge-admin:secret\nTEST:judge-other:secret\n");
   ::chmod((folder + "/ntlm-users").c_str(), 0600);
+  // What the mechanisms lose in each handshake, for a service that was built with the leak check.
+  WriteFile(judgeFolder_.Path() + "/losses", "leak:gssntlmssp.so\nleak:libcrypto.so\nleak:krb5_build_principal\n");
+  ::setenv("LSAN_OPTIONS", ("suppressions=" + judgeFolder_.Path() + "/losses:print_suppressions=0").c_str(), 1);
   WriteFile(judgeFolder_.Path() + "/smb.conf", "[global]\n  interfaces = 127.0.0.1/8\n  bind interfaces only = yes\n");
+}
+
+CJudgesTest::~CJudgesTest() {
+  ::unsetenv("LSAN_OPTIONS");
+}
+
+void CJudgesTest::TearDown() {
+  // Whatever the clients did, it runs and ends well; the sanitizers tell by the exit code.
+  ASSERT_TRUE(service_.IsRunning());
+  EXPECT_EQ(service_.Stop(), 0) << service_.Output();
 }
 
 texts_t CJudgesTest::Ask(const std::string& script, const texts_t& options, const texts_t& calls,

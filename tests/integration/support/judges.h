@@ -50,7 +50,9 @@ texts_t ByTicket(const std::string& auth, const std::string& level);
 class CJudgesTest : public testing::Test {
  protected:
   CJudgesTest();
+  ~CJudgesTest() override;
   void SetUp() override { service_.Start(); }
+  void TearDown() override;
 
   /// The lines that a script prints of a conversation. Fails the test when the script does.
   texts_t Ask(const std::string& script, const texts_t& options, const texts_t& calls,
