@@ -34,8 +34,11 @@ boost::shared_ptr<message_pipe_t> OpenPipe(const std::string& name, std::uint32_
 }
 
 PipeHandler::PipeHandler(boost::shared_ptr<message_pipe_t> pipe, boost::shared_ptr<synch::manual_event_t> stopEvent,
-                         boost::shared_ptr<synch::manual_event_t> abandonEvent)
-    : pipe_(std::move(pipe)), stopEvent_(std::move(stopEvent)), abandonEvent_(std::move(abandonEvent)) {}
+                         boost::shared_ptr<synch::manual_event_t> abandonEvent, std::size_t maxReplySize)
+    : pipe_(std::move(pipe)),
+      stopEvent_(std::move(stopEvent)),
+      abandonEvent_(std::move(abandonEvent)),
+      maxReplySize_(maxReplySize) {}
 
 bool PipeHandler::Transact(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs) {
   const std::lock_guard<std::mutex> guard(lock_);
@@ -47,7 +50,7 @@ bool PipeHandler::Transact(const Buffer& request, Buffer& reply, std::uint32_t t
   if (!moreData)
     return true;
   Buffer rest;
-  if (!Read(rest, MaxReplySize - std::min(MaxReplySize, reply.ActualSize()), timeoutMs))
+  if (!Read(rest, maxReplySize_ - std::min(maxReplySize_, reply.ActualSize()), timeoutMs))
     return false;
   reply.Append(rest.Bytes());
   return true;
@@ -113,7 +116,7 @@ bool PipeHandler::Read(Buffer& out, std::size_t limit, std::uint32_t timeoutMs) 
     }
     chunk.SetActualSize(count);
     if (count > limit - out.ActualSize()) {
-      g_nfs_log.Warning("The reply of the restore agent is longer than [%1] bytes.", MaxReplySize);
+      g_nfs_log.Warning("The reply of the restore agent is longer than [%1] bytes.", maxReplySize_);
       scope.Success(Function);
       return false;
     }

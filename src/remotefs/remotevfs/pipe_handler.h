@@ -27,15 +27,15 @@ class PipeHandler {
  public:
   /// Either event ends a transaction as a failure.
   PipeHandler(boost::shared_ptr<platform::message_pipe_t> pipe, boost::shared_ptr<synch::manual_event_t> stopEvent,
-              boost::shared_ptr<synch::manual_event_t> abandonEvent);
+              boost::shared_ptr<synch::manual_event_t> abandonEvent, std::size_t maxReplySize = MaxReplySize);
   PipeHandler(const PipeHandler&) = delete;
   PipeHandler& operator=(const PipeHandler&) = delete;
 
   /// Sends the request and receives its reply whole, however long: the reply's buffer grows beyond its capacity, which
   /// is made 1,024 bytes when it is 0. False when the reply did not come within the time: for want of an answer, for an
   /// event, or because the agent has gone, of which a caller learns no sooner than of an agent that is silent. A reply
-  /// beyond MaxReplySize, and something unasked that lies in the pipe, are no answer either. win_sys_exc_t for every
-  /// other failure.
+  /// beyond the largest size, and something unasked that lies in the pipe, are no answer either. win_sys_exc_t for
+  /// every other failure.
   bool Transact(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs);
 
  private:
@@ -47,6 +47,7 @@ class PipeHandler {
   const boost::shared_ptr<platform::message_pipe_t> pipe_;
   const boost::shared_ptr<synch::manual_event_t> stopEvent_;
   const boost::shared_ptr<synch::manual_event_t> abandonEvent_;
+  const std::size_t maxReplySize_;
 };
 
 }  // namespace remotevfs
