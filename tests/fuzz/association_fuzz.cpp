@@ -32,7 +32,7 @@ class CPeer {
  public:
   explicit CPeer(fuzz::CInput input) : mode_(input.Byte()), level_(fuzz::LevelOf(input.Byte())), input_(input) {
     using namespace fuzz::association_mode;
-    settings_.interfaces.push_back(boost::make_shared<CInvokerInterface>(
+    settings_.interfaces.emplace_back(boost::make_shared<CInvokerInterface>(
         [](const dcerpc::SCaller& caller) {
           if (!caller.authenticated)
             throw exc::runtime_exc_t("Access denied.");
