@@ -163,6 +163,29 @@ void WritePdus() {
                              0x6e, 0x02, 0x30, 0x00});
 }
 
+/// What a server answers to a bind and to a test of the connection, and then to two commands.
+void WriteServers() {
+  const auto response = [](std::uint32_t callId, const bytes_t& stub, std::uint8_t flags) {
+    bytes_t pdu = EncodeResponseHead(Header(pdu_type_t::Response, callId, flags), {}) + stub;
+    SetLengths(pdu, 0);
+    return pdu;
+  };
+  constexpr std::uint8_t Whole = pdu_flag::First | pdu_flag::Last;
+  const bytes_t start =
+      EncodeBindAck(Header(pdu_type_t::BindAck), {MaxFragmentSize, MaxFragmentSize, 1, "6161", {{0, 0, NdrSyntax}}},
+                    std::nullopt) +
+      response(2, EncodeTestConnectionResponse({true, std::nullopt}), Whole);
+  const bytes_t output = EncodeDoRpcResponse({"<OutputArguments/>", std::nullopt, {}});
+  const bytes_t front(output.begin(), output.begin() + 20);
+  const bytes_t back(output.begin() + 20, output.end());
+  Write("client", "answers",
+        start + response(3, output, Whole) + response(4, front, pdu_flag::First) + response(4, back, pdu_flag::Last));
+  Write("client", "failure",
+        start + response(3, EncodeDoRpcResponse({std::nullopt, std::nullopt, {false, "No."}}), Whole));
+  Write("client", "fault", start + EncodeFault(Header(pdu_type_t::Fault, 3), {0, 0, fault::AccessDenied}));
+  Write("client", "nak", EncodeBindNak(Header(pdu_type_t::BindNak), {SBindNak::AuthenticationRefused, {{5, 0}}}));
+}
+
 void WriteStubs() {
   const auto write = [](const std::string& name, std::uint8_t selector, const bytes_t& stub) {
     Write("stubs", name, bytes_t{selector} + stub);
@@ -298,6 +321,7 @@ int main(int argc, char** argv) {
   g_folder = argv[1];
   WriteAssociations();
   WritePdus();
+  WriteServers();
   WriteStubs();
   WriteEnvelopes();
   WriteAddresses();
