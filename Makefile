@@ -41,7 +41,7 @@ integration:
 
 asan tsan:
 	@scripts/install-packages build test
-	@scripts/build-preset $@
+	@scripts/build-preset $@ unit_tests
 	@scripts/run-tests $@ -L unit
 
 fuzz:

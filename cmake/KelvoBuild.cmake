@@ -68,4 +68,5 @@ function(kelvo_unit_tests name)
   # What is tested is optimised, the tests themselves need not be: it halves the time to compile them.
   target_compile_options(${name} PRIVATE -O0)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS unit TIMEOUT 120)
+  add_dependencies(unit_tests ${name})
 endfunction()
