@@ -155,9 +155,9 @@ void OpenForWriting(CHostFsFileHandleCacheRecord& record, const platform::locati
 }
 
 /// Opens a file to empty it, or makes it, and drops whatever record of it is in the way.
-platform::error_t OpenWithoutRecords(const platform::location_t& where, platform::files_t& files, file_ptr_t& file) {
-  constexpr platform::file_request_t Request{platform::file_access_t::ReadWrite, platform::file_share_t::Read,
-                                             platform::file_disposition_t::OpenAlways};
+platform::error_t OpenWithoutRecords(const platform::location_t& where, platform::files_t& files,
+                                     platform::file_disposition_t disposition, file_ptr_t& file) {
+  const platform::file_request_t request{platform::file_access_t::ReadWrite, platform::file_share_t::Read, disposition};
   const boost::shared_ptr<SCacheState> state = State();
   dropped_t dropped;
   const CCacheLock lock(*state);
@@ -165,7 +165,7 @@ platform::error_t OpenWithoutRecords(const platform::location_t& where, platform
     state->Drop(found, dropped);
   }
   for (;;) {
-    const platform::error_t failure = files.Open(where, Request, file);
+    const platform::error_t failure = files.Open(where, request, file);
     platform::file_info_t info;
     if (failure != platform::error::SharingViolation || files.GetInfo(where, info) != platform::error::Success) {
       return failure;
@@ -354,12 +354,18 @@ void HostFsFileCache::RemoveSubtree(const std::string& path) {
 
 platform::error_t HostFsFileCache::CreateOver(const platform::location_t& where, platform::files_t& files) {
   file_ptr_t file;
-  if (const platform::error_t failure = OpenWithoutRecords(where, files, file); failure != platform::error::Success) {
+  const platform::error_t failure = OpenWithoutRecords(where, files, platform::file_disposition_t::OpenAlways, file);
+  if (failure != platform::error::Success) {
     return failure;
   }
   // Whoever comes while it is emptied finds no share mode in the way.
   file->ReleaseShare();
   return file->SetSize(0);
+}
+
+platform::error_t HostFsFileCache::CreateNew(const platform::location_t& where, platform::files_t& files) {
+  file_ptr_t file;
+  return OpenWithoutRecords(where, files, platform::file_disposition_t::CreateNew, file);
 }
 
 void HostFsFileCache::Purge() {

@@ -40,6 +40,8 @@ class HostFsFileCache {
   /// under this path nor under another spelling or link. Other files are served while it is emptied, which can take
   /// long.
   static platform::error_t CreateOver(const platform::location_t& where, platform::files_t& files);
+  /// The same for a file that is not there in any case; 183 when it is.
+  static platform::error_t CreateNew(const platform::location_t& where, platform::files_t& files);
 
   /// Closes what is idle now; what the purge thread does each period.
   static void Purge();

@@ -287,6 +287,12 @@ boost::shared_ptr<IFsItem> CHostFsFolder::CreateFile(const std::string& name, co
   const platform::error_t failure = node_->AtLocation([&](const location_ptr_t& where) {
     platform::file_info_t info;
     CheckAccess(where->Child(name));
+    // Mostly it is not there, and then there is no other spelling to be looked for.
+    const platform::error_t created = HostFsFileCache::CreateNew(where->Child(name), files);
+    if (created != error::AlreadyExists) {
+      spelling = name;
+      return created;
+    }
     spelling = files.GetInfo(where->Child(name), info) == error::Success ? info.name : name;
     const platform::location_t target = where->Child(spelling);
     return HostFsFileCache::CreateOver(target, files);

@@ -25,6 +25,7 @@ enum class file_share_t { Read, ReadWrite };
 
 enum class file_disposition_t {
   OpenExisting,
+  CreateNew,     ///< 183 when the name, in whatever case, is taken.
   OpenAlways,    ///< Creates, or takes what is there.
   CreateAlways,  ///< Creates, or empties what is there.
 };

@@ -214,9 +214,13 @@ error_t system_files_t::Open(const location_t& where, const file_request_t& requ
     if (failure != error::Success) {
       return failure;
     }
-    if (IsAbsent(FindEntryIn(parent, status, spelling))) {
+    failure = FindEntryIn(parent, status, spelling);
+    if (request.disposition == file_disposition_t::CreateNew && !IsAbsent(failure)) {
+      return failure == error::Success ? error::AlreadyExists : failure;
+    }
+    if (IsAbsent(failure)) {
       failure = CreateNew(parent, request, file);
-      if (failure != error::AlreadyExists) {
+      if (failure != error::AlreadyExists || request.disposition == file_disposition_t::CreateNew) {
         return failure;
       }
     } else if (failure = OpenExisting(where, request, file); !IsAbsent(failure)) {

@@ -153,6 +153,21 @@ TEST_F(Files, TableForgetsWhatIsClosed) {
   EXPECT_EQ(platform::open_files_t::Instance().Count(), before);
 }
 
+TEST_F(Files, CreateNewIsRefusedForANameThatIsTakenInAnyCase) {
+  constexpr file_request_t CreateNew{file_access_t::ReadWrite, file_share_t::Read, file_disposition_t::CreateNew};
+  file_ptr_t file;
+  ASSERT_EQ(Open("New", CreateNew, file), error::Success);
+  file.reset();
+  Put("New", "text");
+  fs::create_directory(dir / "folder");
+  fs::create_symlink("nowhere", dir / "link");
+  for (const char* name : {"New", "nEW", "folder", "FOLDER", "link"}) {
+    EXPECT_EQ(Open(name, CreateNew, file), error::AlreadyExists) << name;
+  }
+  EXPECT_EQ(Get("New"), "text");
+  EXPECT_EQ(Open("none/new", CreateNew, file), error::FileNotFound);
+}
+
 TEST_F(Files, CreateAlwaysEmptiesOrCreates) {
   Put("file", "text");
   file_ptr_t file;
