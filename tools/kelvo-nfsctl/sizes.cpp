@@ -59,7 +59,7 @@ std::uint64_t ParseSize(std::string_view text) {
 }
 
 std::string FormatSize(std::uint64_t bytes) {
-  const std::string exact = std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+  std::string exact = std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
   constexpr std::array<const char*, 6> Units{"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
   if (bytes < 1024)
     return exact;
