@@ -103,11 +103,13 @@ TEST_F(PortmapProgram, LogsWhatIsSetUnsetAndLookedUp) {
   Ask(2, {100003, 3, 6, 0});
   Ask(2, {100003, 3, 6, 0});
   Ask(3, {100003, 3, 6, 0});
-  EXPECT_THAT(log.Texts(),
-              ElementsAre("[EpMapper] Registering program: [100003]. Version: [3], Protocol: [6], Port: [2049]",
-                          "[EpMapper] Registering program: [100003]. Version: [3], Protocol: [6], Port: [3049]",
-                          "[EpMapper] Failed to register program.", "Return port number: [2049].", "Program removed.",
-                          "Cannot remove program.", "Return port number: [0]."));
+  // The threads of the file system tell when they start, which may be now.
+  std::vector<std::string> texts = log.Texts();
+  std::erase_if(texts, [](const std::string& text) { return text.find("hread started") != std::string::npos; });
+  EXPECT_THAT(texts, ElementsAre("[EpMapper] Registering program: [100003]. Version: [3], Protocol: [6], Port: [2049]",
+                                 "[EpMapper] Registering program: [100003]. Version: [3], Protocol: [6], Port: [3049]",
+                                 "[EpMapper] Failed to register program.", "Return port number: [2049].",
+                                 "Program removed.", "Cannot remove program.", "Return port number: [0]."));
 }
 
 TEST_F(PortmapProgram, TracesEveryProcedure) {
