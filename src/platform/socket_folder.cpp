@@ -78,14 +78,16 @@ error_t socket_folder_t::Look(const std::string& name) const {
   return S_ISSOCK(info.st_mode) ? error::Success : error::InvalidHandle;
 }
 
-error_t socket_folder_t::Connect(int socket, const std::string& name, const deadline_t& deadline) const {
+error_t socket_folder_t::FindAddress(const std::string& name, sockaddr_un& address) const {
   const error_t looked = Look(name);
-  if (looked != error::Success)
-    return looked;
+  return looked != error::Success ? looked : MakeAddress(path_, folder_.Get(), name, address);
+}
+
+error_t socket_folder_t::Connect(int socket, const std::string& name, const deadline_t& deadline) const {
   sockaddr_un address{};
-  const error_t made = MakeAddress(path_, folder_.Get(), name, address);
-  if (made != error::Success)
-    return made;
+  const error_t found = FindAddress(name, address);
+  if (found != error::Success)
+    return found;
   while (ConnectTo(socket, address) != 0) {
     if (errno == EPROTOTYPE)
       return error::InvalidHandle;
@@ -100,13 +102,10 @@ error_t socket_folder_t::Connect(int socket, const std::string& name, const dead
 }
 
 error_t socket_folder_t::Probe(const std::string& name) const {
-  const error_t looked = Look(name);
-  if (looked != error::Success)
-    return looked;
   sockaddr_un address{};
-  const error_t made = MakeAddress(path_, folder_.Get(), name, address);
-  if (made != error::Success)
-    return made;
+  const error_t found = FindAddress(name, address);
+  if (found != error::Success)
+    return found;
   // A socket of another type never gets through to the owner; it learns that there is one.
   const descriptor_t socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket.IsOpen())

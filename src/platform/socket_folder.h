@@ -11,6 +11,8 @@
 #include "platform/futex.h"
 #include "platform/location.h"
 
+struct sockaddr_un;
+
 namespace platform {
 
 /// One such folder, held open. A socket file that nobody listens on is left over from an owner who died; who creates a
@@ -43,6 +45,8 @@ class socket_folder_t {
   error_t Look(const std::string& name) const;
 
  private:
+  error_t FindAddress(const std::string& name, sockaddr_un& address) const;
+
   std::string path_;
   descriptor_t folder_{-1};
 };

@@ -93,20 +93,27 @@ bool CAssociation::Dispatch(std::span<std::uint8_t> bytes, const SPdu& pdu) {
   }
 }
 
+bool CAssociation::TryAuthenticate(const SPdu& pdu, std::optional<SToken>& answer) {
+  if (!pdu.trailer)
+    return true;
+  try {
+    answer = Authenticate(pdu);
+    return true;
+  } catch (const exc::exc_base_t& failure) {
+    FailAuthentication(failure);
+    return false;
+  }
+}
+
 bool CAssociation::OnBind(const SPdu& pdu) {
   if (bound_)
     throw exc::runtime_exc_t("A second bind comes on one connection.");
   SBindAck ack = Negotiate(pdu);
   ack.secondaryAddress = settings_.secondaryAddress;
   std::optional<SToken> answer;
-  if (pdu.trailer) {
-    try {
-      answer = Authenticate(pdu);
-    } catch (const exc::exc_base_t& failure) {
-      FailAuthentication(failure);
-      SendBindNak(pdu.header, SBindNak::AuthenticationRefused);
-      return false;
-    }
+  if (!TryAuthenticate(pdu, answer)) {
+    SendBindNak(pdu.header, SBindNak::AuthenticationRefused);
+    return false;
   }
   bound_ = true;
   SPduHeader header = AnswerHeader(pdu.header, pdu_type_t::BindAck);
@@ -118,14 +125,9 @@ bool CAssociation::OnBind(const SPdu& pdu) {
 void CAssociation::OnAlterContext(const SPdu& pdu) {
   const SBindAck ack = Negotiate(pdu);
   std::optional<SToken> answer;
-  if (pdu.trailer) {
-    try {
-      answer = Authenticate(pdu);
-    } catch (const exc::exc_base_t& failure) {
-      FailAuthentication(failure);
-      SendFault(pdu.header, 0, fault::AccessDenied, pdu_flag::DidNotExecute);
-      return;
-    }
+  if (!TryAuthenticate(pdu, answer)) {
+    SendFault(pdu.header, 0, fault::AccessDenied, pdu_flag::DidNotExecute);
+    return;
   }
   SPduHeader header = AnswerHeader(pdu.header, pdu_type_t::AlterContextResponse);
   header.flags |= pdu.header.flags & pdu_flag::SupportHeaderSign;

@@ -89,6 +89,8 @@ class CAssociation {
   boost::shared_ptr<IRpcInterface> FindInterface(const SSyntaxId& syntax) const;
 
   std::optional<SToken> Authenticate(const SPdu& pdu);
+  /// The answer to the PDU's token, if it brings one; false when the peer is refused, which is remembered.
+  bool TryAuthenticate(const SPdu& pdu, std::optional<SToken>& answer);
   void BeginAuthentication(const SAuthTrailer& trailer);
   void Establish();
   void FailAuthentication(const std::exception& failure);

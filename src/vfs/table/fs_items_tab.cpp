@@ -260,7 +260,7 @@ void CFsItemsTab::PutRec(std::uint64_t fid, const rec_ptr& rec) {
 }
 
 void CFsItemsTab::NoteFolderChange(std::uint64_t fid) {
-  slots_.ResetWhole(fid);
+  // A listing that is kept of it stands until it is replaced or too old: nobody pays for its end here.
   const rec_ptr rec = FindRec(fid);
   if (rec && rec->IsFolder())
     rec->Folder()->version = ++folderVersions_;

@@ -132,8 +132,8 @@ class CFsItemsTab {
   boost::shared_ptr<CNfsWholeListing> GetWholeListing(std::uint64_t fid);
   /// Another number after each change of the folder's children or backings; 0 when it is no folder.
   std::uint64_t GetFolderVersion(std::uint64_t fid) const;
-  /// Keeps a listing that was begun at that version, unless the folder has another one now.
-  void KeepWholeListing(std::uint64_t fid, std::uint64_t version, const boost::shared_ptr<CNfsWholeListing>& listing);
+  /// Keeps a listing, unless the folder has another version by now.
+  void KeepWholeListing(std::uint64_t fid, const boost::shared_ptr<CNfsWholeListing>& listing);
   /// In the order of the names. The lock is given up between some thousands of them.
   void ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& children) const;
   void ListChildrenForMount(std::uint64_t parentFid, const GUID& mountUid, CNfsNameMap& children) const;

@@ -229,14 +229,17 @@ std::uint64_t CFsItemsTab::GetFolderVersion(std::uint64_t fid) const {
 
 boost::shared_ptr<CNfsWholeListing> CFsItemsTab::GetWholeListing(std::uint64_t fid) {
   const lock_t lock(mutex_);
-  return slots_.GetWhole(fid);
+  auto listing = slots_.GetWhole(fid);
+  return listing && listing->Version() == GetFolderVersion(fid) ? listing : nullptr;
 }
 
-void CFsItemsTab::KeepWholeListing(std::uint64_t fid, std::uint64_t version,
-                                   const boost::shared_ptr<CNfsWholeListing>& listing) {
+void CFsItemsTab::KeepWholeListing(std::uint64_t fid, const boost::shared_ptr<CNfsWholeListing>& listing) {
+  boost::shared_ptr<CNfsWholeListing> replaced;  // A large one takes its time to go, which is not the lock's.
   const lock_t lock(mutex_);
-  if (version != 0 && GetFolderVersion(fid) == version)
-    slots_.SetWhole(fid, listing);
+  if (listing->Version() == 0 || listing->Version() != GetFolderVersion(fid))
+    return;
+  replaced = slots_.GetWhole(fid);
+  slots_.SetWhole(fid, listing);
 }
 
 void CFsItemsTab::ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& children) const {

@@ -38,7 +38,6 @@ class CNfsListingSlots {
   /// The same for the folder's unfiltered listing.
   boost::shared_ptr<CNfsWholeListing> GetWhole(std::uint64_t folderFid);
   void SetWhole(std::uint64_t folderFid, const boost::shared_ptr<CNfsWholeListing>& listing);
-  void ResetWhole(std::uint64_t folderFid) noexcept { Reset({folderFid, 0, true}); }
   /// Drops the folder's snapshots of all clients.
   void ResetFolder(std::uint64_t folderFid) noexcept;
 

@@ -54,16 +54,22 @@ class CNfsFolderDirPlusCache {
 /// What a folder lists before it is filtered for a client.
 class CNfsWholeListing : public CNfsFolderDirPlusCache {
  public:
-  /// items: one for each entry. states: of the folder's backings, in their order; as long as they have these, the
-  /// listing is right. Empty when one of them cannot tell.
-  CNfsWholeListing(std::vector<SEntry> entries, std::vector<boost::shared_ptr<IFsItem>> items,
+  /// items: one for each entry. version: of the folder in the catalogue, before the listing began. states: of the
+  /// folder's backings, in their order. As long as the folder has both, the listing is right; states is empty when a
+  /// backing cannot tell.
+  CNfsWholeListing(std::vector<SEntry> entries, std::vector<boost::shared_ptr<IFsItem>> items, std::uint64_t version,
                    std::vector<SFsFolderState> states)
-      : CNfsFolderDirPlusCache(std::move(entries)), items_(std::move(items)), states_(std::move(states)) {}
+      : CNfsFolderDirPlusCache(std::move(entries)),
+        items_(std::move(items)),
+        version_(version),
+        states_(std::move(states)) {}
 
   const std::vector<boost::shared_ptr<IFsItem>>& Items() const { return items_; }
+  std::uint64_t Version() const { return version_; }
   const std::vector<SFsFolderState>& States() const { return states_; }
 
  private:
   std::vector<boost::shared_ptr<IFsItem>> items_;
+  std::uint64_t version_;
   std::vector<SFsFolderState> states_;
 };

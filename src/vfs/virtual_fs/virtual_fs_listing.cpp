@@ -62,9 +62,10 @@ class CNameIndex {
 /// Collects what the backends list. What is known already, which is nearly all, is neither copied nor sorted.
 class CListing {
  public:
-  CListing(CFsItemsTab& itemsTab, std::uint64_t folderFid)
+  CListing(CFsItemsTab& itemsTab, std::uint64_t folderFid, std::uint64_t version)
       : itemsTab_(itemsTab),
         folderFid_(folderFid),
+        version_(version),
         known_(ListKnown(itemsTab, folderFid)),
         isListed_(known_.size()),
         index_(known_) {}
@@ -114,7 +115,7 @@ class CListing {
     }
     for (; found != found_.end(); ++found)
       take(found->second);
-    return boost::make_shared<CNfsWholeListing>(std::move(entries), std::move(items),
+    return boost::make_shared<CNfsWholeListing>(std::move(entries), std::move(items), version_,
                                                 isRepeatable_ ? std::move(states_) : std::vector<SFsFolderState>{});
   }
 
@@ -173,6 +174,7 @@ class CListing {
 
   CFsItemsTab& itemsTab_;
   const std::uint64_t folderFid_;
+  const std::uint64_t version_;
   std::vector<SNfsChild> known_;
   std::vector<bool> isListed_;
   const CNameIndex index_;
@@ -227,7 +229,7 @@ boost::shared_ptr<CNfsWholeListing> CVirtualFs::RefreshDirListing(std::uint64_t 
       return kept;
 
     const std::uint64_t renamesEnded = renamesEnded_;
-    CListing listing(*itemsTab_, folderFid);
+    CListing listing(*itemsTab_, folderFid, version);
     for (const auto& folder : mirrors)
       listing.AddBackend(*folder);
     // A rename beside the listing has one foot in the backend and one in the table: its item only looks gone. What is
@@ -237,7 +239,7 @@ boost::shared_ptr<CNfsWholeListing> CVirtualFs::RefreshDirListing(std::uint64_t 
       listing.RemoveGone();
     auto whole = listing.Take();
     if (isUndisturbed && !mirrors.empty() && whole->States().size() == mirrors.size())
-      itemsTab_->KeepWholeListing(folderFid, version, whole);
+      itemsTab_->KeepWholeListing(folderFid, whole);
     return whole;
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to enumerate directory items.", failure);
