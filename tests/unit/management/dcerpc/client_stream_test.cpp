@@ -9,6 +9,7 @@
 
 #include "foundation/exc.h"
 #include "management/dcerpc/endpoint_socket.h"
+#include "support/failure_text.h"
 #include "support/temp_dir.h"
 
 using dcerpc::bytes_t;
@@ -18,16 +19,7 @@ using testing::HasSubstr;
 namespace {
 
 using namespace std::chrono_literals;
-
-template <typename Call>
-std::string FailureOf(const Call& call) {
-  try {
-    call();
-  } catch (const exc::exc_base_t& failure) {
-    return failure.what();
-  }
-  return "no failure";
-}
+using test::FailureOf;
 
 class ClientStreamTest : public testing::Test {
  protected:

@@ -11,6 +11,7 @@
 #include "management/dcerpc/invoker_client.h"
 #include "management/dcerpc/invoker_stubs.h"
 #include "support/captured_log.h"
+#include "support/failure_text.h"
 #include "support/temp_dir.h"
 #include "unit/management/dcerpc/security_pair.h"
 #include "unit/management/dcerpc/stub_bytes.h"
@@ -25,6 +26,8 @@ using dcerpc::CRpcClient;
 using testing::HasSubstr;
 
 namespace {
+
+using test::FailureOf;
 
 constexpr std::uint16_t Echo = 0;
 constexpr std::uint16_t Refuse = 7;
@@ -110,16 +113,6 @@ class CScriptStream : public dcerpc::IClientStream {
   const bytes_t answers_;
   std::size_t position_ = 0;
 };
-
-template <typename Call>
-std::string FailureOf(const Call& call) {
-  try {
-    call();
-  } catch (const exc::exc_base_t& failure) {
-    return failure.what();
-  }
-  return "no failure";
-}
 
 class RpcClientTest : public testing::Test {
  protected:

@@ -7,6 +7,7 @@
 
 #include "foundation/exc.h"
 #include "remotefs/remotevfs/reply_reader.h"
+#include "support/failure_text.h"
 
 namespace {
 
@@ -14,16 +15,7 @@ using remotevfs::Buffer;
 using remotevfs::ReplyReader;
 using testing::ElementsAre;
 using bytes_t = std::vector<std::uint8_t>;
-
-template <typename F>
-std::string Failure(F f) {
-  try {
-    f();
-  } catch (const exc::runtime_exc_t& exception) {
-    return exception.what();
-  }
-  return "no exception";
-}
+using test::FailureOf;
 
 TEST(VfsBufferTest, BeginsEmptyWithItsCapacity) {
   Buffer buffer(0x10020);
@@ -73,7 +65,7 @@ TEST(VfsBufferTest, TheActualSizeEndsAtTheCapacity) {
   Buffer buffer(8);
   buffer.SetActualSize(8);
   EXPECT_EQ(buffer.ActualSize(), 8U);
-  EXPECT_EQ(Failure([&] { buffer.SetActualSize(9); }), "Buffer::SetActualSize error.");
+  EXPECT_EQ(FailureOf([&] { buffer.SetActualSize(9); }), "Buffer::SetActualSize error.");
   EXPECT_EQ(buffer.ActualSize(), 8U);
 }
 
@@ -94,16 +86,16 @@ TEST(VfsReplyReaderTest, ReadsNumbersAndStrings) {
   EXPECT_EQ(reader.U64(), 0x1112131415161718U);
   EXPECT_EQ(reader.String(), "ab");
   EXPECT_EQ(reader.String(), "");
-  EXPECT_EQ(Failure([&] { reader.U32(); }), "Invalid data stream");
+  EXPECT_EQ(FailureOf([&] { reader.U32(); }), "Invalid data stream");
 }
 
 TEST(VfsReplyReaderTest, ALengthThatLiesIsRefused) {
   for (const std::uint8_t length : bytes_t{3, 4, 255}) {
     const bytes_t bytes{length, 0, 0, 0, 'a', 'b'};
-    EXPECT_EQ(Failure([&] { ReplyReader(bytes).String(); }), "Invalid data stream");
+    EXPECT_EQ(FailureOf([&] { ReplyReader(bytes).String(); }), "Invalid data stream");
   }
   const bytes_t most{0xFF, 0xFF, 0xFF, 0xFF, 'a', 'b'};
-  EXPECT_EQ(Failure([&] { ReplyReader(most).String(); }), "Invalid data stream");
+  EXPECT_EQ(FailureOf([&] { ReplyReader(most).String(); }), "Invalid data stream");
 }
 
 }  // namespace

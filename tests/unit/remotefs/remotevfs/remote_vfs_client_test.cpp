@@ -11,6 +11,7 @@
 
 #include "foundation/exc.h"
 #include "support/captured_log.h"
+#include "support/failure_text.h"
 #include "support/fake_mount_agent.h"
 #include "support/temp_dir.h"
 
@@ -26,6 +27,7 @@ using test::FakeMountAgent;
 using test::WireNumber;
 using test::WireString;
 using test::operator+;
+using test::FailureOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -51,16 +53,6 @@ Bytes Copy(const Buffer& buffer) {
   return {buffer.Bytes().begin(), buffer.Bytes().end()};
 }
 
-template <typename F>
-std::string Failure(F f) {
-  try {
-    f();
-  } catch (const exc::runtime_exc_t& exception) {
-    return exception.what();
-  }
-  return "no exception";
-}
-
 class RemoteVfsClientTest : public testing::Test {
  protected:
   std::unique_ptr<RemoteVfsClient> MakeClient(std::uint32_t responseTimeoutMs = Long) const {
@@ -77,10 +69,10 @@ class RemoteVfsClientTest : public testing::Test {
   /// What is thrown by a client that got no answer, and by the same from then on.
   static void ExpectBroken(RemoteVfsClient& client) {
     EXPECT_FALSE(client.IsBroken());
-    EXPECT_EQ(Failure([&] { client.GetSize(0); }), TimedOut);
+    EXPECT_EQ(FailureOf([&] { client.GetSize(0); }), TimedOut);
     EXPECT_TRUE(client.IsBroken());
-    EXPECT_EQ(Failure([&] { client.GetSize(0); }), NotAvailable);
-    EXPECT_EQ(Failure([&] { client.Enumerate(); }), NotAvailable);
+    EXPECT_EQ(FailureOf([&] { client.GetSize(0); }), NotAvailable);
+    EXPECT_EQ(FailureOf([&] { client.Enumerate(); }), NotAvailable);
   }
 
   test::TempDir folder_;
@@ -99,7 +91,7 @@ TEST_F(RemoteVfsClientTest, OpensThePipeAndTellsOfIt) {
 TEST_F(RemoteVfsClientTest, APipeThatIsNotThereIsNotAvailable) {
   agent_.reset();
   const test::CapturedLog log;
-  EXPECT_EQ(Failure([&] { RemoteVfsClient(Pipe, Long, Long); }),
+  EXPECT_EQ(FailureOf([&] { RemoteVfsClient(Pipe, Long, Long); }),
             "Pipe [\\\\.\\pipe\\vm1-0] is not available.\n"
             "Failed to connect to FS server. Pipe: [\\\\.\\pipe\\vm1-0].");
   EXPECT_TRUE(log.Texts().empty());
@@ -111,8 +103,8 @@ TEST_F(RemoteVfsClientTest, APipeWithoutRoomIsNotAvailable) {
   const auto served = MakeClient();
   agent_->WaitForClients(1);
   const auto waiting = MakeClient();
-  EXPECT_THAT(Failure([&] { RemoteVfsClient(Pipe, 0, Long); }), HasSubstr("is not available."));
-  EXPECT_THAT(Failure([&] { RemoteVfsClient(Pipe, 20, Long); }), HasSubstr("is not available."));
+  EXPECT_THAT(FailureOf([&] { RemoteVfsClient(Pipe, 0, Long); }), HasSubstr("is not available."));
+  EXPECT_THAT(FailureOf([&] { RemoteVfsClient(Pipe, 20, Long); }), HasSubstr("is not available."));
 }
 
 TEST_F(RemoteVfsClientTest, WhatIsNoPipeCannotBeOpened) {
@@ -159,7 +151,7 @@ TEST_F(RemoteVfsClientTest, OpensAnItem) {
 TEST_F(RemoteVfsClientTest, NamesTheItemThatCouldNotBeOpened) {
   const auto client = MakeClient();
   Answer(AgentReply::Message({1, 2, 3}));
-  EXPECT_EQ(Failure([&] { client->Open("a//b"); }), "Invalid data stream\nFailed to open backup item [a//b].");
+  EXPECT_EQ(FailureOf([&] { client->Open("a//b"); }), "Invalid data stream\nFailed to open backup item [a//b].");
 }
 
 TEST_F(RemoteVfsClientTest, ReadsWhatTheAgentHas) {
@@ -226,7 +218,7 @@ TEST_F(RemoteVfsClientTest, AWriteOfNothingIsTwentyBytesAndStillAnswered) {
   EXPECT_EQ(client->Write(7, 1, 0, nullptr), 0);
   EXPECT_EQ(LastRequest(), (Bytes{3, 0, 0, 0, 7, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
   Answer(AgentReply::Message({}));
-  EXPECT_EQ(Failure([&] { client->Write(7, 1, 0, nullptr); }), Invalid);
+  EXPECT_EQ(FailureOf([&] { client->Write(7, 1, 0, nullptr); }), Invalid);
 }
 
 TEST_F(RemoteVfsClientTest, AWriteCountIsTheAgentsWord) {
@@ -247,7 +239,7 @@ TEST_F(RemoteVfsClientTest, AsksForTheSize) {
 TEST_F(RemoteVfsClientTest, ASizeOfSevenBytesIsInvalidAndThePipeStaysUsable) {
   const auto client = MakeClient();
   Answer(AgentReply::Message(Bytes(7)));
-  EXPECT_EQ(Failure([&] { client->GetSize(0); }), Invalid);
+  EXPECT_EQ(FailureOf([&] { client->GetSize(0); }), Invalid);
   EXPECT_FALSE(client->IsBroken());
   Answer(AgentReply::Message(Bytes(8)));
   EXPECT_EQ(client->GetSize(0), 0U);
@@ -261,13 +253,13 @@ TEST_F(RemoteVfsClientTest, AReplyCutAnywhereIsInvalid) {
   for (std::size_t cut = 0; cut < listing.size(); ++cut) {
     SCOPED_TRACE(cut);
     Answer(AgentReply::Message(Bytes(listing.begin(), listing.begin() + static_cast<std::ptrdiff_t>(cut))));
-    EXPECT_EQ(Failure([&] { client->Enumerate("x"); }), Invalid);
+    EXPECT_EQ(FailureOf([&] { client->Enumerate("x"); }), Invalid);
     if (cut < 8) {
-      EXPECT_EQ(Failure([&] { client->GetSize(0); }), Invalid);
+      EXPECT_EQ(FailureOf([&] { client->GetSize(0); }), Invalid);
     }
     if (cut < 4) {
-      EXPECT_EQ(Failure([&] { client->Write(0, 0, 1, "x"); }), Invalid);
-      EXPECT_THAT(Failure([&] { client->Open("x"); }), HasSubstr(Invalid));
+      EXPECT_EQ(FailureOf([&] { client->Write(0, 0, 1, "x"); }), Invalid);
+      EXPECT_THAT(FailureOf([&] { client->Open("x"); }), HasSubstr(Invalid));
     }
   }
   Answer(AgentReply::Message(listing));
@@ -333,7 +325,7 @@ TEST_F(RemoteVfsClientTest, TellsOfAPipeThatBreaksInTheRemainder) {
   Bytes raw = WireNumber<std::uint32_t>(5000) + Bytes(2000);
   Answer(AgentReply::RawAndHangUp(raw));
   const test::CapturedLog log;
-  EXPECT_EQ(Failure([&] { client->GetSize(0); }), TimedOut);
+  EXPECT_EQ(FailureOf([&] { client->GetSize(0); }), TimedOut);
   // Which of the two depends on whether the agent was quicker to close than the client to read.
   EXPECT_EQ(log.Count("  " + std::string(BrokenAtOnce)) + log.Count("  " + std::string(BrokenLater)) +
                 log.Count(BrokenAtOnce) + log.Count(BrokenLater),
@@ -354,7 +346,7 @@ TEST_F(RemoteVfsClientTest, AnAgentThatDoesNotReadBreaksTheClient) {
   // Served by nobody while the first one is there.
   const auto client = MakeClient(Short);
   const Bytes data(4 << 20);
-  EXPECT_EQ(Failure([&] { client->Write(0, 0, static_cast<std::uint32_t>(data.size()), data.data()); }), TimedOut);
+  EXPECT_EQ(FailureOf([&] { client->Write(0, 0, static_cast<std::uint32_t>(data.size()), data.data()); }), TimedOut);
   EXPECT_TRUE(client->IsBroken());
 }
 
@@ -396,7 +388,7 @@ TEST_F(RemoteVfsClientTest, AnotherClientIsServedWhenTheAgentIsBack) {
   ExpectBroken(*client);
   agent_ = std::make_unique<FakeMountAgent>("vm1");
   agent_->SetFile("disk", Pattern(5));
-  EXPECT_EQ(Failure([&] { client->GetSize(0); }), NotAvailable);
+  EXPECT_EQ(FailureOf([&] { client->GetSize(0); }), NotAvailable);
   client = MakeClient();
   EXPECT_EQ(client->GetSize(client->Open("disk")), 5U);
 }
