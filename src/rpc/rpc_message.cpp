@@ -6,6 +6,7 @@
 
 #include "foundation/exc.h"
 #include "foundation/log.h"
+#include "rpc/xdr_completion_queue.h"
 
 namespace {
 
@@ -68,6 +69,21 @@ boost::shared_ptr<io::byte_buffer_t> RecvRecord(IRpcClientStream& stream, std::s
 }
 
 }  // namespace
+
+void IXdrRpcInterface::ProcessAsyncCall(bool isClientAllowed, const sockaddr_in& peer,
+                                        const boost::shared_ptr<CXDRReader>& reader,
+                                        const boost::shared_ptr<CXDRCompletionQueue>& completionQueue, CVirtualFs& fs) {
+  const auto writer = boost::make_shared<CXDRWriter>();
+  ProcessCall(isClientAllowed, peer, *reader, *writer, fs);
+  completionQueue->PostFinished(writer);
+}
+
+void IXdrRpcInterface::ProcessAsyncCalls(bool isClientAllowed, const sockaddr_in& peer, const xdr_calls_t& readers,
+                                         const boost::shared_ptr<CXDRCompletionQueue>& completionQueue,
+                                         CVirtualFs& fs) {
+  for (const boost::shared_ptr<CXDRReader>& reader : readers)
+    ProcessAsyncCall(isClientAllowed, peer, reader, completionQueue, fs);
+}
 
 void ReadCallHeader(CXDRReader& reader, RpcCallHeader& header) {
   header.xid = reader.UInt();

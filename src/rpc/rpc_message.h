@@ -3,14 +3,20 @@
 
 #include <netinet/in.h>
 
+#include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <functional>
+#include <list>
 
 #include "rpc/rpc_client_stream.h"
 #include "rpc/xdr_reader.h"
 #include "rpc/xdr_writer.h"
 
 class CVirtualFs;
+class CXDRCompletionQueue;
+
+/// Calls as they were received, in their order.
+using xdr_calls_t = std::list<boost::shared_ptr<CXDRReader>>;
 
 struct RpcCallHeader {
   std::uint32_t xid = 0;
@@ -24,11 +30,20 @@ struct RpcCallHeader {
 /// A program over both servers. Stateless: any thread may call it at any time.
 class IXdrRpcInterface {
  public:
-  virtual ~IXdrRpcInterface() = default;
+  /// Processes one call and leaves its reply to the completion queue, in its place in the order of the calls; it may be
+  /// made after the return, and by another thread. Throws as ProcessCall does, and the call stays unanswered then. A
+  /// program whose calls all end before the return need not have its own.
+  virtual void ProcessAsyncCall(bool isClientAllowed, const sockaddr_in& peer,
+                                const boost::shared_ptr<CXDRReader>& reader,
+                                const boost::shared_ptr<CXDRCompletionQueue>& completionQueue, CVirtualFs& fs);
   /// Processes one call and leaves the whole reply in writer. A record that cannot be decoded throws, and nothing of
   /// writer may be sent then. peer passed the address check when isClientAllowed.
   virtual void ProcessCall(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer,
                            CVirtualFs& fs) = 0;
+  /// ProcessAsyncCall for each reader. A call that throws ends it: those behind are not looked at.
+  virtual void ProcessAsyncCalls(bool isClientAllowed, const sockaddr_in& peer, const xdr_calls_t& readers,
+                                 const boost::shared_ptr<CXDRCompletionQueue>& completionQueue, CVirtualFs& fs);
+  virtual ~IXdrRpcInterface() = default;
 };
 
 /// What a transport is given of a program: DispatchPortmapCall, DispatchMountCall or DispatchNfsCall with its file

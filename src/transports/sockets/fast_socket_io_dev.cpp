@@ -22,6 +22,14 @@ CFastSocketIoDev::~CFastSocketIoDev() {
 std::uint64_t CFastSocketIoDev::Write(const void* data, std::uint64_t length) {
   const auto* bytes = static_cast<const std::uint8_t*>(data);
   for (std::uint64_t left = length; left > 0;) {
+    if (fill_ == 0 && left >= buffer_.size()) {
+      // Whole buffers need not go through ours.
+      const std::uint64_t whole = left - left % buffer_.size();
+      device_->Write(bytes, whole);
+      bytes += whole;
+      left -= whole;
+      continue;
+    }
     const std::size_t part = std::min<std::uint64_t>(left, buffer_.size() - fill_);
     std::memcpy(buffer_.data() + fill_, bytes, part);
     fill_ += part;

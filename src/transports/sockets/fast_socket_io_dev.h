@@ -10,7 +10,8 @@
 
 namespace io::net {
 
-/// Writes go to a buffer, which is passed on whenever it is full. One thread.
+/// Writes go to a buffer, which is passed on whenever it is full; what would fill it several times goes past it, in
+/// multiples of its size. One thread.
 class CFastSocketIoDev : public io_dev_t {
  public:
   /// One Ethernet segment: a record's mark and the start of the record travel together.

@@ -46,6 +46,21 @@ TEST(CFastSocketIoDevTest, SmallWritesLeaveTogetherAndFullBuffersAtOnce) {
   EXPECT_EQ(device->writes, (std::vector<std::string>{"mark0123", "456789"}));
 }
 
+TEST(CFastSocketIoDevTest, WhatFillsTheBufferSeveralTimesGoesPastIt) {
+  const auto device = boost::make_shared<CRecordingDev>();
+  {
+    io::net::CFastSocketIoDev fast(device, 4);
+    fast.Write("ab", 2);
+    fast.Write("0123456789ABC", 13);
+    EXPECT_EQ(device->writes, (std::vector<std::string>{"ab01", "23456789"}));
+    fast.Write("D", 1);
+    EXPECT_EQ(device->writes.back(), "ABCD");
+    fast.Write("whole", 4);
+    EXPECT_EQ(device->writes.back(), "whol");
+  }
+  EXPECT_EQ(device->writes.size(), 4U);
+}
+
 TEST(CFastSocketIoDevTest, ADestructorThatCannotWriteDoesNotThrow) {
   const auto device = boost::make_shared<CRecordingDev>();
   {

@@ -1,0 +1,91 @@
+#include "transports/sync/xdr_session_reader.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <boost/make_shared.hpp>
+#include <utility>
+
+#include "foundation/exc.h"
+#include "foundation/log.h"
+#include "transports/sockets/close_tcp_connection.h"
+
+namespace {
+
+constexpr std::uint32_t LastFragmentBit = 0x80000000U;
+
+}  // namespace
+
+CXdrSessionReader::CXdrSessionReader(boost::shared_ptr<CSocketIP> socket, boost::shared_ptr<xdr_reader_queue_t> queue,
+                                     boost::shared_ptr<CXdrBacklog> backlog,
+                                     boost::shared_ptr<CXdrSessionStopCtx> stopCtx)
+    : socket_(std::move(socket)), queue_(std::move(queue)), backlog_(std::move(backlog)), stopCtx_(std::move(stopCtx)) {
+  try {
+    thread_ = boost::make_shared<synch::thread_t>("TCP XDR Reader",
+                                                  synch::thread_exec_proc_t([this] { XdrReceiveThread(); }));
+  } catch (const std::exception& failure) {
+    g_nfs_log.Error("Failed to initialize XDR reader.", failure);
+    throw;
+  }
+}
+
+CXdrSessionReader::~CXdrSessionReader() {
+  try {
+    if (thread_->WaitFor(0))
+      return;
+    if (!stopCtx_->IsStopped()) {
+      g_nfs_log.Warning("Forcing XDR reader thread to stop.");
+      stopCtx_->ForceStop();
+    }
+    thread_->WaitOrThrow(synch::LongWaitMs);
+  } catch (const std::exception& failure) {
+    g_nfs_log.Error("Unable to stop XDR reader thread.", failure);
+  }
+}
+
+void CXdrSessionReader::XdrReceiveThread() noexcept {
+  try {
+    ReceiveRecords();
+  } catch (const std::exception& failure) {
+    g_nfs_log.Error("XdrReceiveThread error", failure);
+    stopCtx_->ReportError(failure);
+  }
+  g_nfs_log.Info("XdrReceiveThread finished.");
+}
+
+void CXdrSessionReader::ReceiveRecords() {
+  try {
+    while (!stopCtx_->IsStopped() && WaitForRoom()) {
+      auto record = ReceiveRecord();
+      backlog_->Add(record->Record().size());
+      queue_->Push(std::move(record));
+    }
+  } catch (const CCloseTCPConnection&) {
+    g_nfs_log.Info("TCP socket was closed, XdrReceiveThread stopped.");
+    // The session reports itself as closed once it has answered what came before.
+    queue_->Push(nullptr);
+  }
+}
+
+/// False when the session ends.
+bool CXdrSessionReader::WaitForRoom() {
+  if (backlog_->HasRoom())
+    return true;
+  synch::waitable_t::WaitAny({stopCtx_->Event().get(), &backlog_->RoomEvent()});
+  return !stopCtx_->IsStopped();
+}
+
+boost::shared_ptr<CXDRReader> CXdrSessionReader::ReceiveRecord() {
+  std::uint32_t mark = 0;
+  socket_->Recv(&mark, sizeof(mark), 0);
+  mark = ntohl(mark);
+  if ((mark & LastFragmentBit) == 0)
+    throw exc::runtime_exc_t("Partial packet not implemented.");
+  const std::size_t size = mark & ~LastFragmentBit;
+  const auto body = boost::make_shared<io::byte_buffer_t>();
+  for (std::size_t done = 0; done < size; done = body->size()) {
+    body->resize(std::min(size, std::max(done * 2, FirstBodySize)));
+    socket_->Recv(body->data() + done, body->size() - done, 0);
+  }
+  return boost::make_shared<CXDRReader>(body);
+}

@@ -1,0 +1,43 @@
+// The thread of a session that cuts what arrives into records.
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <cstddef>
+
+#include "foundation/thread.h"
+#include "rpc/xdr_reader.h"
+#include "transports/sockets/socket_ip.h"
+#include "transports/sync/xdr_backlog.h"
+#include "transports/sync/xdr_rw_queue.h"
+#include "transports/sync/xdr_session_stop_ctx.h"
+
+using xdr_reader_queue_t = CXDRRwQueue<CXDRReader>;
+
+/// Receives for as long as the session runs, one record after the other, each into its final buffer. While the backlog
+/// is full nothing is received. The end of the stream is a null reader behind the last record: what was called before
+/// is still answered. Made and destroyed by one thread.
+class CXdrSessionReader {
+ public:
+  /// Record bodies grow beyond this as their bytes arrive; what a WRITE of a megabyte needs fits at once.
+  static constexpr std::size_t FirstBodySize = (1U << 20) + (64U << 10);
+
+  /// Starts the thread "TCP XDR Reader". Throws, and logs, when it cannot.
+  CXdrSessionReader(boost::shared_ptr<CSocketIP> socket, boost::shared_ptr<xdr_reader_queue_t> queue,
+                    boost::shared_ptr<CXdrBacklog> backlog, boost::shared_ptr<CXdrSessionStopCtx> stopCtx);
+  CXdrSessionReader(const CXdrSessionReader&) = delete;
+  CXdrSessionReader& operator=(const CXdrSessionReader&) = delete;
+  /// Joins the thread. That is waiting for the peer unless the socket was aborted.
+  ~CXdrSessionReader();
+
+ private:
+  void XdrReceiveThread() noexcept;
+  void ReceiveRecords();
+  bool WaitForRoom();
+  boost::shared_ptr<CXDRReader> ReceiveRecord();
+
+  const boost::shared_ptr<CSocketIP> socket_;
+  const boost::shared_ptr<xdr_reader_queue_t> queue_;
+  const boost::shared_ptr<CXdrBacklog> backlog_;
+  const boost::shared_ptr<CXdrSessionStopCtx> stopCtx_;
+  boost::shared_ptr<synch::thread_t> thread_;
+};

@@ -1,0 +1,102 @@
+#include "transports/sync/xdr_session_writer.h"
+
+#include <boost/make_shared.hpp>
+#include <utility>
+
+#include "foundation/exc.h"
+#include "foundation/log.h"
+#include "transports/sockets/close_tcp_connection.h"
+
+CXdrSendWaitSet::CXdrSendWaitSet(boost::shared_ptr<synch::manual_event_t> queueEvent,
+                                 boost::shared_ptr<synch::manual_event_t> stop)
+    : queueEvent_(std::move(queueEvent)), stopEvent_(std::move(stop)), handles_{queueEvent_.get(), stopEvent_.get()} {}
+
+bool CXdrSendWaitSet::Wait(std::uint32_t limitMs) const noexcept {
+  return synch::waitable_t::WaitAny(handles_, limitMs).has_value();
+}
+
+CXdrSessionWriter::CXdrSessionWriter(boost::shared_ptr<CSocketIP> socket, boost::shared_ptr<xdr_writer_queue_t> queue,
+                                     boost::shared_ptr<CXdrBacklog> backlog,
+                                     boost::shared_ptr<CXdrSessionStopCtx> stopCtx)
+    : socket_(std::move(socket)),
+      queue_(std::move(queue)),
+      backlog_(std::move(backlog)),
+      stopCtx_(std::move(stopCtx)),
+      device_(boost::make_shared<CSocketIPDev>(socket_)),
+      waitSet_(queue_->SharedEvent(), stopCtx_->Event()) {
+  try {
+    thread_ =
+        boost::make_shared<synch::thread_t>("TCP XDR Writer", synch::thread_exec_proc_t([this] { XdrSendThread(); }));
+  } catch (const std::exception& failure) {
+    // The words of the reader's: whoever looks for the one finds both.
+    g_nfs_log.Error("Failed to initialize XDR reader.", failure);
+    throw;
+  }
+}
+
+CXdrSessionWriter::~CXdrSessionWriter() {
+  try {
+    if (thread_->WaitFor(0))
+      return;
+    g_nfs_log.Info("Stopping XdrWriter thread.");
+    stopCtx_->ForceStop();
+    thread_->WaitOrThrow(synch::LongWaitMs);
+  } catch (const std::exception& failure) {
+    g_nfs_log.Error("Failed to destroy XdrSendThread", failure);
+  }
+}
+
+void CXdrSessionWriter::XdrSendThread() noexcept {
+  try {
+    SendReplies();
+  } catch (const CCloseTCPConnection&) {
+    g_nfs_log.Info("TCP socket was closed, XdrSendThread stopped.");
+    stopCtx_->ReportClosed();
+  } catch (const std::exception& failure) {
+    g_nfs_log.Error("XdrSendThread error", failure);
+    stopCtx_->ReportError(failure);
+  }
+  g_nfs_log.Info("XdrSendThread finished.");
+}
+
+void CXdrSessionWriter::SendReplies() {
+  while (!stopCtx_->IsStopped()) {
+    WaitForReplies();
+    if (stopCtx_->IsStopped()) {
+      stopCtx_->Rethrow();
+      throw exc::runtime_exc_t("Cannot extract request from the NFS input queue because stop signal is switched on.");
+    }
+    replies_t replies;
+    queue_->TakeAll(replies);
+    const bool isLast = !replies.empty() && replies.back() == nullptr;
+    if (isLast)
+      replies.pop_back();
+    SendAll(replies);
+    if (isLast)
+      stopCtx_->ReportClosed();
+  }
+}
+
+void CXdrSessionWriter::WaitForReplies() {
+  while (!waitSet_.Wait(synch::LongWaitMs))
+    g_nfs_log.Warning("Timed out to wait for the next NFS request");
+}
+
+void CXdrSessionWriter::SendAll(replies_t& replies) {
+  if (replies.empty())
+    return;
+  const std::size_t size = replies.size() == 1 ? io::net::CFastSocketIoDev::SegmentSize : BatchSize;
+  io::net::CFastSocketIoDev device(device_, size);
+  SendTo(device, replies);
+  // Here and not in the device's destructor, which could not tell a failure.
+  device.Flush();
+}
+
+void CXdrSessionWriter::SendTo(io::net::CFastSocketIoDev& device, replies_t& replies) {
+  while (!replies.empty()) {
+    const CXDRWriter& reply = *replies.front();
+    reply.Send(device, true);
+    backlog_->Remove(reply.Used());
+    replies.pop_front();
+  }
+}

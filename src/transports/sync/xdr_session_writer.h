@@ -1,0 +1,66 @@
+// The thread of a session that sends its replies.
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include "foundation/thread.h"
+#include "rpc/xdr_writer.h"
+#include "transports/sockets/fast_socket_io_dev.h"
+#include "transports/sockets/socket_ip.h"
+#include "transports/sockets/socket_ip_dev.h"
+#include "transports/sync/xdr_backlog.h"
+#include "transports/sync/xdr_rw_queue.h"
+#include "transports/sync/xdr_session_stop_ctx.h"
+
+using xdr_writer_queue_t = CXDRRwQueue<CXDRWriter>;
+
+/// What the sender waits for, and what keeps that alive meanwhile: replies first, then the end of the session.
+class CXdrSendWaitSet {
+ public:
+  CXdrSendWaitSet(boost::shared_ptr<synch::manual_event_t> queueEvent, boost::shared_ptr<synch::manual_event_t> stop);
+  /// False when the limit (milliseconds) passed.
+  bool Wait(std::uint32_t limitMs) const noexcept;
+
+ private:
+  const boost::shared_ptr<synch::manual_event_t> queueEvent_;
+  const boost::shared_ptr<synch::manual_event_t> stopEvent_;
+  const std::vector<synch::waitable_t*> handles_;
+};
+
+/// Sends what is queued, in its order: a reply that is alone goes out at once, several are put together. Each leaves
+/// the backlog when it is out, or in the batch that goes out next. Behind a null writer nothing more is sent: the
+/// session reports itself as closed. Made and destroyed by one thread.
+class CXdrSessionWriter {
+ public:
+  /// Bytes that leave with one send when there are several replies.
+  static constexpr std::size_t BatchSize = 0x40000;
+
+  /// Starts the thread "TCP XDR Writer". Throws, and logs, when it cannot.
+  CXdrSessionWriter(boost::shared_ptr<CSocketIP> socket, boost::shared_ptr<xdr_writer_queue_t> queue,
+                    boost::shared_ptr<CXdrBacklog> backlog, boost::shared_ptr<CXdrSessionStopCtx> stopCtx);
+  CXdrSessionWriter(const CXdrSessionWriter&) = delete;
+  CXdrSessionWriter& operator=(const CXdrSessionWriter&) = delete;
+  /// Ends the session if it still runs and joins the thread. That is waiting for the peer to take what is being sent
+  /// unless the socket was aborted.
+  ~CXdrSessionWriter();
+
+ private:
+  using replies_t = xdr_writer_queue_t::items_t;
+
+  void XdrSendThread() noexcept;
+  void SendReplies();
+  void WaitForReplies();
+  void SendAll(replies_t& replies);
+  void SendTo(io::net::CFastSocketIoDev& device, replies_t& replies);
+
+  const boost::shared_ptr<CSocketIP> socket_;
+  const boost::shared_ptr<xdr_writer_queue_t> queue_;
+  const boost::shared_ptr<CXdrBacklog> backlog_;
+  const boost::shared_ptr<CXdrSessionStopCtx> stopCtx_;
+  boost::shared_ptr<synch::thread_t> thread_;
+  const boost::shared_ptr<CSocketIPDev> device_;
+  const CXdrSendWaitSet waitSet_;
+};
