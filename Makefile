@@ -25,7 +25,8 @@ run: build
 	@scripts/run-demo build/release/bin
 
 test:
-	@scripts/install-packages build test
+	@scripts/install-packages build test demo
+	@scripts/build-guest-disk
 	@scripts/build-preset release
 	@scripts/run-tests release
 
@@ -35,7 +36,8 @@ unit:
 	@scripts/run-tests release -L unit
 
 integration:
-	@scripts/install-packages build test
+	@scripts/install-packages build test demo
+	@scripts/build-guest-disk
 	@scripts/build-preset release
 	@scripts/run-tests release -L integration
 
