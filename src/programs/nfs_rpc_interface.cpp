@@ -2,7 +2,10 @@
 
 #include <boost/make_shared.hpp>
 
+#include "programs/nfs_async_transfer.h"
+#include "programs/nfs_read_result.h"
 #include "programs/program_dispatch.h"
+#include "rpc/xdr_completion_queue.h"
 #include "vfs/nfs3/nfs_args.h"
 #include "vfs/nfs3/nfs_results.h"
 #include "vfs/virtual_fs/virtual_fs.h"
@@ -35,22 +38,14 @@ void RunOnRoot(SProcedureCall& call) {
   Answer(call, result);
 }
 
-/// The buffer that the backend fills is itself a piece of the reply; the reply keeps it alive.
 void Read(SProcedureCall& call) {
   READ3args args;
   args.Decode(call.reader);
   const auto buffer = boost::make_shared<SFsReadBuffer>();
   READ3res result;
   result.status = call.fs.Read(args.file, args.offset, args.count, *buffer);
-  if (result.status == NFS3_OK) {
-    if (buffer->data.size() < buffer->length) {
-      SetFailedResult(result, NFS3ERR_SERVERFAULT);
-    } else {
-      result.count = buffer->length;
-      result.eof = buffer->eof;
-      result.data = boost::shared_ptr<const io::byte_buffer_t>(buffer, &buffer->data);
-    }
-  }
+  if (result.status == NFS3_OK)
+    SetReadResult(result, buffer);
   Answer(call, result);
 }
 
@@ -89,6 +84,9 @@ constexpr std::size_t ListingSize = 1024;
 constexpr std::size_t FsStatSize = StatusSize + PostOpAttrSize + 6 * 8 + 4;
 constexpr std::size_t FsInfoSize = StatusSize + 4 + 7 * 4 + 8 + 8 + 4;
 
+constexpr std::uint32_t ReadProcedure = 6;
+constexpr std::uint32_t WriteProcedure = 7;
+
 constexpr SProcedure Procedures[] = {
     PlainRow(0, "NULL", "=== NFSPROC3_NULL ============= :"),
     ServedRow(1, "GETATTR", "=== NFSPROC3_GETATTR ========== :", StatusSize + FattrSize, GetAttrs),
@@ -96,8 +94,8 @@ constexpr SProcedure Procedures[] = {
     ServedRow(3, "LOOKUP", "=== NFSPROC3_LOOKUP =========== :", StatusSize + HandleSize + 2 * PostOpAttrSize, Lookup),
     ServedRow(4, "ACCESS", "=== NFSPROC3_ACCESS ========== :", StatusSize + PostOpAttrSize + 4, Access),
     UnavailableRow(5, "READLINK", "=== NFSPROC3_READLINK ======UN= :"),
-    ServedRow(6, "READ", nullptr, ReadHeaderSize, Read),
-    ServedRow(7, "WRITE", nullptr, WriteResultSize, Write),
+    ServedRow(ReadProcedure, "READ", nullptr, ReadHeaderSize, Read),
+    ServedRow(WriteProcedure, "WRITE", nullptr, WriteResultSize, Write),
     ServedRow(8, "CREATE", "=== NFSPROC3_CREATE ========== :", NewItemSize, CreateFile),
     ServedRow(9, "MKDIR", "=== NFSPROC3_MKDIR ============ :", NewItemSize, CreateDir),
     UnavailableRow(10, "SYMLINK", "=== NFSPROC3_SYMLINK =======UN= :"),
@@ -129,4 +127,24 @@ void DispatchNfsCall(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& 
 void CNfsRpcInterface::ProcessCall(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader,
                                    CXDRWriter& writer, CVirtualFs& fs) {
   DispatchNfsCall(isClientAllowed, peer, reader, writer, fs);
+}
+
+void CNfsRpcInterface::ProcessAsyncCall(bool isClientAllowed, const sockaddr_in& peer,
+                                        const boost::shared_ptr<CXDRReader>& reader,
+                                        const boost::shared_ptr<CXDRCompletionQueue>& completionQueue, CVirtualFs& fs) {
+  const auto writer = boost::make_shared<CXDRWriter>();
+  const SProcedure* const procedure = OpenCall(NfsProgram, isClientAllowed, *reader, *writer);
+  if (procedure != nullptr) {
+    const SAsyncProcedureCall asyncCall{reader, writer, *completionQueue, fs};
+    switch (procedure->number) {
+      case ReadProcedure:
+        return BeginNfsRead(asyncCall);
+      case WriteProcedure:
+        return BeginNfsWrite(asyncCall);
+      default:
+        SProcedureCall call{peer, *reader, *writer, fs};
+        procedure->handler(call);
+    }
+  }
+  completionQueue->PostFinished(writer);
 }

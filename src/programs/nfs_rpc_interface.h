@@ -11,6 +11,9 @@ class CNfsRpcInterface : public IXdrRpcInterface {
 
   void ProcessCall(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer,
                    CVirtualFs& fs) override;
+  /// READ and WRITE return when their transfer is queued; all other calls are at their end.
+  void ProcessAsyncCall(bool isClientAllowed, const sockaddr_in& peer, const boost::shared_ptr<CXDRReader>& reader,
+                        const boost::shared_ptr<CXDRCompletionQueue>& completionQueue, CVirtualFs& fs) override;
 };
 
 /// The same as a plain function, for request queues.

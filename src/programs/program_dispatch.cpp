@@ -9,8 +9,7 @@ constexpr std::size_t HeaderSize = 24;
 
 }  // namespace
 
-void DispatchCall(const SProgram& program, bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader,
-                  CXDRWriter& writer, CVirtualFs& fs) {
+const SProcedure* OpenCall(const SProgram& program, bool isClientAllowed, CXDRReader& reader, CXDRWriter& writer) {
   RpcCallHeader header;
   ReadCallHeader(reader, header);
   const bool isKnown = header.procedure < program.procedures.size();
@@ -18,16 +17,16 @@ void DispatchCall(const SProgram& program, bool isClientAllowed, const sockaddr_
   writer.UInt(header.xid);
   if (!CheckCallHeader(header, program.program, program.version)) {
     writer.UnavailableReply();
-    return;
+    return nullptr;
   }
   if (!isClientAllowed && header.procedure != 0) {
     writer.AccessDeniedReply();
-    return;
+    return nullptr;
   }
   if (!isKnown) {
     g_nfs_log.Warning(program.notFoundLine, header.procedure);
     writer.UnavailableReply();
-    return;
+    return nullptr;
   }
 
   const SProcedure& procedure = program.procedures[header.procedure];
@@ -36,13 +35,21 @@ void DispatchCall(const SProgram& program, bool isClientAllowed, const sockaddr_
   switch (procedure.answer) {
     case procedure_answer_t::Unavailable:
       writer.UnavailableReply();
-      return;
+      return nullptr;
     case procedure_answer_t::PlainSuccess:
       writer.AcceptedReply();
-      return;
+      return nullptr;
     case procedure_answer_t::Procedure:
       break;
   }
+  return &procedure;
+}
+
+void DispatchCall(const SProgram& program, bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader,
+                  CXDRWriter& writer, CVirtualFs& fs) {
+  const SProcedure* const procedure = OpenCall(program, isClientAllowed, reader, writer);
+  if (procedure == nullptr)
+    return;
   SProcedureCall call{peer, reader, writer, fs};
-  procedure.handler(call);
+  procedure->handler(call);
 }

@@ -67,6 +67,10 @@ consteval bool IsTableSound(std::span<const SProcedure> procedures, std::uint32_
   return true;
 }
 
+/// The first part of DispatchCall, for a program that ends some of its calls later: the row whose handler is to be run,
+/// with the reader at the arguments and the xid in the writer; or null, with the whole reply in the writer.
+const SProcedure* OpenCall(const SProgram& program, bool isClientAllowed, CXDRReader& reader, CXDRWriter& writer);
+
 /// IXdrRpcInterface::ProcessCall for the program of a table. Throws when the record cannot be decoded; nothing of
 /// writer may be sent then.
 void DispatchCall(const SProgram& program, bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader,
