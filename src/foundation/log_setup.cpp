@@ -1,12 +1,11 @@
 #include "foundation/log_setup.h"
 
-#include <sys/stat.h>
 #include <sys/utsname.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 
+#include "foundation/create_folders.h"
 #include "foundation/debug_string_log.h"
 #include "foundation/exc.h"
 #include "foundation/log.h"
@@ -28,20 +27,6 @@ bool EndsWithLogExtension(const std::string& path) {
          platform::EqualIgnoringCase(std::string_view(path).substr(path.size() - LogExtension.size()), LogExtension);
 }
 
-void CreateFolders(const std::filesystem::path& folder) {
-  std::filesystem::path made;
-  for (const std::filesystem::path& part : folder) {
-    made /= part;
-    if (::mkdir(made.c_str(), 0700) == 0 || errno == EEXIST)
-      continue;
-    const platform::error_t error = platform::LastError();
-    struct stat status {};
-    if (::stat(made.c_str(), &status) == 0)
-      continue;
-    throw exc::win_sys_exc_t(exc::FormatText("Failed to create folder [%1].", made.string()), error);
-  }
-}
-
 boost::shared_ptr<receiver::log_file_t> OpenFile(const std::string& fileName, const CCommandLine& commandLine) {
   std::string path = fileName;
   try {
@@ -50,7 +35,7 @@ boost::shared_ptr<receiver::log_file_t> OpenFile(const std::string& fileName, co
     } else {
       const std::string folder = LogFolder();
       path = folder + fileName;
-      CreateFolders(folder);
+      io::CreateFolders(folder);
     }
     return OpenFirstFree(LogCandidates(path));
   } catch (const std::exception& failure) {

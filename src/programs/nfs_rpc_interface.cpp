@@ -2,6 +2,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "programs/io_trace.h"
 #include "programs/nfs_async_transfer.h"
 #include "programs/nfs_read_result.h"
 #include "programs/program_dispatch.h"
@@ -41,21 +42,25 @@ void RunOnRoot(SProcedureCall& call) {
 void Read(SProcedureCall& call) {
   READ3args args;
   args.Decode(call.reader);
+  io_trace::Begin(perf::event::ReadBegin, args.file, args.offset, args.count);
   const auto buffer = boost::make_shared<SFsReadBuffer>();
   READ3res result;
   result.status = call.fs.Read(args.file, args.offset, args.count, *buffer);
   if (result.status == NFS3_OK)
     SetReadResult(result, buffer);
   Answer(call, result);
+  io_trace::End(perf::event::ReadEnd, args.file, args.offset, result.status == NFS3_OK);
 }
 
 /// The data is written from where it was received.
 void Write(SProcedureCall& call) {
   WRITE3args args;
   args.Decode(call.reader);
+  io_trace::Begin(perf::event::WriteBegin, args.file, args.offset, args.count);
   WRITE3res result;
   call.fs.Write(args, result);
   Answer(call, result);
+  io_trace::End(perf::event::WriteEnd, args.file, args.offset, result.status == NFS3_OK);
 }
 
 constexpr auto GetAttrs = Run<GETATTR3args, GETATTR3res, &CVirtualFs::GetAttrs>;

@@ -1,6 +1,7 @@
 #include "programs/program_dispatch.h"
 
 #include "foundation/log.h"
+#include "programs/busy_scope.h"
 
 namespace {
 
@@ -47,6 +48,7 @@ const SProcedure* OpenCall(const SProgram& program, bool isClientAllowed, CXDRRe
 
 void DispatchCall(const SProgram& program, bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader,
                   CXDRWriter& writer, CVirtualFs& fs) {
+  const CBusyScope busy;
   const SProcedure* const procedure = OpenCall(program, isClientAllowed, reader, writer);
   if (procedure == nullptr)
     return;

@@ -10,6 +10,7 @@
 #include "config/reg_config_ports.h"
 #include "config/reg_options.h"
 #include "foundation/log.h"
+#include "foundation/perf_logger.h"
 #include "hostfs/host_fs_file_cache.h"
 #include "management/dcerpc/gss_provider.h"
 #include "management/invoker_interface.h"
@@ -26,6 +27,7 @@
 #include "service/crash_sinks.h"
 #include "service/start_advice.h"
 #include "transports/async/async_server.h"
+#include "transports/sockets/socket_ip.h"
 
 namespace {
 
@@ -37,6 +39,19 @@ rpc_handler_t WithFs(void (*dispatch)(bool, const sockaddr_in&, CXDRReader&, CXD
   return [dispatch, fs](bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer) {
     dispatch(isClientAllowed, peer, reader, writer, *fs);
   };
+}
+
+void StartPerfLog(const CRegOptions& options) {
+  std::string path;
+  if (!options.GetPerfLogPath(path) || path.empty())
+    return;
+  g_log.Info("Perfomance log is enabled. Path to log: \"%1\".", path);
+  perf::StartLog(path, CCommonOptions::Instance().perfBufSize);
+}
+
+void StopPerfLog() noexcept {
+  CSocketIP::WriteStatisticsEvent();
+  perf::StopLog();
 }
 
 /// For the user in front of the terminal: a failed start ends the process with 0, so that it must be said.
@@ -72,6 +87,7 @@ void CNfsService::RunStartSequence() {
   const auto context = boost::make_shared<CSvcContext>();
   CSvcContextHolder::Set(context);
   StartManagement(context);
+  StartPerfLog(*context->GetOptions());
   if (!context->GetOptions()->IsAsyncTcp()) {
     g_log.Info("Starting server in synchronous mode.");
     throw exc::runtime_exc_t("%1 Set the option AsyncTcp to 1.", NoSynchronousServer);
@@ -115,6 +131,8 @@ void CNfsService::Stop() noexcept {
   try {
     CSvcContextHolder::Set(nullptr);
     ShutdownRpcServer();
+    // Before the asynchronous server: what that still does is not waited for.
+    StopPerfLog();
     // Last reference: the server stops before its memory goes.
     asyncServer_.reset();
     HostFsFileCache::Deinit();

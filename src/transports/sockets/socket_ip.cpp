@@ -11,10 +11,12 @@
 #include <cstdint>
 
 #include "foundation/exc.h"
+#include "foundation/perf_logger.h"
 #include "platform/clock.h"
 #include "platform/error.h"
 #include "platform/futex.h"
 #include "transports/sockets/close_tcp_connection.h"
+#include "transports/sockets/socket_events.h"
 
 namespace {
 
@@ -117,6 +119,12 @@ SSocketStatistics& CSocketIP::Statistics() noexcept {
   return statistics;
 }
 
+void CSocketIP::WriteStatisticsEvent() noexcept {
+  perf::WriteRecord(perf::event::SocketTotals,
+                    perf::socket_totals_t{Statistics().calls.load(std::memory_order_relaxed),
+                                          Statistics().bytes.load(std::memory_order_relaxed)});
+}
+
 CSocketIP::CSocketIP(bool tcp)
     : socket_(::socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, tcp ? IPPROTO_TCP : IPPROTO_UDP)) {
   if (socket_ < 0)
@@ -176,6 +184,7 @@ void CSocketIP::WaitToWrite() {
 std::uint64_t CSocketIP::Read(void* data, std::uint64_t length) {
   if (!connected_)
     throw exc::runtime_exc_t("Trying to receive over not connected socket.");
+  CSocketTransferEvent event(perf::event::SocketReceive, length, perfEvents_);
   auto* const bytes = static_cast<std::uint8_t*>(data);
   for (std::uint64_t done = 0; done < length;) {
     ssize_t received = Repeat([&] { return ::recv(socket_, bytes + done, length - done, MSG_DONTWAIT); });
@@ -192,12 +201,14 @@ std::uint64_t CSocketIP::Read(void* data, std::uint64_t length) {
       platform::Clock().Sleep(WouldBlockPauseMs);
     }
   }
+  event.SetDone(length);
   return length;
 }
 
 std::uint64_t CSocketIP::Write(const void* data, std::uint64_t length) {
   if (!connected_)
     throw exc::runtime_exc_t("Trying to send over not connected socket.");
+  CSocketTransferEvent event(perf::event::SocketSend, length, perfEvents_);
   const auto* const bytes = static_cast<const std::uint8_t*>(data);
   // With a limit a send takes only what fits at once, so that no wait hides in it.
   const int flags = MSG_NOSIGNAL | (TimeoutSec() != 0 ? MSG_DONTWAIT : 0);
@@ -216,6 +227,7 @@ std::uint64_t CSocketIP::Write(const void* data, std::uint64_t length) {
       platform::Clock().Sleep(WouldBlockPauseMs);
     }
   }
+  event.SetDone(length);
   return length;
 }
 
@@ -259,6 +271,8 @@ void CSocketIP::Connect(const std::string& address, std::uint16_t port) {
   }
   connected_ = true;
   remoteName_ = SocketAddressText(peer);
+  if (perfEvents_ && perf::IsOn())
+    WriteConnectionEvent(perf::event::SocketConnect, peer);
 }
 
 void CSocketIP::Bind(std::uint16_t port) {
@@ -272,9 +286,14 @@ bool CSocketIP::BindReservedPort() noexcept {
 }
 
 int CSocketIP::Accept() {
-  const int accepted = Repeat([&] { return ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC); });
+  sockaddr_in peer = {};
+  socklen_t size = sizeof(peer);
+  const int accepted =
+      Repeat([&] { return ::accept4(socket_, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC); });
   if (accepted < 0)
     ThrowSocketError("Cannot accept socket");
+  if (perfEvents_ && perf::IsOn())
+    WriteConnectionEvent(perf::event::SocketAccept, peer);
   return accepted;
 }
 
@@ -305,6 +324,8 @@ void CSocketIP::Recv(void* data, std::uint64_t length, std::uint32_t timeoutSec)
 std::uint64_t CSocketIP::ReceiveFrom(void* data, std::uint64_t length, sockaddr_in& address) {
   if (WaitFor(socket_, POLLIN, 0) != wait_t::Ready)
     ThrowSocketError("Select error.");
+  // From here: a datagram may be long in coming.
+  CSocketTransferEvent event(perf::event::SocketReceiveFrom, length, perfEvents_);
   socklen_t size = sizeof(address);
   const ssize_t received =
       Repeat([&] { return ::recvfrom(socket_, data, length, 0, reinterpret_cast<sockaddr*>(&address), &size); });
@@ -312,10 +333,12 @@ std::uint64_t CSocketIP::ReceiveFrom(void* data, std::uint64_t length, sockaddr_
     ThrowSocketError("Connection aborted.");
   if (received == 0)
     throw CCloseTCPConnection();
+  event.SetDone(static_cast<std::uint64_t>(received));
   return static_cast<std::uint64_t>(received);
 }
 
 std::uint64_t CSocketIP::SendTo(const void* data, std::uint64_t length, const sockaddr_in& address) {
+  CSocketTransferEvent event(perf::event::SocketSendTo, length, perfEvents_);
   if (WaitFor(socket_, POLLOUT, 0) != wait_t::Ready)
     ThrowSocketError("Select error in SendTo().");
   const ssize_t sent = Repeat([&] {
@@ -323,6 +346,7 @@ std::uint64_t CSocketIP::SendTo(const void* data, std::uint64_t length, const so
   });
   if (sent < 0)
     ThrowSocketError("Connection aborted in SendTo().");
+  event.SetDone(static_cast<std::uint64_t>(sent));
   return static_cast<std::uint64_t>(sent);
 }
 

@@ -75,7 +75,13 @@ class CSocketIP : public io::INonBlockingIoDev {
   /// True, the default, ends the stream for the peer at Close.
   void SetCloseGracefully(bool gracefully) noexcept { closeGracefully_ = gracefully; }
 
+  /// True, the default: each call of this socket is an event of the performance log while one runs; calls that never
+  /// wait are counted instead.
+  void SetPerfEvents(bool wanted) noexcept { perfEvents_ = wanted; }
+
   static SSocketStatistics& Statistics() noexcept;
+  /// Adds what Statistics() holds to the performance log.
+  static void WriteStatisticsEvent() noexcept;
 
  private:
   void WaitToRead();
@@ -89,6 +95,7 @@ class CSocketIP : public io::INonBlockingIoDev {
   int socket_ = -1;
   bool connected_ = false;
   bool closeGracefully_ = true;
+  bool perfEvents_ = true;
 };
 
 /// "a.b.c.d:port".
