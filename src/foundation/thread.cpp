@@ -65,6 +65,10 @@ bool thread_t::WaitFor(std::uint32_t limitMs) {
   }
 }
 
+void thread_t::Detach() noexcept {
+  thread_->detach();
+}
+
 void thread_t::WaitOrThrow(std::uint32_t limitMs) {
   if (!WaitFor(limitMs))
     throw exc::runtime_exc_t("Thread not finished within [%1] milliseconds.", limitMs);

@@ -34,6 +34,8 @@ class thread_t {
   /// Joins; false when the limit (milliseconds) passed. A failure of the wait is chained under
   /// "Failed to wait for thread [%1] to finish.".
   bool WaitFor(std::uint32_t limitMs);
+  /// Lets the thread go on alone; what it uses must be its own. There is nothing to be waited for any more.
+  void Detach() noexcept;
   /// As WaitFor, and throws runtime_exc_t "Thread not finished within [%1] milliseconds.".
   void WaitOrThrow(std::uint32_t limitMs);
 

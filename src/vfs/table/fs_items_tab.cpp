@@ -75,8 +75,8 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
       }
       batch.Commit();
       for (std::size_t i = begin; i < end; ++i) {
-        if (const rec_ptr rec = FindRec(items[i].fid))
-          items[i].item = rec->Item();
+        const rec_ptr rec = FindRec(items[i].fid);
+        items[i].item = rec ? rec->Item() : nullptr;
       }
     }
     LogRemoved(removed);
@@ -88,6 +88,9 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
 std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, found_t found,
                                        changes_t& changes, changes_t& removed) {
   const rec_ptr parent = GetRec(parentFid);
+  // Opened just before its mount was withdrawn: it would be there for ever, with nobody behind it.
+  if (prepared.spec.isRfsItem && !parent->ItemForMount(prepared.spec.mountUid))
+    return InvalidFid;
   const auto entry = listing_.find(SListingKeyView{parentFid, prepared.name});
   const bool wasFound = entry != listing_.end();
   const std::uint64_t fid = wasFound ? entry->second.fid : GenerateFid();

@@ -71,14 +71,15 @@ class CFsItemsTab {
   /// @name Items
   /// @{
   /// The item's FID. A name that is there already, in any case, keeps its FID and its further backings and gets the new
-  /// item and spelling. "." and ".." add nothing and give the folder and its parent.
+  /// item and spelling. "." and ".." add nothing and give the folder and its parent. InvalidFid, and nothing added, for
+  /// an item of a mount that does not back the folder (any more).
   std::uint64_t AddItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item);
   /// AddItem for an item that was looked for because the name was not there: a name that has come meanwhile keeps its
   /// item too, which is the younger one. It may have been moved here while the other was opened.
   std::uint64_t AddFoundItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item);
   /// AddFoundItem for many items of one folder: fills their FIDs and replaces items that were there already by
-  /// those that the table keeps. The registry is written in few transactions, and the lock is given up between them, so
-  /// that other calls go on while a large folder comes in.
+  /// those that the table keeps; what is not added has neither. The registry is written in few transactions, and the
+  /// lock is given up between them, so that other calls go on while a large folder comes in.
   void AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& items);
   /// Brings an item back under its stored FID; writes nothing to the registry. mountUid: the mount that backs it, nil
   /// for the host.

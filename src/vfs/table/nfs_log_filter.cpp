@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "foundation/log.h"
+
 namespace {
 
 std::uint64_t SteadyMsec() {
@@ -19,8 +21,11 @@ CNfsLogFilter::CNfsLogFilter(clock_t clock) : clock_(std::move(clock)) {
   mountLosses_.lastPurge = getAttrs_.lastPurge = reads_.lastPurge = writes_.lastPurge = lookups_.lastPurge = now;
 }
 
-bool CNfsLogFilter::AdmitMountLoss(const GUID& shareUid, const GUID& mountUid) {
-  return Admit(mountLosses_, {shareUid, mountUid});
+void CNfsLogFilter::ReportLost(const GUID& mountUid, const CBackupMountCfg& cfg) {
+  if (!Admit(mountLosses_, {cfg.nfsFolderID, mountUid}))
+    return;
+  g_nfs_log.Warning("[Mount] Failed to re-connect mount agent. VM: \"%1\". Mount ID: \"%2\".  Pipe: \"%3\".",
+                    cfg.vmName, platform::GuidToText(mountUid), cfg.pipe);
 }
 
 bool CNfsLogFilter::AdmitGetAttrs(std::uint64_t fid) {

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "config/backup_mount_cfg.h"
 #include "platform/guid.h"
 
 /// Remembers for half an hour which failure lines were written. Each question is true for the first failure of its
@@ -27,7 +28,8 @@ class CNfsLogFilter {
   CNfsLogFilter();
   explicit CNfsLogFilter(clock_t clock);
 
-  bool AdmitMountLoss(const GUID& shareUid, const GUID& mountUid);
+  /// Writes the line of a mount whose agent did not come back, if it is the first.
+  void ReportLost(const GUID& mountUid, const CBackupMountCfg& cfg);
   bool AdmitGetAttrs(std::uint64_t fid);
   bool AdmitRead(std::uint64_t fid);
   bool AdmitWrite(std::uint64_t fid);

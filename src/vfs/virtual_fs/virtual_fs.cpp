@@ -13,6 +13,8 @@
 #include "hostfs/host_folders.h"
 #include "hostfs/host_fs_folder.h"
 #include "platform/text.h"
+#include "remotefs/mounts/remote_fs_health_check_thread.h"
+#include "remotefs/mounts/remote_fs_mounter.h"
 #include "vfs/items/completion_events_allocator.h"
 #include "vfs/items/fs_proc_invoker.h"
 #include "vfs/table/fs_items_tab.h"
@@ -32,9 +34,13 @@ CVirtualFs::CVirtualFs()
   }
 }
 
-// The members go in reverse order, so the invoker is there for as long as there are items that use it.
+// In reverse order, so that the invoker is there for as long as there are items that use it.
 CVirtualFs::~CVirtualFs() {
   try {
+    if (healthCheck_)
+      healthCheck_->Stop();
+    healthCheck_.reset();
+    mounter_.reset();
     itemsTab_.reset();
     updateSink_.reset();
     invoker_.reset();
@@ -58,8 +64,10 @@ void CVirtualFs::Initialize() {
   updateSink_ = boost::make_shared<CRegConfigUpdateSink>(regConfig_);
   itemsTab_ = boost::make_shared<CFsItemsTab>(updateSink_);
   ResumeShares(catalogue);
+  mounter_ = boost::make_shared<CRemoteFsMounter>(catalogue.mounts, itemsTab_, completionEventsAllocator_, logFilter_);
   ResumeRemoteItems(catalogue);
   ClearStaleItems(catalogue);
+  healthCheck_ = boost::make_shared<CRemoteFsHealthCheckThread>(mounter_);
 }
 
 void CVirtualFs::ResumeShares(const SRegConfigData& catalogue) {

@@ -24,7 +24,10 @@ class CNfsLogFilter;
 class CNfsWholeListing;
 class CRegConfig;
 class CRegConfigUpdateSink;
+class CRemoteFsHealthCheckThread;
+class CRemoteFsMounter;
 class IFsProcCompletionCallback;
+struct CBackupMountCfg;
 struct CNfsShareCfg;
 struct SRegConfigData;
 
@@ -64,8 +67,9 @@ using service_lock_t = std::pair<std::string, std::string>;
 /// The administrative operations throw.
 class CVirtualFs {
  public:
-  /// Brings the tree back from the registry: shares first, then what lies below them. Throws when the registry or
-  /// the root folder cannot be used; one bad share, item or key costs that one alone.
+  /// Brings the tree back from the registry: shares, then mounts, then what lies below them; then watches over the
+  /// mounts. Throws when the registry or the root folder cannot be used, and when the folder of a mount is not there;
+  /// one bad share, item, agent or key costs that one alone.
   CVirtualFs();
   CVirtualFs(const CVirtualFs&) = delete;
   CVirtualFs& operator=(const CVirtualFs&) = delete;
@@ -105,6 +109,10 @@ class CVirtualFs {
   GUID CreateShare(const boost::shared_ptr<CNfsShareCfg>& cfg);
   /// (L) Withdraws a share from clients and registry; its files stay. One that is not there is no fault.
   void DismountShare(const GUID& uid);
+  /// (L) Shows a backup in a folder of a share, under an identity that the caller gives, and stores the mount.
+  void MountBackupItems(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg);
+  /// (L) Withdraws it from clients and registry. One that is not there is no fault.
+  void DismountBackupItems(const GUID& mountUid);
   /// (L) Makes a folder path inside a share, each level with this address list. Gives the local path.
   std::string CreateHostFolder(const GUID& uid, const std::string& relativePath, const std::string& allowedHostAddr);
   /// (L) Removes a folder of a share with all that it holds. One that is gone is no fault.
@@ -116,8 +124,7 @@ class CVirtualFs {
   /// (L) The identity of the share that is mounted under the path. Throws when there is none.
   GUID GetShareId(const std::string& alias);
 
-  /// A lock for each backup mount that backs a folder of the tree, under the name of its machine, or its identity when
-  /// it is not stored.
+  /// The machines of the mounts whose agents are connected.
   std::set<service_lock_t> EnumLocks();
   /// Drops the catalogue entries that no item stands for.
   void ClearItemsCache();
@@ -144,7 +151,6 @@ class CVirtualFs {
   void MountShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, std::uint64_t fid);
   void ClearStaleItems(const SRegConfigData& catalogue);
   void CheckNotLocked() const;
-  std::set<GUID> FindMounts() const;
 
   // Steps that several operations share. All throw unless told otherwise.
   std::uint64_t FindChild(std::uint64_t parentFid, const std::string& name);
@@ -163,6 +169,8 @@ class CVirtualFs {
   boost::shared_ptr<CFsProcInvoker> invoker_;
   boost::shared_ptr<CRegConfigUpdateSink> updateSink_;
   boost::shared_ptr<CFsItemsTab> itemsTab_;
+  boost::shared_ptr<CRemoteFsMounter> mounter_;
+  boost::shared_ptr<CRemoteFsHealthCheckThread> healthCheck_;
 
   std::atomic<bool> isLocked_{false};
   // Equal while no rename is between its backend and the table.

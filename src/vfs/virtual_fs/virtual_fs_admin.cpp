@@ -1,13 +1,15 @@
-// Shares and folders, as administrators manage them.
+// Shares, mounts and folders, as administrators manage them.
 #include <boost/make_shared.hpp>
+#include <list>
 #include <utility>
-#include <vector>
 
+#include "config/backup_mount_cfg.h"
 #include "config/nfs_share_cfg.h"
 #include "config/reg_config.h"
 #include "foundation/log.h"
 #include "hostfs/host_fs_folder.h"
 #include "platform/text.h"
+#include "remotefs/mounts/remote_fs_mounter.h"
 #include "vfs/table/fs_items_tab.h"
 #include "vfs/table/host_folder_path.h"
 #include "vfs/virtual_fs/operation.h"
@@ -39,6 +41,33 @@ void CVirtualFs::DismountShare(const GUID& uid) {
   regConfig_->RemoveShare(uid);
   itemsTab_->UnregisterShare(uid);
   g_nfs_log.Info("[COM] NFS share was dismounted.");
+}
+
+void CVirtualFs::MountBackupItems(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg) {
+  CheckNotLocked();
+  try {
+    g_nfs_log.Info("[COM] Mounting backup items.");
+    mounter_->Mount(mountUid, cfg);
+    regConfig_->SaveMount(mountUid, *cfg);
+    g_nfs_log.Info("[COM] Items were mounted");
+    g_nfs_log.Info("[COM] Backup items were mounted.");
+  } catch (const std::exception& failure) {
+    exc::ChainAndThrow("Failed to mount backup items. VM name: [%1]. Comment: [%2]. Mount point: [%3].", failure,
+                       cfg->vmName, cfg->description, cfg->mountPoint);
+  }
+}
+
+void CVirtualFs::DismountBackupItems(const GUID& mountUid) {
+  CheckNotLocked();
+  const std::string uidText = platform::GuidToText(mountUid);
+  try {
+    g_nfs_log.Info("[COM] Dismounting backup items. Mount ID: [%1].", uidText);
+    mounter_->Dismount(mountUid);
+    regConfig_->RemoveMount(mountUid);
+    g_nfs_log.Info("[COM] Items were dismounted.");
+  } catch (const std::exception& failure) {
+    exc::ChainAndThrow("Failed to unmount backup items. Mount ID: [%1].", failure, uidText);
+  }
 }
 
 std::string CVirtualFs::CreateHostFolder(const GUID& uid, const std::string& relativePath,
@@ -126,49 +155,13 @@ GUID CVirtualFs::GetShareId(const std::string& alias) {
 std::set<service_lock_t> CVirtualFs::EnumLocks() {
   g_nfs_log.Info("Enumerating service locks.");
   try {
+    std::list<std::string> vmNames;
+    mounter_->GetActiveConnections(vmNames);
     std::set<service_lock_t> locks;
-    const std::set<GUID> mounts = FindMounts();
-    if (mounts.empty())
-      return locks;
-    SRegConfigData stored;
-    regConfig_->Load(stored);
-    for (const GUID& uid : mounts) {
-      const auto mount = stored.mounts.find(uid);
-      locks.emplace(mount == stored.mounts.end() ? platform::GuidToText(uid) : mount->second->vmName, std::string());
-    }
+    for (std::string& vmName : vmNames)
+      locks.emplace(std::move(vmName), std::string());
     return locks;
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to enumerate service locks.", failure);
   }
-}
-
-std::set<GUID> CVirtualFs::FindMounts() const {
-  std::set<GUID> mounts;
-  std::set<GUID> shares;
-  itemsTab_->GetShareUids(shares);
-  std::vector<std::uint64_t> folders;
-  boost::shared_ptr<CNfsShareCfg> cfg;
-  for (const GUID& share : shares) {
-    std::uint64_t fid = InvalidFid;
-    if (itemsTab_->GetShareCfg(share, fid, cfg))
-      folders.push_back(fid);
-  }
-  std::vector<boost::shared_ptr<IFsFolder>> mirrors;
-  std::vector<SNfsChild> children;
-  while (!folders.empty()) {
-    const std::uint64_t folder = folders.back();
-    folders.pop_back();
-    itemsTab_->GetFolderMirrors(folder, mirrors);
-    for (const auto& mirror : mirrors) {
-      GUID uid;
-      if (mirror->GetMountUid(uid))
-        mounts.insert(uid);
-    }
-    itemsTab_->ListChildren(folder, children);
-    for (const SNfsChild& child : children) {
-      if (boost::dynamic_pointer_cast<IFsFolder>(child.item))
-        folders.push_back(child.fid);
-    }
-  }
-  return mounts;
 }

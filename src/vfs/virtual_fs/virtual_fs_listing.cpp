@@ -167,8 +167,10 @@ class CListing {
 
   void AddNewItems() {
     itemsTab_.AddItems(folderFid_, newItems_);
-    for (SNfsChild& item : newItems_)
-      found_.try_emplace(item.name, std::move(item));
+    for (SNfsChild& item : newItems_) {
+      if (item.item)
+        found_.try_emplace(item.name, std::move(item));
+    }
     newItems_.clear();
   }
 

@@ -71,8 +71,10 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
   std::vector<boost::shared_ptr<IFsFolder>> mirrors;
   itemsTab_->GetFolderMirrors(parentFid, mirrors);
   for (const auto& folder : mirrors) {
-    if (const auto child = folder->OpenChild(name))
-      return itemsTab_->AddFoundItem(parentFid, name, child);
+    const auto child = folder->OpenChild(name);
+    const std::uint64_t added = child ? itemsTab_->AddFoundItem(parentFid, name, child) : InvalidFid;
+    if (added != InvalidFid)
+      return added;
   }
   return InvalidFid;
 }

@@ -1,6 +1,8 @@
 // Allowed hosts, the reported size of the datastore, and backup mounts.
 #include "config/address_checker.h"
+#include "config/reg_config.h"
 #include "management_fixture.h"
+#include "support/fake_mount_agent.h"
 
 namespace test {
 namespace {
@@ -88,16 +90,53 @@ TEST_F(MountCommands, ADismountReadsItsArgument) {
                           "RPC: Failed DismountBackup."));
 }
 
-TEST_F(MountCommands, AreToldThatThereAreNoneYet) {
-  const std::string none = "Backup mounts are not available in this version.";
+TEST_F(MountCommands, AMountWithoutAgentIsRefusedWithTheWholeCause) {
+  const std::string share = NewShare("vol");
   EXPECT_THAT(Fail("MountBackup", {{"mountId", Uid},
-                                   {"shareId", Uid},
-                                   {"nfsRelativePath", "vm"},
-                                   {"vmName", "vm"},
-                                   {"description", ""},
-                                   {"pipeName", "pipe"}}),
-              ElementsAre(none, "RPC: Failed MountBackup."));
-  EXPECT_THAT(Fail("DismountBackup", {{"mountId", Uid}}), ElementsAre(none, "RPC: Failed DismountBackup."));
+                                   {"shareId", share},
+                                   {"nfsRelativePath", ""},
+                                   {"vmName", "machine"},
+                                   {"description", "of monday"},
+                                   {"pipeName", "nobody"}}),
+              ElementsAre("NFS mount agent is not started or not functional (2).",
+                          "Failed to connect to the FS server. Pipe: [nobody].",
+                          "Failed to mount backup items. VM name: [machine]. Comment: [of monday]. Mount point: [].",
+                          "RPC: Failed MountBackup."));
+  EXPECT_EQ(Run("EnumLocks"), "<OutputArguments><locks /></OutputArguments>");
+}
+
+TEST_F(MountCommands, AMountComesAndGoes) {
+  FakeMountAgent agent("vm1");
+  agent.SetFile("disk.img", WireBytes("hello"));
+  const std::string share = NewShare("vol");
+  EXPECT_EQ(Run("MountBackup", {{"mountId", Uid},
+                                {"shareId", share},
+                                {"nfsRelativePath", "/"},
+                                {"vmName", "machine"},
+                                {"description", ""},
+                                {"pipeName", "vm1"},
+                                {"allowedHostAddr", "10.1.1.1"}}),
+            Output({}));
+  SRegConfigData catalogue;
+  CRegConfig().Load(catalogue);
+  const CBackupMountCfg expected{.nfsFolderID = *platform::GuidFromText(share),
+                                 .mountPoint = "/",
+                                 .vmName = "machine",
+                                 .description = "",
+                                 .pipe = "vm1",
+                                 .allowedHostAddr = "10.1.1.1"};
+  ASSERT_EQ(catalogue.mounts.size(), 1U);
+  EXPECT_EQ(*catalogue.mounts.at(*platform::GuidFromText(Uid)), expected);
+  EXPECT_TRUE(HasTrimmed("[COM] Mounting backup items."));
+  EXPECT_TRUE(HasTrimmed("[COM] Items were mounted"));
+  EXPECT_TRUE(HasTrimmed("[COM] Backup items were mounted."));
+
+  EXPECT_EQ(Run("DismountBackup", {{"mountId", Uid}}), Output({}));
+  CRegConfig().Load(catalogue);
+  EXPECT_TRUE(catalogue.mounts.empty());
+  EXPECT_TRUE(HasTrimmed("[COM] Items were dismounted."));
+  EXPECT_EQ(Run("DismountBackup", {{"mountId", Uid}}), Output({})) << "one that is gone is no fault";
+  EXPECT_TRUE(HasTrimmed("Mount configuration \"" + std::string(Uid) + "\" was not found."));
 }
 
 }  // namespace

@@ -111,6 +111,8 @@ class ManagementFixture : public ConfigFixture {
   }
   bool HasTrimmed(const std::string& text) const { return CountTrimmed(text) != 0; }
 
+  /// Where agents have their names.
+  const ScopedEnvironment runtimeDir{"KELVO_RUNTIME_DIR", folder / "run"};
   boost::shared_ptr<CSvcContext> context;
 };
 

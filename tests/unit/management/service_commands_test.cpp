@@ -1,5 +1,6 @@
 // The service as a whole: the table of commands, locks, log, version, settings.
 #include <filesystem>
+#include <memory>
 #include <set>
 
 #include "config/nfs_share_cfg.h"
@@ -9,7 +10,8 @@
 #include "foundation/log_setup.h"
 #include "management_fixture.h"
 #include "platform/process.h"
-#include "support/fake_fs_backend.h"
+#include "support/fake_mount_agent.h"
+#include "vfs/items/fs_item.h"
 
 namespace test {
 namespace {
@@ -21,19 +23,15 @@ constexpr char RpcKey[] = R"(SOFTWARE\Kelvo\Kelvo NFS)";
 
 class ServiceCommands : public ManagementFixture {
  protected:
-  /// A mount as it stands in the tree and in the registry.
-  void Mount(std::uint8_t number, const std::string& vmName) {
-    GUID uid;
-    uid.bytes[15] = number;
-    const GUID share = *platform::GuidFromText(NewShare("mount" + std::to_string(number)));
-    const std::uint64_t root = Fs().ItemsTab()->GetShareFid(share);
-    Fs().ItemsTab()->MountMirroredFolder(root, uid, CFakeFolder::Root(boost::make_shared<SFakeBackend>(uid)));
-    CRegConfig().SaveMount(uid, {.nfsFolderID = share,
-                                 .mountPoint = {},
-                                 .vmName = vmName,
-                                 .description = {},
-                                 .pipe = {},
-                                 .allowedHostAddr = {}});
+  /// A mount whose agent runs for as long as the test.
+  void Mount(const std::string& vmName) {
+    const std::string pipe = "vm" + std::to_string(agents_.size());
+    agents_.push_back(std::make_unique<FakeMountAgent>(pipe));
+    const auto cfg = boost::make_shared<CBackupMountCfg>();
+    cfg->nfsFolderID = *platform::GuidFromText(NewShare("mount" + pipe));
+    cfg->vmName = vmName;
+    cfg->pipe = pipe;
+    Fs().MountBackupItems(platform::NewGuid(), cfg);
   }
   bool IsLocked() {
     try {
@@ -47,6 +45,8 @@ class ServiceCommands : public ManagementFixture {
                        const std::string& mountPort = "1100", const std::string& nfsPort = "2100") {
     return {{"rootFolder", rootFolder}, {"rpcPort", rpcPort}, {"mountPort", mountPort}, {"nfsPort", nfsPort}};
   }
+
+  std::vector<std::unique_ptr<FakeMountAgent>> agents_;
 };
 
 TEST_F(ServiceCommands, EighteenStandInTheirOrder) {
@@ -77,9 +77,9 @@ TEST_F(ServiceCommands, WithoutMountsThereAreNoLocks) {
 }
 
 TEST_F(ServiceCommands, LocksStandInTheOrderOfTheirNames) {
-  Mount(1, "zeta");
-  Mount(2, "Ümlaut &amp;");
-  Mount(3, "alpha");
+  Mount("zeta");
+  Mount("Ümlaut &amp;");
+  Mount("alpha");
   EXPECT_EQ(Run("EnumLocks"),
             "<OutputArguments><locks><item BackupConsole=\"alpha\" JobName=\"\" />"
             "<item BackupConsole=\"zeta\" JobName=\"\" />"
@@ -87,12 +87,22 @@ TEST_F(ServiceCommands, LocksStandInTheOrderOfTheirNames) {
 }
 
 TEST_F(ServiceCommands, ALockThatCannotBeWrittenIsTold) {
-  Mount(1, "unreadable");
-  registry.fault = [](std::string_view, std::string_view key) {
-    return key.ends_with("Dynamic mounts") ? platform::error_t{1009} : platform::error_t{0};
-  };
-  EXPECT_EQ(Fail("EnumLocks").back(), "Failed to enumerate service locks.") << "nothing is chained over it";
+  EXPECT_THROW(Mount("\xFF"), exc::exc_base_t) << "the registry has no such text; the mount is there";
+  EXPECT_EQ(Fail("EnumLocks").back(), "Failed to serialize list of jobs.") << "nothing is chained over it";
   EXPECT_EQ(CountTrimmed("RPC: EnumLocks Failed."), 1U);
+}
+
+TEST_F(ServiceCommands, AMachineWhoseAgentIsLostHoldsNoLock) {
+  Mount("alpha");
+  Mount("beta");
+  agents_.front()->SetScript([](const AgentRequest&) { return AgentReply::Silence(); });
+  std::vector<boost::shared_ptr<IFsFolder>> mirrors;
+  Fs().ItemsTab()->GetFolderMirrors(Fs().ItemsTab()->GetShareFidByAlias("mountvm0"), mirrors);
+  SFsEnumeration enumeration;
+  mirrors.back()->Enumerate(enumeration);
+  EXPECT_TRUE(enumeration.unavailable);
+  EXPECT_EQ(Run("EnumLocks"),
+            "<OutputArguments><locks><item BackupConsole=\"beta\" JobName=\"\" /></locks></OutputArguments>");
 }
 
 TEST_F(ServiceCommands, TheLogsFolderIsToldWhileTheLogIsOpen) {
@@ -172,7 +182,7 @@ TEST_F(ServiceCommands, ABlankRootFolderLeavesTheFileSystemUsable) {
 }
 
 TEST_F(ServiceCommands, ALockIsFoundBeforeAnyArgumentIsRead) {
-  Mount(1, "vm");
+  Mount("vm");
   EXPECT_THAT(Fail("Reconfigure"),
               ElementsAre("Failed to reconfigure NFS service: there is at least 1 active connection.",
                           "RPC: Failed Reconfigure."));

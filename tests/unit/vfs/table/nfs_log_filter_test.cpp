@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/captured_log.h"
+
 namespace {
 
 class LogFilter : public ::testing::Test {
@@ -37,12 +39,26 @@ TEST_F(LogFilter, ALookupIsKeyedByFolderAndName) {
 }
 
 TEST_F(LogFilter, AMountLossIsKeyedByShareAndMount) {
+  test::CapturedLog log;
   GUID one;
   GUID two;
   two.bytes[0] = 2;
-  EXPECT_TRUE(filter.AdmitMountLoss(one, two));
-  EXPECT_TRUE(filter.AdmitMountLoss(two, one));
-  EXPECT_FALSE(filter.AdmitMountLoss(one, two));
+  CBackupMountCfg cfg;
+  cfg.nfsFolderID = one;
+  cfg.vmName = "machine";
+  cfg.pipe = "vm1";
+  filter.ReportLost(two, cfg);
+  filter.ReportLost(two, cfg);
+  const std::string line = "[Mount] Failed to re-connect mount agent. VM: \"machine\". Mount ID: \"" +
+                           platform::GuidToText(two) + "\".  Pipe: \"vm1\".";
+  EXPECT_EQ(log.Texts("Warning"), std::vector<std::string>{line});
+  cfg.nfsFolderID = two;
+  filter.ReportLost(one, cfg);
+  EXPECT_EQ(log.Texts("Warning").size(), 2U);
+  now += CNfsLogFilter::PurgePeriodMsec;
+  cfg.nfsFolderID = one;
+  filter.ReportLost(two, cfg);
+  EXPECT_EQ(log.Count(line), 2U);
 }
 
 TEST_F(LogFilter, EndlessNewNamesDoNotGrowIt) {

@@ -196,22 +196,5 @@ TEST_F(Administration, WithoutMountsThereAreNoLocks) {
   EXPECT_TRUE(fs->EnumLocks().empty());
 }
 
-TEST_F(Administration, EachMountIsOneLockWhateverItBacks) {
-  const auto folder = MakeFolder(root, "backups");
-  const auto below = MakeFolder(folder, "below");
-  const auto mount = boost::make_shared<SFakeBackend>(Guid(7));
-  fs->ItemsTab()->MountMirroredFolder(folder, Guid(7), CFakeFolder::Root(mount));
-  fs->ItemsTab()->MountMirroredFolder(below, Guid(7), CFakeFolder::Root(mount));
-  fs->ItemsTab()->MountMirroredFolder(below, Guid(8), CFakeFolder::Root(boost::make_shared<SFakeBackend>(Guid(8))));
-  CRegConfig().SaveMount(Guid(7), {.nfsFolderID = shareUid,
-                                   .mountPoint = "backups",
-                                   .vmName = "vm seven",
-                                   .description = {},
-                                   .pipe = {},
-                                   .allowedHostAddr = {}});
-  EXPECT_EQ(fs->EnumLocks(),
-            (std::set<service_lock_t>{{"vm seven", ""}, {"{00000000-0000-0000-0000-000000000008}", ""}}));
-}
-
 }  // namespace
 }  // namespace test

@@ -1,0 +1,64 @@
+// A file of a backup, as a mount agent serves it.
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "remotefs/items/remote_fs_item.h"
+#include "vfs/items/fs_item.h"
+
+/// A file as the agent knows it, and on which connect it said so.
+struct SRemoteHandle {
+  static constexpr std::int32_t None = -1;
+
+  std::int32_t handle = None;
+  std::uint64_t connection = 0;
+};
+
+/// Answers for its attributes also while the agent is away: with the size that was known last. Reads and writes fail
+/// then. Any thread; each operation takes a client of the connector for its length.
+///
+/// A handle is never used on another connection than its own, where it could be that of another file: the first
+/// operation after a reconnection opens the file anew.
+class CRemoteFsFile : public IFsFile {
+ public:
+  /// sizeHint: bytes. Without a handle the file waits for the agent; with one, its size is asked at once, and a failure
+  /// is thrown as "Failed to open file [%1] using pipe [%2]." with its cause.
+  CRemoteFsFile(boost::shared_ptr<CRemoteFsConnector> connector, std::string path, const GUID& mountUid,
+                const SRemoteHandle& handle, std::uint64_t sizeHint);
+
+  void GetItemSpec(SFsItemSpec& spec) override;
+  void GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) override;
+  /// The agent knows of none: the times alone change.
+  void SetPermissions(bool read, bool write) override;
+  void SetTimes(const FILETIME* creation, const FILETIME* lastAccess, const FILETIME* lastWrite) override;
+  bool Exists() override { return true; }
+  bool GetMountUid(GUID& mountUid) override;
+  bool IsAddressAllowed(const sockaddr_in& address) override { return access_.IsAddressAllowed(address); }
+  std::string GetAllowedHostAddr() override { return access_.Text(); }
+  void Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) override;
+  void Write(std::uint64_t offset, std::uint32_t count, const void* data) override;
+  void Resize(std::uint64_t newSize) override;
+
+  /// Asks the agent for a handle. notFound: the agent has no such file any more, and nothing has changed here.
+  void Reopen(bool& notFound);
+
+ private:
+  SRemoteHandle Handle() const;
+  /// The file's handle on the client's connection.
+  std::int32_t HandleOn(const CRemoteVfsClientHolder& client);
+  bool OpenOn(const CRemoteVfsClientHolder& client, std::int32_t& handle);
+  void RefreshAttributes();
+
+  const boost::shared_ptr<CRemoteFsConnector> connector_;
+  const std::string path_;
+  const GUID mountUid_;
+  const CRemoteFsAccess access_;
+  CRemoteFsTimes times_;
+
+  mutable std::mutex lock_;  // Guards all below.
+  SRemoteHandle handle_;
+  WIN32_FILE_ATTRIBUTE_DATA attributes_;
+};
