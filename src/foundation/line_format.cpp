@@ -1,6 +1,7 @@
 #include "foundation/line_format.h"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 
 namespace logging::format {
@@ -24,6 +25,8 @@ struct time_text_t {
   bool valid = false;
 };
 
+std::atomic<std::int64_t> utcOffset{0};
+
 void AppendTime(std::string& out, const std::time_t* time) {
   thread_local time_text_t last;
   std::tm parts{};
@@ -31,6 +34,7 @@ void AppendTime(std::string& out, const std::time_t* time) {
     last.valid = ::localtime_r(time, &parts) != nullptr;
     if (last.valid) {
       last.time = *time;
+      utcOffset.store(parts.tm_gmtoff, std::memory_order_relaxed);
       last.text = {'[', 0, 0, '.', 0, 0, '.', 0, 0, 0, 0, ' ', 0, 0, ':', 0, 0, ':', 0, 0, ']', ' '};
       char* const text = last.text.data();
       PutDigits(text + 1, parts.tm_mday, 2);
@@ -72,6 +76,10 @@ std::string_view LevelWord(level_t level) {
 }
 
 }  // namespace
+
+std::int64_t UtcOffset() noexcept {
+  return utcOffset.load(std::memory_order_relaxed);
+}
 
 void AppendLine(std::string& out, format_mode_t mode, const line_t& line) {
   if (mode != format_mode_t::Bare)

@@ -27,4 +27,8 @@ struct line_t {
 /// "ERR |" (">>  |" on a continuation), two blanks a level of depth, the text. Any thread.
 void AppendLine(std::string& out, format_mode_t mode, const line_t& line);
 
+/// Seconds of local time before UTC, as the latest line found it: for a crash report, which must not ask the library,
+/// whose lock the crashed thread may hold. Any thread.
+std::int64_t UtcOffset() noexcept;
+
 }  // namespace logging::format

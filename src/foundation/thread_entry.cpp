@@ -7,11 +7,13 @@
 #include "foundation/log.h"
 #include "foundation/monitoring.h"
 #include "platform/process.h"
+#include "platform/signal_stack.h"
 
 namespace synch::impl {
 
 boost::shared_ptr<exc::exc_base_t> RunThread(const std::string& role, std::uint32_t parentId,
                                              const thread_exec_proc_t& procedure) {
+  const platform::signal_stack_t signalStack;
   const monitoring::thread_registration_t registration(role, parentId);
   platform::SetThreadName(role);
   g_log.Info("Thread started. Thread id: %1, parent id: %2, role: %3", monitoring::CurrentThreadId(), parentId, role);

@@ -240,12 +240,19 @@ error_t SocketErrorFromErrno(int errnoValue) noexcept {
   return row == nullptr ? ErrorFromErrno(errnoValue) : row->number;
 }
 
-std::string ErrorText(error_t number) {
-  // An HRESULT that wraps a number of this kind means the same.
+namespace {
+
+/// An HRESULT that wraps a number of this kind means the same.
+error_t Unwrapped(error_t number) noexcept {
   constexpr error_t WrappedMask = 0xFFFF0000;
   constexpr error_t Wrapped = 0x80070000;
-  if ((number & WrappedMask) == Wrapped)
-    return ErrorText(number & ~WrappedMask);
+  return (number & WrappedMask) == Wrapped ? number & ~WrappedMask : number;
+}
+
+}  // namespace
+
+const char* ErrorSentence(error_t number) noexcept {
+  number = Unwrapped(number);
   const auto* found =
       std::find_if(std::begin(Texts), std::end(Texts), [number](const text_t& row) { return row.number == number; });
   if (found != std::end(Texts))
@@ -254,7 +261,12 @@ std::string ErrorText(error_t number) {
     if (row.number == number)
       return strerrordesc_np(row.errnoValue);
   }
-  return "Unknown error " + std::to_string(number);
+  return nullptr;
+}
+
+std::string ErrorText(error_t number) {
+  const char* const sentence = ErrorSentence(number);
+  return sentence != nullptr ? std::string(sentence) : "Unknown error " + std::to_string(Unwrapped(number));
 }
 
 }  // namespace platform

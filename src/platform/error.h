@@ -65,4 +65,7 @@ error_t SocketErrorFromErrno(int errnoValue) noexcept;
 /// strerror's text for the errno behind it, or "Unknown error N".
 std::string ErrorText(error_t number);
 
+/// The same without the heap, for code that runs after a crash; null for an unknown number.
+const char* ErrorSentence(error_t number) noexcept;
+
 }  // namespace platform

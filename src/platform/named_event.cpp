@@ -18,6 +18,7 @@
 
 #include "platform/event_folder.h"
 #include "platform/process.h"
+#include "platform/signal_stack.h"
 
 namespace platform {
 namespace {
@@ -136,6 +137,7 @@ class event_owner_t final : public event_handle_t {
   }
 
   void Answer() noexcept {
+    const signal_stack_t signalStack;
     SetThreadName("named event");
     for (;;) {
       std::array<pollfd, 2> entries{{{stop_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}}};

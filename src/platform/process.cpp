@@ -3,10 +3,13 @@
 #include <limits.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <cstring>
 #include <fstream>
 #include <thread>
 
@@ -46,6 +49,20 @@ std::uint32_t ProcessorCount() noexcept {
     return static_cast<std::uint32_t>(std::max(1, CPU_COUNT(&set)));
   // More processors than the set can tell.
   return std::max(1U, std::thread::hardware_concurrency());
+}
+
+std::uint32_t OsVersionCode() noexcept {
+  constexpr std::uint32_t First = 100;
+  utsname kernel{};
+  if (::uname(&kernel) != 0)
+    return 0;
+  const char* const end = kernel.release + std::strlen(kernel.release);
+  std::uint32_t major = 0;
+  std::uint32_t minor = 0;
+  const auto [rest, error] = std::from_chars(kernel.release, end, major);
+  if (error != std::errc() || rest == end || *rest != '.' || std::from_chars(rest + 1, end, minor).ec != std::errc())
+    return 0;
+  return First * major + std::min(minor, First - 1);
 }
 
 }  // namespace platform

@@ -25,4 +25,8 @@ std::vector<std::string> ProcessArguments();
 /// The processors that the process may run on, at least 1.
 std::uint32_t ProcessorCount() noexcept;
 
+/// The kernel's version as one number: 100 times the first part and the second, so that 5.10 is 510; 0 when the system
+/// does not tell it.
+std::uint32_t OsVersionCode() noexcept;
+
 }  // namespace platform

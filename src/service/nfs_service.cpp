@@ -24,6 +24,7 @@
 #include "service/connection_event.h"
 #include "service/context/svc_context.h"
 #include "service/context/svc_context_holder.h"
+#include "service/crash_setup.h"
 #include "service/crash_sinks.h"
 #include "service/start_advice.h"
 #include "transports/async/async_server.h"
@@ -83,6 +84,7 @@ bool CNfsService::Start() noexcept {
 void CNfsService::RunStartSequence() {
   mainThreadId_ = platform::ThreadId();
   CCommonOptions::Instance().LoadOptions();
+  ApplyCrashOptions();
   HostFsFileCache::Init();
   const auto context = boost::make_shared<CSvcContext>();
   CSvcContextHolder::Set(context);

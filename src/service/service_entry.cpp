@@ -10,6 +10,7 @@
 #include "foundation/log.h"
 #include "foundation/log_setup.h"
 #include "service/connection_event.h"
+#include "service/crash_setup.h"
 #include "service/nfs_service.h"
 #include "service/run_mode.h"
 #include "service/service_state.h"
@@ -66,6 +67,7 @@ int RunMode(run_mode_t mode, const CCommandLine& commandLine) {
     }
   }
   logging::InitLog(LogFileName, LogSwitches(commandLine, mode));
+  InstallCrashHandler();
   const CConnectionEvent connectionEvent;
   CNfsService& service = TheService();
   service.RpcServerSettings().ReadPortSettings(regkeys::RpcSettings, commandLine,

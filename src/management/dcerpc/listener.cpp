@@ -12,6 +12,7 @@
 #include "foundation/log.h"
 #include "foundation/monitoring.h"
 #include "platform/process.h"
+#include "platform/signal_stack.h"
 
 namespace dcerpc {
 namespace {
@@ -61,6 +62,7 @@ void CListener::Stop() noexcept {
 }
 
 void CListener::AcceptLoop() noexcept {
+  const platform::signal_stack_t signalStack;
   platform::SetThreadName(AcceptorRole);
   for (;;) {
     const bool hasRoom = workers_.size() < settings_.maxConnections;
@@ -126,6 +128,7 @@ void CListener::Admit(platform::descriptor_t peer) {
 }
 
 void CListener::ServeConnection(platform::descriptor_t peer) noexcept {
+  const platform::signal_stack_t signalStack;
   try {
     const monitoring::thread_registration_t registration(ConnectionRole, 0);
     platform::SetThreadName(ConnectionRole);

@@ -1,0 +1,29 @@
+// The frames of a thread that has crashed.
+#pragma once
+
+#include <ucontext.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "foundation/dump/text.h"
+
+namespace crash {
+
+struct frame_t {
+  std::uint64_t instruction = 0;
+  /// The stack pointer of the caller when it called.
+  std::uint64_t address = 0;
+  std::uint64_t returnAddress = 0;
+  /// The instruction is not behind a call: the crashed frame itself, and one that a signal interrupted.
+  bool isExact = false;
+  /// The name in the image's table, as the linker knows it, and how far behind it the instruction is; empty for none.
+  fixed_text_t<256> name;
+  std::uint64_t offset = 0;
+};
+
+/// Fills in up to so many frames, the innermost first, and returns their number. Walks in place and without the heap;
+/// a damaged stack ends the walk.
+std::size_t WalkStack(const ucontext_t& context, frame_t* frames, std::size_t capacity) noexcept;
+
+}  // namespace crash
