@@ -4,10 +4,11 @@ SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 TIME ?= 60
 
-.PHONY: help run build test unit integration asan tsan fuzz bench format check-format tidy clean
+.PHONY: help run demo build test unit integration asan tsan fuzz bench format check-format tidy clean
 
 help:
 	@echo "make run      install what is missing, build, start the service with a demo share"
+	@echo "make demo     start a machine from a backup: agent, service, emulator; shows its console and proves the outcome"
 	@echo "make test     install what is missing, build, run all tests"
 	@echo "make build    build the release preset into build/release"
 	@echo "make bench    measure the server beside the limit of this machine and its peers"
@@ -23,6 +24,10 @@ build:
 run: build
 	@scripts/install-packages run
 	@scripts/run-demo build/release/bin
+
+demo: build
+	@scripts/install-packages demo
+	@scripts/boot-demo build/release/bin
 
 test:
 	@scripts/install-packages build test demo

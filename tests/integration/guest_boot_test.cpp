@@ -31,7 +31,8 @@ TEST_P(GuestBootTest, StartsFromAHostFolderAndKeepsWhatItWrites) {
     CGuest guest(DiskUrl, {.files = 3});
     ASSERT_TRUE(guest.WaitFor("RESULT")) << guest.LastLines();
     EXPECT_THAT(guest.Console(), HasSubstr(result)) << guest.LastLines();
-    EXPECT_THAT(guest.Console(), HasSubstr("root file system on /dev/vda1 ext4 rw\n"));
+    EXPECT_THAT(guest.Console(), HasSubstr("the boot loader found its settings on the disk\n"));
+    EXPECT_THAT(guest.Console(), HasSubstr(", root file system on /dev/vda1 ext4 rw\n"));
     EXPECT_EQ(guest.WaitForExit(), 0) << guest.LastLines();
   }
   for (const char* const file : {"/var/written/boot-1-file-3", "/var/written/boot-2-file-1"}) {

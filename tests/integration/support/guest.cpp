@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <regex>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 namespace test {
 namespace {
@@ -116,27 +118,19 @@ CGuest::CGuest(const std::string& url, const SGuestOptions& options)
   const std::string policy = options.onError == OnDiskError::Stop ? "stop" : "report";
   // No COMMIT is served, and the emulator takes that for an error: so it must not flush.
   const std::string drive = "if=virtio,format=raw,cache=unsafe,rerror=" + policy + ",werror=" + policy + ",file=" + url;
-  process_ = std::make_unique<CProcess>(std::vector<std::string>{"qemu-system-x86_64",
-                                                                 "-accel",
-                                                                 "tcg",
-                                                                 "-cpu",
-                                                                 "max",
-                                                                 "-m",
-                                                                 "256",
-                                                                 "-nodefaults",
-                                                                 "-no-user-config",
-                                                                 "-display",
-                                                                 "none",
-                                                                 "-no-reboot",
-                                                                 "-serial",
-                                                                 "stdio",
-                                                                 "-qmp",
-                                                                 "unix:" + controlPath_ + ",server=on,wait=off",
-                                                                 "-smbios",
-                                                                 "type=1,serial=files=" + std::to_string(options.files),
-                                                                 "-drive",
-                                                                 drive},
-                                        std::map<std::string, std::string>{}, consolePath_);
+  std::vector<std::string> command{"qemu-system-x86_64"};
+  for (const auto& [option, value] : std::vector<std::pair<std::string, std::string>>{
+           {"-accel", "tcg"},
+           {"-cpu", "max"},
+           {"-m", "256"},
+           {"-serial", "stdio"},
+           {"-qmp", "unix:" + controlPath_ + ",server=on,wait=off"},
+           {"-smbios", "type=1,serial=files=" + std::to_string(options.files)},
+           {"-drive", drive}})
+    command.insert(command.end(), {option, value});
+  command.insert(command.end(), {"-nodefaults", "-no-user-config", "-nographic", "-no-reboot"});
+  const std::map<std::string, std::string> noEnvironment;
+  process_ = std::make_unique<CProcess>(command, noEnvironment, consolePath_);
 }
 
 CGuest::~CGuest() = default;
@@ -148,7 +142,7 @@ bool CGuest::WaitFor(const std::string& text, std::chrono::milliseconds limit) {
 }
 
 std::string CGuest::Console() const {
-  static const std::regex Control("\r|\x1b\\[[0-9;]*[A-Za-z]");
+  static const std::regex Control("\r|\x1b(c|\\[[?0-9;]*[A-Za-z])");
   return std::regex_replace(ReadFile(consolePath_), Control, "");
 }
 
