@@ -10,7 +10,6 @@
 #include "config/reg_config_ports.h"
 #include "config/reg_options.h"
 #include "foundation/log.h"
-#include "foundation/perf_logger.h"
 #include "hostfs/host_fs_file_cache.h"
 #include "management/dcerpc/gss_provider.h"
 #include "management/invoker_interface.h"
@@ -26,9 +25,9 @@
 #include "service/context/svc_context_holder.h"
 #include "service/crash_setup.h"
 #include "service/crash_sinks.h"
+#include "service/perf_log_control.h"
 #include "service/start_advice.h"
 #include "transports/async/async_server.h"
-#include "transports/sockets/socket_ip.h"
 
 namespace {
 
@@ -40,19 +39,6 @@ rpc_handler_t WithFs(void (*dispatch)(bool, const sockaddr_in&, CXDRReader&, CXD
   return [dispatch, fs](bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer) {
     dispatch(isClientAllowed, peer, reader, writer, *fs);
   };
-}
-
-void StartPerfLog(const CRegOptions& options) {
-  std::string path;
-  if (!options.GetPerfLogPath(path) || path.empty())
-    return;
-  g_log.Info("Perfomance log is enabled. Path to log: \"%1\".", path);
-  perf::StartLog(path, CCommonOptions::Instance().perfBufSize);
-}
-
-void StopPerfLog() noexcept {
-  CSocketIP::WriteStatisticsEvent();
-  perf::StopLog();
 }
 
 /// For the user in front of the terminal: a failed start ends the process with 0, so that it must be said.
