@@ -37,6 +37,8 @@ CXdrSessionReader::~CXdrSessionReader() {
       g_nfs_log.Warning("Forcing XDR reader thread to stop.");
       stopCtx_->ForceStop();
     }
+    // It may be waiting for the peer, who need not send anything any more.
+    socket_->Abort();
     thread_->WaitOrThrow(synch::LongWaitMs);
   } catch (const std::exception& failure) {
     g_nfs_log.Error("Unable to stop XDR reader thread.", failure);

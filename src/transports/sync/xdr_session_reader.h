@@ -26,7 +26,7 @@ class CXdrSessionReader {
                     boost::shared_ptr<CXdrBacklog> backlog, boost::shared_ptr<CXdrSessionStopCtx> stopCtx);
   CXdrSessionReader(const CXdrSessionReader&) = delete;
   CXdrSessionReader& operator=(const CXdrSessionReader&) = delete;
-  /// Joins the thread. That is waiting for the peer unless the socket was aborted.
+  /// Ends the session and its connection if they still are, and joins the thread.
   ~CXdrSessionReader();
 
  private:

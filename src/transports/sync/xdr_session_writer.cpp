@@ -40,6 +40,8 @@ CXdrSessionWriter::~CXdrSessionWriter() {
       return;
     g_nfs_log.Info("Stopping XdrWriter thread.");
     stopCtx_->ForceStop();
+    // It may be waiting for the peer to take what is being sent.
+    socket_->Abort();
     thread_->WaitOrThrow(synch::LongWaitMs);
   } catch (const std::exception& failure) {
     g_nfs_log.Error("Failed to destroy XdrSendThread", failure);

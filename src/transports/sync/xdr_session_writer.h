@@ -43,8 +43,7 @@ class CXdrSessionWriter {
                     boost::shared_ptr<CXdrBacklog> backlog, boost::shared_ptr<CXdrSessionStopCtx> stopCtx);
   CXdrSessionWriter(const CXdrSessionWriter&) = delete;
   CXdrSessionWriter& operator=(const CXdrSessionWriter&) = delete;
-  /// Ends the session if it still runs and joins the thread. That is waiting for the peer to take what is being sent
-  /// unless the socket was aborted.
+  /// Ends the session and its connection if they still are, and joins the thread.
   ~CXdrSessionWriter();
 
  private:

@@ -1,4 +1,4 @@
-// A client made of a plain socket, and a server with programs that do as they are told.
+// A server with programs that do as they are told.
 #pragma once
 
 #include <arpa/inet.h>
@@ -29,43 +29,9 @@
 #include "rpc/service_ports.h"
 #include "support/captured_log.h"
 #include "transports/async/async_server.h"
+#include "unit/transports/client.h"
 
 namespace test {
-
-using bytes_t = std::vector<std::uint8_t>;
-
-inline void AppendWord(bytes_t& out, std::uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) {
-    out.push_back(static_cast<std::uint8_t>(value >> shift));
-  }
-}
-
-inline std::uint32_t WordAt(const bytes_t& bytes, std::size_t offset) {
-  std::uint32_t word = 0;
-  std::memcpy(&word, bytes.data() + offset, sizeof(word));
-  return ntohl(word);
-}
-
-/// Waits for a condition that is due; false when it does not come at all.
-inline bool Eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-/// Whether a line was logged, at whatever depth.
-inline bool Logged(const CapturedLog& log, const std::string& line) {
-  const std::vector<std::string> texts = log.Texts();
-  return std::any_of(texts.begin(), texts.end(), [&](const std::string& text) {
-    const std::size_t begin = text.find_first_not_of(' ');
-    return begin != std::string::npos && text.compare(begin, std::string::npos, line) == 0;
-  });
-}
 
 /// What the fake program is told to do by the first word of a request.
 enum class order_t : std::uint32_t {
@@ -81,13 +47,6 @@ inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parame
   AppendWord(record, number);
   AppendWord(record, parameter);
   return record;
-}
-
-inline bytes_t WithMark(const bytes_t& record) {
-  bytes_t out;
-  AppendWord(out, 0x80000000U | static_cast<std::uint32_t>(record.size()));
-  out.insert(out.end(), record.begin(), record.end());
-  return out;
 }
 
 /// The fake program. Any thread.
@@ -146,97 +105,6 @@ class Program {
   std::mutex lock_;
   std::condition_variable opened_;
   std::uint32_t openGates_ = 0;
-};
-
-/// A TCP client of this machine; every receive has a limit after which the test fails.
-class Client {
- public:
-  explicit Client(std::uint16_t port, int receiveBuffer = 0) : Client(receiveBuffer) { Connect(port); }
-  /// Not connected yet.
-  explicit Client(int receiveBuffer) : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    if (receiveBuffer != 0) {
-      ::setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
-    }
-    const timeval limit{20, 0};
-    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    const int on = 1;
-    ::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-  }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-  ~Client() { Close(); }
-
-  void Connect(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-      throw std::runtime_error("connect");
-    }
-  }
-  void Close() {
-    if (socket_ >= 0) {
-      ::close(std::exchange(socket_, -1));
-    }
-  }
-  void Reset() {
-    const linger hard{1, 0};
-    ::setsockopt(socket_, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
-    Close();
-  }
-  int Handle() const { return socket_; }
-  std::uint16_t Port() const {
-    sockaddr_in address{};
-    socklen_t length = sizeof(address);
-    ::getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
-    return ntohs(address.sin_port);
-  }
-  std::string Name() const { return "127.0.0.1:" + std::to_string(Port()); }
-
-  void Send(const bytes_t& bytes) {
-    for (std::size_t sent = 0; sent < bytes.size();) {
-      const auto count = ::send(socket_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (count <= 0) {
-        throw std::runtime_error("send");
-      }
-      sent += static_cast<std::size_t>(count);
-    }
-  }
-  void Call(const bytes_t& record) { Send(WithMark(record)); }
-  /// None at the end of the stream, orderly or not.
-  std::optional<bytes_t> Reply() {
-    bytes_t mark(4);
-    if (!Receive(mark)) {
-      return std::nullopt;
-    }
-    const std::uint32_t word = WordAt(mark, 0);
-    if ((word & 0x80000000U) == 0) {
-      throw std::runtime_error("a reply in pieces");
-    }
-    bytes_t record(word & 0x7FFFFFFFU);
-    if (!Receive(record)) {
-      throw std::runtime_error("a cut reply");
-    }
-    return record;
-  }
-
- private:
-  bool Receive(bytes_t& bytes) {
-    for (std::size_t got = 0; got < bytes.size();) {
-      const auto count = ::recv(socket_, bytes.data() + got, bytes.size() - got, 0);
-      if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        throw std::runtime_error("no answer");
-      }
-      if (count <= 0) {
-        return false;
-      }
-      got += static_cast<std::size_t>(count);
-    }
-    return true;
-  }
-
-  int socket_;
 };
 
 /// The server with the fake program as NFS; ports of the system's choice.
