@@ -15,8 +15,6 @@
 namespace test {
 namespace {
 
-using testing::HasSubstr;
-
 /// A session on a thread of the test, and its peer.
 class SessionTest : public testing::Test {
  protected:
