@@ -28,11 +28,14 @@
 #include "service/perf_log_control.h"
 #include "service/start_advice.h"
 #include "transports/async/async_server.h"
+#include "transports/sync/client_threads.h"
+#include "transports/sync/protocol_server_thread.h"
 
 namespace {
 
 constexpr std::chrono::milliseconds DebugSleep{10000};
-constexpr char NoSynchronousServer[] = "The synchronous protocol server is not available in this version.";
+/// How long connections of the synchronous server may take to end when the process does.
+constexpr std::uint32_t ConnectionsLimitMs = 60000;
 
 rpc_handler_t WithFs(void (*dispatch)(bool, const sockaddr_in&, CXDRReader&, CXDRWriter&, CVirtualFs&),
                      const boost::shared_ptr<CVirtualFs>& fs) {
@@ -78,10 +81,11 @@ void CNfsService::RunStartSequence() {
   StartPerfLog(*context->GetOptions());
   if (!context->GetOptions()->IsAsyncTcp()) {
     g_log.Info("Starting server in synchronous mode.");
-    throw exc::runtime_exc_t("%1 Set the option AsyncTcp to 1.", NoSynchronousServer);
+    protocolServer_ = boost::make_shared<CProtocolServerThread>(ProtocolServerParams(*context));
+  } else {
+    g_log.Info("Starting server in asynchronous mode.");
+    StartAsyncServer(*context, boost::make_shared<CNFSCrashSink>(mainThreadId_));
   }
-  g_log.Info("Starting server in asynchronous mode.");
-  StartAsyncServer(*context, boost::make_shared<CNFSCrashSink>(mainThreadId_));
   g_log.Info("NFS server is ready to process incoming calls.");
   g_log.Info("");
 }
@@ -105,24 +109,60 @@ void CNfsService::StartAsyncServer(const CSvcContext& context, boost::shared_ptr
   params.addressChecker = context.GetAddressChecker();
   params.crashSink = std::move(sink);
   params.prepareRegistration = [] { CEpMapperTable::Instance().Seed(); };
-  params.registrationProc = [this] {
-    registration_.mountPort = ServicePorts().mount;
-    registration_.nfsPort = ServicePorts().nfs;
-    RegisterOnPortmapProc(
-        registration_, [this] { return portmapConnector_.Connect(); }, SignalConnectionEvent);
-  };
+  params.registrationProc = [this] { Register(); };
   params.abortRegistration = [this] { portmapConnector_.Abort(); };
   asyncServer_ = boost::make_shared<CAsyncServer>(std::move(params));
+}
+
+SProtocolServerParams CNfsService::ProtocolServerParams(const CSvcContext& context) {
+  fsOfConnections_ = context.GetFs();
+  clientThreads_ = boost::make_shared<CClientThreads>();
+  SProtocolServerParams params;
+  params.fs = fsOfConnections_;
+  params.addressChecker = context.GetAddressChecker();
+  params.mountProgram = boost::make_shared<CMountRpcInterface>();
+  params.nfsProgram = boost::make_shared<CNfsRpcInterface>();
+  params.portmapProgram = boost::make_shared<CPortmapRpcInterface>();
+  params.clientThreads = clientThreads_;
+  params.prepareRegistration = [] { CEpMapperTable::Instance().Seed(); };
+  params.registrationProc = [this] { Register(); };
+  params.abortRegistration = [this] { portmapConnector_.Abort(); };
+  params.unregister = [this] {
+    // Not the connector of the registration, which may have been told to give up.
+    CPortmapConnector connector;
+    UnregisterOnPortmap(registration_, [&connector] { return connector.Connect(); });
+  };
+  return params;
+}
+
+void CNfsService::Register() noexcept {
+  registration_.mountPort = ServicePorts().mount;
+  registration_.nfsPort = ServicePorts().nfs;
+  RegisterOnPortmapProc(
+      registration_, [this] { return portmapConnector_.Connect(); }, SignalConnectionEvent);
+}
+
+/// They outlive their server, and are not to outlive what they use.
+void CNfsService::EndConnections() noexcept {
+  if (clientThreads_ != nullptr && !clientThreads_->End(ConnectionsLimitMs)) {
+    g_log.Error("Connections did not end within %1 milliseconds.", ConnectionsLimitMs);
+    // Its destructor would wait for them without a limit.
+    [[maybe_unused]] const auto* const leftRunning = new boost::shared_ptr<CClientThreads>(clientThreads_);
+  }
+  clientThreads_.reset();
+  fsOfConnections_.reset();
 }
 
 void CNfsService::Stop() noexcept {
   try {
     CSvcContextHolder::Set(nullptr);
     ShutdownRpcServer();
+    protocolServer_.reset();
     // Before the asynchronous server: what that still does is not waited for.
     StopPerfLog();
     // Last reference: the server stops before its memory goes.
     asyncServer_.reset();
+    EndConnections();
     HostFsFileCache::Deinit();
   } catch (const std::exception& failure) {
     g_log.Error("Failed to stop NFS service.", failure);
@@ -131,16 +171,29 @@ void CNfsService::Stop() noexcept {
 }
 
 void CNfsService::RunDebug(const CCommandLine& commandLine) {
-  const bool synchronous = commandLine.Has("-sync");
+  try {
+    ServeDebug(commandLine.Has("-sync"));
+  } catch (const std::exception&) {
+    // Nothing of it is to run when the process ends.
+    ShutdownRpcServer();
+    EndConnections();
+    throw;
+  }
+}
+
+void CNfsService::ServeDebug(bool synchronous) {
   {
     const auto context = boost::make_shared<CSvcContext>();
     StartManagement(context);
     if (synchronous) {
       g_log.Info("Launched with standard protocol server.");
-      throw exc::runtime_exc_t("%1 Leave out -sync.", NoSynchronousServer);
+      // Nobody sets its stop event.
+      const SProtocolServerParams params = ProtocolServerParams(*context);
+      CProtocolServer(params, boost::make_shared<synch::term_mediator_t>()).Run();
+    } else {
+      g_log.Info("Launched with async protocol server.");
+      StartAsyncServer(*context, boost::make_shared<CSilentNFSCrashSink>());
     }
-    g_log.Info("Launched with async protocol server.");
-    StartAsyncServer(*context, boost::make_shared<CSilentNFSCrashSink>());
   }
   for (;;)
     std::this_thread::sleep_for(DebugSleep);

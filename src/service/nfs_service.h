@@ -10,8 +10,12 @@
 #include "service/portmap_connection.h"
 
 class CAsyncServer;
+class CClientThreads;
+class CProtocolServerThread;
 class CSvcContext;
+class CVirtualFs;
 class INFSCrashSink;
+struct SProtocolServerParams;
 
 /// One for the process. Start and Stop are called by one thread, one after the other.
 class CNfsService {
@@ -25,7 +29,8 @@ class CNfsService {
   bool Start() noexcept;
   /// The stop sequence, after any start: what never started is passed over.
   void Stop() noexcept;
-  /// The debug path: serves with the asynchronous server and never returns. Throws what fails the start.
+  /// The debug path: serves, with "-sync" by the synchronous server on this thread, and never returns. Throws what
+  /// fails the start.
   [[noreturn]] void RunDebug(const CCommandLine& commandLine);
 
   /// Written in service mode from "-sync"; the registry alone chooses the server there.
@@ -35,13 +40,22 @@ class CNfsService {
 
  private:
   void RunStartSequence();
+  [[noreturn]] void ServeDebug(bool synchronous);
   void StartManagement(const boost::shared_ptr<CSvcContext>& context);
   void StartAsyncServer(const CSvcContext& context, boost::shared_ptr<INFSCrashSink> sink);
+  SProtocolServerParams ProtocolServerParams(const CSvcContext& context);
+  void Register() noexcept;
+  void EndConnections() noexcept;
 
   bool asyncRequested_ = false;
   CRpcServerSettings rpcServerSettings_;
   PortRegistration registration_;
   CPortmapConnector portmapConnector_;
+  /// One of the two servers.
+  boost::shared_ptr<CProtocolServerThread> protocolServer_;
   boost::shared_ptr<CAsyncServer> asyncServer_;
+  /// Of the synchronous server's connections, and what they serve: it is not to go on a thread of theirs.
+  boost::shared_ptr<CClientThreads> clientThreads_;
+  boost::shared_ptr<CVirtualFs> fsOfConnections_;
   std::uint32_t mainThreadId_ = 0;
 };

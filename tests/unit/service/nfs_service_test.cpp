@@ -14,6 +14,7 @@
 #include "service/context/svc_context_holder.h"
 #include "service/crash_sinks.h"
 #include "support/temp_dir.h"
+#include "unit/transports/client.h"
 
 namespace {
 
@@ -63,21 +64,22 @@ TEST_F(NfsService, StopToleratesWhatNeverStarted) {
   EXPECT_THAT(Log(), Not(HasSubstr("ERR |")));
 }
 
-TEST_F(NfsService, SynchronousServerIsAskedForByTheRegistryAndFailsTheStart) {
+TEST_F(NfsService, SynchronousServerThatFindsNoPortLeavesTheServiceUpWithoutIt) {
   registry_.SetDword(regkeys::Root, "AsyncTcp", 0);
+  registry_.SetDword(regkeys::Root, "MountPort", 65535);
   CNfsService service;
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(service.Start());
-  EXPECT_THAT(testing::internal::GetCapturedStderr(),
-              HasSubstr("The synchronous protocol server is not available in this version. "
-                        "Set the option AsyncTcp to 1.\n"));
+  EXPECT_TRUE(service.Start());
+  EXPECT_TRUE(test::Eventually([this] { return Log().find("No port found.") != std::string::npos; }));
   EXPECT_NO_THROW(CSvcContextHolder::Get());
   service.Stop();
   EXPECT_THROW(CSvcContextHolder::Get(), exc::runtime_exc_t);
-  EXPECT_TRUE(InOrder({"Loading options.", "[HostFsFileCache] Cache initialized", "NFS Server options:",
-                       "Starting server in synchronous mode.", "ERR |Failed to start NFS service.",
+  EXPECT_TRUE(InOrder({"Loading options.", "[HostFsFileCache] Cache initialized",
+                       "NFS Server options:", "Starting server in synchronous mode.",
+                       "Try load default mount port from Registry.", "ERR |Fatal error of the dispatcher thread.",
                        "[HostFsFileCache] Cache deinitialized", "NFS server is stopped."}));
-  EXPECT_THAT(Log(), Not(HasSubstr("NFS server is ready")));
+  EXPECT_TRUE(InOrder({"Starting server in synchronous mode.", "Protocol handlers were started.",
+                       "NFS server is ready to process incoming calls."}));
+  EXPECT_THAT(Log(), Not(HasSubstr("asynchronous")));
 }
 
 TEST_F(NfsService, RootFolderThatCannotBeMadeLeavesNoContext) {
@@ -91,15 +93,17 @@ TEST_F(NfsService, RootFolderThatCannotBeMadeLeavesNoContext) {
   EXPECT_TRUE(InOrder({"Failed to start NFS service.", "Failed to initialize", "NFS server is stopped."}));
 }
 
-TEST_F(NfsService, DebugModeHasNoSynchronousServerAndPublishesNothing) {
+TEST_F(NfsService, DebugModeRunsTheSynchronousServerOnItsThreadAndPublishesNothing) {
+  registry_.SetDword(regkeys::Root, "NfsPort", 65535);
   CNfsService service;
   try {
     service.RunDebug(CCommandLine({"x", "-debug", "-SYNC"}));
     FAIL() << "it runs";
   } catch (const exc::runtime_exc_t& failure) {
-    EXPECT_STREQ(failure.what(), "The synchronous protocol server is not available in this version. Leave out -sync.");
+    EXPECT_STREQ(failure.what(), "No port found.");
   }
-  EXPECT_TRUE(InOrder({"NFS Server options:", "Launched with standard protocol server."}));
+  EXPECT_TRUE(InOrder(
+      {"NFS Server options:", "Launched with standard protocol server.", "Try load default NFS port from Registry."}));
   EXPECT_THAT(Log(), Not(HasSubstr("Loading options.")));
   EXPECT_THAT(Log(), Not(HasSubstr("[HostFsFileCache]")));
   EXPECT_THROW(CSvcContextHolder::Get(), exc::runtime_exc_t);
