@@ -26,6 +26,9 @@ constexpr double RowHeight = static_cast<double>(PanelHeight) / Rows;
 constexpr double NsPerSecond = 1e9;
 /// What is faster is drawn as if it took so long: the scale has no zero.
 constexpr double ShortestNs = 100;
+/// Columns without operations that a line still leads over.
+constexpr int WidestGap = 5;
+constexpr double MostDecadesWithSteps = 2;
 
 std::string Escaped(const std::string& text) {
   std::string escaped;
@@ -124,10 +127,16 @@ class CPlot::CPanel {
     const double bottom = Y(0);
     std::string text = "<g stroke=\"#ddd\" stroke-width=\"1\">\n";
     std::string labels;
+    const double decades = high_ - low_;
     for (double decade = low_; decade <= high_; ++decade) {
-      const double y = Y((decade - low_) / (high_ - low_));
-      text += Line(Left, y, Width - Right, y);
-      labels += Label(Left - 6, y + 4, "end", DurationName(std::pow(10.0, decade)));
+      for (const double factor : {1.0, 2.0, 5.0}) {
+        const double nanoseconds = std::pow(10.0, decade) * factor;
+        if (factor > 1 && (decades > MostDecadesWithSteps || decade == high_))
+          continue;
+        const double y = Y(Height(nanoseconds));
+        text += Line(Left, y, Width - Right, y);
+        labels += Label(Left - 6, y + 4, "end", DurationName(nanoseconds));
+      }
     }
     const double seconds = length_ / NsPerSecond;
     const double step = NiceStep(seconds, 10);
@@ -180,11 +189,18 @@ class CPlot::CPanel {
   }
 
   std::string Polyline(const line_t& line, const char* color, const char* width, const char* more) const {
+    std::string text;
     std::string points;
-    for (const auto& [column, nanoseconds] : line)
+    for (std::size_t i = 0; i < line.size(); ++i) {
+      const auto& [column, nanoseconds] = line[i];
       points += Fixed(Left + (column + 0.5) * ColumnWidth, 1) + "," + Fixed(Y(Height(nanoseconds)), 1) + " ";
-    return exc::FormatText("<polyline fill=\"none\" stroke=\"%1\" stroke-width=\"%2\"%3 points=\"%4\"/>\n", color,
-                           width, more, points);
+      if (i + 1 < line.size() && line[i + 1].first - column <= WidestGap)
+        continue;
+      text += exc::FormatText("<polyline fill=\"none\" stroke=\"%1\" stroke-width=\"%2\"%3 points=\"%4\"/>\n", color,
+                              width, more, points);
+      points.clear();
+    }
+    return text;
   }
 
   const std::vector<SPoint>& points_;

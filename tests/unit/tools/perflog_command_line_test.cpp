@@ -285,6 +285,17 @@ TEST_F(Perflog, ThePictureShowsWhatIsInTheLog) {
   EXPECT_THAT(Content(picture), HasSubstr(">1 ms<"));
 }
 
+TEST_F(Perflog, NoLineLeadsOverAPause) {
+  std::string bytes;
+  for (const std::int64_t second : {0, 1, 2, 100, 101, 102})
+    bytes += Operation(true, second * Second, second * Second + 5000);
+  Put(bytes);
+  EXPECT_EQ(Run({"--plot", folder_ / "p.svg"}), Succeeded);
+  TiXmlDocument document;
+  document.Parse(Content(folder_ / "p.svg").c_str());
+  EXPECT_EQ(Count(*document.RootElement(), "polyline"), 2 * 2);
+}
+
 TEST_F(Perflog, ThePictureStaysSmallAndSoundForAnyLog) {
   std::string bytes;
   std::int64_t time = 0;
