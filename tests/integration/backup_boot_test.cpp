@@ -52,6 +52,11 @@ class BackupBootTest : public CWireTest {
     EXPECT_EQ(guest.WaitForExit(), 0) << guest.LastLines();
   }
 
+  /// Waits until the service has its connection to the agent: after a loss, until its health check has made a new one.
+  void WaitForMount() {
+    EXPECT_TRUE(WaitUntil([this] { return agent_.Ctl({"locks"}).out.find("vm1") != std::string::npos; }, 90s));
+  }
+
   CGuestDisk disk_;
   CTempFolder folder_;
   CMountAgent agent_{service_, "vm1", disk_.Folder()};
@@ -83,6 +88,45 @@ TEST_P(BackupBootTest, KeepsWhatTheGuestWritesAndLeavesTheBackupAsItIs) {
   EXPECT_GT(overlay.st_blocks * 512, 5 * 512 * 1024);
   EXPECT_LT(overlay.st_blocks * 512, 16 * 1024 * 1024);
   EXPECT_FALSE(fs::exists(HostPath("disk.img")));
+}
+
+TEST_P(BackupBootTest, TheGuestGoesOnAfterTheAgentDied) {
+  CGuest guest(DiskUrl, {.files = 30, .onError = OnDiskError::Stop});
+  ASSERT_TRUE(guest.WaitFor("read back file 2: ok")) << guest.LastLines();
+  agent_.Kill();
+  // Calls fail at once instead of hanging, and the machine is halted.
+  ASSERT_TRUE(WaitUntil([&] { return guest.Status() == "io-error"; })) << guest.Status() << guest.LastLines();
+  EXPECT_EQ(agent_.Ctl({"locks"}).out, "Nothing is in use.\n");
+  agent_.Start();
+  WaitForMount();
+  // The emulator still has the handle that it got before.
+  guest.Continue();
+  ExpectResult(guest, "ok boot=1 earlier=0 written=30");
+  EXPECT_TRUE(CGuestDisk::HoldsIntact(DiskOfTheExport(), "/var/written/boot-1-file-1"));
+}
+
+TEST_P(BackupBootTest, TheGuestGoesOnAfterTheServiceDied) {
+  CGuest guest(DiskUrl, {.files = 30, .onError = OnDiskError::Stop});
+  ASSERT_TRUE(guest.WaitFor("read back file 2: ok")) << guest.LastLines();
+  service_.Kill();
+  service_.Start();
+  ExpectResult(guest, "ok boot=1 earlier=0 written=30");
+  EXPECT_TRUE(CGuestDisk::HoldsIntact(DiskOfTheExport(), "/var/written/boot-1-file-1"));
+}
+
+TEST_P(BackupBootTest, TheGuestGoesOnAfterBothDied) {
+  CGuest guest(DiskUrl, {.files = 30, .onError = OnDiskError::Stop});
+  ASSERT_TRUE(guest.WaitFor("read back file 2: ok")) << guest.LastLines();
+  service_.Kill();
+  agent_.Kill();
+  // Without its agent the mount comes back with the file under its handle, and calls on it fail.
+  service_.Start();
+  ASSERT_TRUE(WaitUntil([&] { return guest.Status() == "io-error"; })) << guest.Status() << guest.LastLines();
+  agent_.Start();
+  WaitForMount();
+  guest.Continue();
+  ExpectResult(guest, "ok boot=1 earlier=0 written=30");
+  EXPECT_TRUE(CGuestDisk::HoldsIntact(DiskOfTheExport(), "/var/written/boot-1-file-1"));
 }
 
 }  // namespace
