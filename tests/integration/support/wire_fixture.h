@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 
 #include "integration/support/service.h"
 #include "integration/support/wire.h"
@@ -22,6 +23,13 @@ inline constexpr std::uint32_t NotSync = 10002;
 inline constexpr std::uint32_t NotSupported = 10004;
 inline constexpr std::uint32_t ServerFault = 10006;
 inline constexpr std::uint32_t NoTranslation = 1113;
+
+inline const SServerKind SyncServer{"Sync", {{"AsyncTcp", "REG_DWORD", "0"}}};
+
+/// For what the log alone tells of the two servers' difference.
+inline bool IsSync(const SServerKind& kind) {
+  return kind.name == std::string_view(SyncServer.name);
+}
 
 class CWireTest : public testing::TestWithParam<SServerKind> {
  protected:
@@ -63,4 +71,4 @@ inline std::string ServerName(const testing::TestParamInfo<SServerKind>& info) {
 }  // namespace test
 
 #define KELVO_WIRE_SUITE(fixture) \
-  INSTANTIATE_TEST_SUITE_P(Server, fixture, testing::Values(test::AsyncServer), test::ServerName)
+  INSTANTIATE_TEST_SUITE_P(Server, fixture, testing::Values(test::AsyncServer, test::SyncServer), test::ServerName)
