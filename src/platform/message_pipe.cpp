@@ -151,16 +151,34 @@ error_t message_pipe_t::Write(std::span<const std::uint8_t> head, std::span<cons
   return result;
 }
 
-/// Fills the buffer; `count` tells how far that came.
-error_t message_pipe_t::Receive(std::span<std::uint8_t> buffer, std::size_t& count, const pipe_wait_t& wait) {
+std::size_t message_pipe_t::TakeAhead(std::span<std::uint8_t> buffer) {
+  const std::size_t size = std::min(buffer.size(), ahead_.size() - aheadBegin_);
+  std::copy_n(ahead_.begin() + static_cast<std::ptrdiff_t>(aheadBegin_), size, buffer.begin());
+  aheadBegin_ += size;
+  if (aheadBegin_ == ahead_.size()) {
+    ahead_.clear();
+    aheadBegin_ = 0;
+  }
+  return size;
+}
+
+/// Receives what is there, at least one byte, into two places.
+error_t message_pipe_t::ReceiveOnce(std::span<std::uint8_t> first, std::span<std::uint8_t> rest, std::size_t& count,
+                                    const pipe_wait_t& wait) {
   count = 0;
-  while (count < buffer.size()) {
-    const ssize_t received = ::recv(socket_.Get(), buffer.data() + count, buffer.size() - count, MSG_DONTWAIT);
+  std::array<iovec, 2> parts{Part(first), Part(rest)};
+  msghdr message{};
+  message.msg_iov = parts.data();
+  message.msg_iovlen = parts.size();
+  for (;;) {
+    const ssize_t received = ::recvmsg(socket_.Get(), &message, MSG_DONTWAIT);
     if (received > 0) {
-      count += static_cast<std::size_t>(received);
-    } else if (received == 0) {
+      count = static_cast<std::size_t>(received);
+      return error::Success;
+    }
+    if (received == 0)
       return error::BrokenPipe;
-    } else if (WouldBlock()) {
+    if (WouldBlock()) {
       const error_t waited = WaitForReadiness(socket_.Get(), POLLIN, wait);
       if (waited != error::Success)
         return waited;
@@ -168,30 +186,58 @@ error_t message_pipe_t::Receive(std::span<std::uint8_t> buffer, std::size_t& cou
       return TransferError();
     }
   }
+}
+
+/// Fills the buffer; `count` tells how far that came.
+error_t message_pipe_t::Receive(std::span<std::uint8_t> buffer, std::size_t& count, const pipe_wait_t& wait) {
+  count = TakeAhead(buffer);
+  while (count < buffer.size()) {
+    std::size_t received = 0;
+    const error_t result = ReceiveOnce(buffer.subspan(count), {}, received, wait);
+    if (result != error::Success)
+      return result;
+    count += received;
+  }
   return error::Success;
 }
 
-error_t message_pipe_t::ReadHeader(const pipe_wait_t& wait) {
-  if (headerSize_ == HeaderSize)
-    return error::Success;
-  std::size_t count = 0;
-  const error_t result = Receive(std::span(header_).subspan(headerSize_), count, wait);
-  headerSize_ += count;
-  if (result != error::Success)
-    return result;
-  left_ = 0;
-  for (std::size_t i = 0; i < HeaderSize; ++i)
-    left_ |= static_cast<std::size_t>(header_[i]) << (8 * i);
+/// Begins the next message unless one is at hand. What comes with its header goes into the room.
+error_t message_pipe_t::ReadHeader(std::span<std::uint8_t> room, std::size_t& count, const pipe_wait_t& wait) {
+  count = 0;
+  while (headerSize_ < HeaderSize) {
+    const auto missing = std::span(header_).subspan(headerSize_);
+    std::size_t received = TakeAhead(missing);
+    if (received == 0) {
+      const error_t result = ReceiveOnce(missing, room, received, wait);
+      if (result != error::Success)
+        return result;
+    }
+    count = received - std::min(received, missing.size());
+    headerSize_ += received - count;
+    if (headerSize_ < HeaderSize)
+      continue;
+    left_ = 0;
+    for (std::size_t i = 0; i < HeaderSize; ++i)
+      left_ |= static_cast<std::size_t>(header_[i]) << (8 * i);
+  }
+  if (count > left_) {
+    const auto behind = room.first(count).subspan(left_);
+    ahead_.assign(behind.begin(), behind.end());
+    count = left_;
+  }
+  left_ -= count;
   return error::Success;
 }
 
 error_t message_pipe_t::Read(std::span<std::uint8_t> buffer, std::size_t& count, const pipe_wait_t& wait) {
-  count = 0;
-  const error_t begun = ReadHeader(wait);
-  if (begun != error::Success)
-    return begun;
-  const error_t result = Receive(buffer.first(std::min(buffer.size(), left_)), count, wait);
-  left_ -= count;
+  error_t result = ReadHeader(buffer, count, wait);
+  if (result != error::Success)
+    return result;
+  std::size_t more = 0;
+  buffer = buffer.subspan(count);
+  result = Receive(buffer.first(std::min(buffer.size(), left_)), more, wait);
+  count += more;
+  left_ -= more;
   if (result != error::Success)
     return result;
   if (left_ != 0)
@@ -201,22 +247,22 @@ error_t message_pipe_t::Read(std::span<std::uint8_t> buffer, std::size_t& count,
 }
 
 error_t message_pipe_t::ReadMessage(std::vector<std::uint8_t>& message, std::size_t limit, const pipe_wait_t& wait) {
-  message.clear();
-  std::size_t growth = FirstGrowth;
+  std::size_t have = 0;
+  message.resize(std::min(std::max(message.size(), FirstGrowth), limit));
   for (;;) {
-    const std::size_t have = message.size();
-    message.resize(have + std::min(growth, limit - have));
     std::size_t count = 0;
     const error_t result = Read(std::span(message).subspan(have), count, wait);
-    message.resize(have + count);
-    if (result != error::MoreData || message.size() == limit)
+    have += count;
+    if (result != error::MoreData || have == limit) {
+      message.resize(have);
       return result;
-    growth = std::clamp(message.size(), FirstGrowth, LargestGrowth);
+    }
+    message.resize(have + std::min(std::clamp(have, FirstGrowth, LargestGrowth), limit - have));
   }
 }
 
 error_t message_pipe_t::LookForUnread() const {
-  if (headerSize_ != 0)
+  if (headerSize_ != 0 || !ahead_.empty())
     return error::PipeBusy;
   for (;;) {
     std::uint8_t byte = 0;

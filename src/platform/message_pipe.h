@@ -80,7 +80,7 @@ class message_pipe_t {
   /// `count` tells how many bytes came, also when the wait ended early; then, too, the next read goes on.
   error_t Read(std::span<std::uint8_t> buffer, std::size_t& count, const pipe_wait_t& wait = {});
   /// Reads the rest of the message at hand, or the next one, whole. 234 when it is longer than the limit: `message` has
-  /// so many bytes of it. The memory grows as bytes arrive.
+  /// so many bytes of it. The memory grows as bytes arrive; what `message` held before is room that is there already.
   error_t ReadMessage(std::vector<std::uint8_t>& message, std::size_t limit = MaxPipeMessage,
                       const pipe_wait_t& wait = {});
 
@@ -97,7 +97,10 @@ class message_pipe_t {
   static constexpr std::size_t HeaderSize = 4;
 
   error_t Receive(std::span<std::uint8_t> buffer, std::size_t& count, const pipe_wait_t& wait);
-  error_t ReadHeader(const pipe_wait_t& wait);
+  error_t ReceiveOnce(std::span<std::uint8_t> first, std::span<std::uint8_t> rest, std::size_t& count,
+                      const pipe_wait_t& wait);
+  error_t ReadHeader(std::span<std::uint8_t> room, std::size_t& count, const pipe_wait_t& wait);
+  std::size_t TakeAhead(std::span<std::uint8_t> buffer);
   error_t LookForUnread() const;
 
   const descriptor_t socket_;
@@ -108,7 +111,10 @@ class message_pipe_t {
   // The reader's.
   std::uint8_t header_[HeaderSize] = {};
   std::size_t headerSize_ = 0;  ///< Bytes of the header that have come; HeaderSize while a message is at hand.
-  std::size_t left_ = 0;        ///< Bytes of the message at hand that have not been read.
+  std::size_t left_ = 0;        ///< Bytes of the message at hand that have not been received.
+  /// What came with the end of a message and belongs to those behind it. Mostly empty: who asks waits for the answer.
+  std::vector<std::uint8_t> ahead_;
+  std::size_t aheadBegin_ = 0;
 };
 
 /// A pipe's owner. Its name is free again when it goes; the pipes that it accepted live on.

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <utility>
+#include <vector>
 
 #include "foundation/exc.h"
 #include "mount-agent-lib/session.h"
@@ -25,9 +26,10 @@ constexpr int ShortageMilliseconds = 100;
 /// The buffer of a large message is not kept for the small ones that follow.
 constexpr std::size_t KeptBuffer = 2U << 20U;
 
-void Shrink(bytes_t& buffer) {
+template <typename Buffer>
+void Shrink(Buffer& buffer) {
   if (buffer.capacity() > KeptBuffer)
-    bytes_t().swap(buffer);
+    Buffer().swap(buffer);
 }
 
 platform::descriptor_t MakeSignal() {
@@ -44,8 +46,14 @@ struct CAgentServer::SConnection {
 
   const pipe_ptr_t pipe;
   const platform::descriptor_t end;  ///< Readable: the connection has to end.
+  std::atomic<bool> ending{false};   ///< Set before `end` is.
   std::atomic<bool> over{false};
   std::thread thread;
+
+  void End() {
+    ending.store(true);
+    ::eventfd_write(end.Get(), 1);
+  }
 };
 
 CAgentServer::CAgentServer(const std::string& baseName, IMountedContent& content, report_t report)
@@ -146,7 +154,7 @@ void CAgentServer::ResetIfAsked() {
 void CAgentServer::Reap(bool all) {
   if (all) {
     for (SConnection& connection : connections_)
-      ::eventfd_write(connection.end.Get(), 1);
+      connection.End();
   }
   for (auto connection = connections_.begin(); connection != connections_.end();) {
     if (all || connection->over.load()) {
@@ -164,7 +172,7 @@ void CAgentServer::Serve(SConnection& connection) noexcept {
     CSession session(content_);
     const int end = connection.end.Get();
     const platform::pipe_wait_t wait{platform::deadline_t::Never(), std::span<const int>(&end, 1)};
-    bytes_t request;
+    std::vector<std::uint8_t> request;
     bytes_t reply;
     for (;;) {
       const platform::error_t failure = connection.pipe->ReadMessage(request, MaxRequestLength, wait);
@@ -173,8 +181,7 @@ void CAgentServer::Serve(SConnection& connection) noexcept {
       if (failure != error::Success)
         break;
       // What can be done at once is done whatever the wait says; a connection that has to end does nothing more.
-      pollfd ended{end, POLLIN, 0};
-      if (::poll(&ended, 1, 0) > 0)
+      if (connection.ending.load())
         break;
       if (!session.Answer(request.data(), request.size(), reply)) {
         report_("A connection was closed: its request is malformed, or the file cannot be read.");

@@ -6,11 +6,12 @@
 #include <cstring>
 #include <string_view>
 #include <type_traits>
-#include <vector>
+
+#include "foundation/byte_buffer.h"
 
 namespace mount_agent {
 
-using bytes_t = std::vector<std::uint8_t>;
+using bytes_t = io::byte_buffer_t;
 
 /// Reads a request from front to back. Every step says whether it found what it wanted; the views point into the
 /// request.

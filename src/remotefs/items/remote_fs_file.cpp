@@ -1,6 +1,5 @@
 #include "remotefs/items/remote_fs_file.h"
 
-#include <cstring>
 #include <utility>
 
 #include "foundation/log.h"
@@ -77,7 +76,8 @@ bool CRemoteFsFile::GetMountUid(GUID& mountUid) {
 
 void CRemoteFsFile::Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) {
   times_.NoteRead();
-  remotevfs::Buffer reply;
+  // Received where it leaves from.
+  remotevfs::Buffer reply(std::move(buffer.data));
   {
     const CRemoteVfsClientHolder client = connector_->GetClient();
     client->Read(HandleOn(client), offset, count, reply);
@@ -86,10 +86,7 @@ void CRemoteFsFile::Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffe
   if (size > count)
     throw exc::runtime_exc_t("The restore agent has read [%1] bytes of item [%2] where [%3] were asked for.", size,
                              path_, count);
-  if (size != 0) {
-    buffer.data.resize(size);
-    std::memcpy(buffer.data.data(), reply.Data(), size);
-  }
+  buffer.data = reply.Release();
   buffer.length = static_cast<std::uint32_t>(size);
   buffer.eof = buffer.length != count;
 }

@@ -25,32 +25,36 @@ Buffer::Buffer(std::size_t capacity) {
   Reserve(capacity);
 }
 
+io::byte_buffer_t Buffer::Release() {
+  size_ = 0;
+  return std::move(bytes_);
+}
+
 void Buffer::SetActualSize(std::size_t size) {
-  if (size > capacity_)
+  if (size > Capacity())
     throw exc::runtime_exc_t("Buffer::SetActualSize error.");
   size_ = size;
 }
 
 void Buffer::Reserve(std::size_t capacity) {
-  if (capacity <= capacity_)
+  if (capacity <= Capacity())
     return;
-  std::unique_ptr<std::uint8_t[]> bytes = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
-  if (size_ != 0)
-    std::memcpy(bytes.get(), bytes_.get(), size_);
+  // What lies behind the actual size is not worth a copy.
+  io::byte_buffer_t bytes(capacity);
+  std::copy_n(bytes_.begin(), size_, bytes.begin());
   bytes_ = std::move(bytes);
-  capacity_ = capacity;
 }
 
 void Buffer::Append(std::span<const std::uint8_t> data) {
   if (data.empty())
     return;
-  if (data.size() > capacity_ - size_) {
-    std::size_t capacity = std::max(capacity_, LeastCapacity);
+  if (data.size() > Capacity() - size_) {
+    std::size_t capacity = std::max(Capacity(), LeastCapacity);
     while (capacity - size_ < data.size())
       capacity += capacity / 2;
     Reserve(capacity);
   }
-  std::memcpy(bytes_.get() + size_, data.data(), data.size());
+  std::memcpy(bytes_.data() + size_, data.data(), data.size());
   size_ += data.size();
 }
 

@@ -3,9 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string_view>
+#include <utility>
+
+#include "foundation/byte_buffer.h"
 
 namespace remotevfs {
 
@@ -13,14 +15,24 @@ namespace remotevfs {
 class Buffer {
  public:
   explicit Buffer(std::size_t capacity = 0);
+  /// Memory that is there already; what it holds does not count.
+  explicit Buffer(io::byte_buffer_t memory) : bytes_(std::move(memory)) {}
+  Buffer(Buffer&& other) noexcept : bytes_(std::move(other.bytes_)), size_(std::exchange(other.size_, 0)) {}
+  Buffer& operator=(Buffer&& other) noexcept {
+    bytes_ = std::move(other.bytes_);
+    size_ = std::exchange(other.size_, 0);
+    return *this;
+  }
 
-  std::size_t Capacity() const { return capacity_; }
+  std::size_t Capacity() const { return bytes_.size(); }
   std::size_t ActualSize() const { return size_; }
-  std::uint8_t* Data() { return bytes_.get(); }
-  const std::uint8_t* Data() const { return bytes_.get(); }
+  std::uint8_t* Data() { return bytes_.data(); }
+  const std::uint8_t* Data() const { return bytes_.data(); }
   /// The bytes up to the actual size, and all that could be.
-  std::span<const std::uint8_t> Bytes() const { return {bytes_.get(), size_}; }
-  std::span<std::uint8_t> Room() { return {bytes_.get(), capacity_}; }
+  std::span<const std::uint8_t> Bytes() const { return {bytes_.data(), size_}; }
+  std::span<std::uint8_t> Room() { return bytes_; }
+  /// The memory, with the bytes at its beginning; the buffer is empty then.
+  io::byte_buffer_t Release();
 
   /// Throws "Buffer::SetActualSize error." for more than the capacity.
   void SetActualSize(std::size_t size);
@@ -36,8 +48,7 @@ class Buffer {
   void Clear() { size_ = 0; }
 
  private:
-  std::unique_ptr<std::uint8_t[]> bytes_;
-  std::size_t capacity_ = 0;
+  io::byte_buffer_t bytes_;
   std::size_t size_ = 0;
 };
 
