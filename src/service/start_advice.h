@@ -5,5 +5,6 @@
 #include <optional>
 #include <string>
 
-/// One sentence for the user of an account that may not bind a port; nothing for any other failure.
+/// One sentence for who may not bind a port, and one for who has a backup mount without its folder; nothing for any
+/// other failure.
 std::optional<std::string> AdviceForFailedStart(const std::exception& failure);

@@ -13,6 +13,16 @@ TEST(StartAdvice, AccountWithoutThePrivilegeIsToldWhatItLacks) {
             "This account may not bind port 111: run KelvoNfsSvc as root or with the capability CAP_NET_BIND_SERVICE.");
 }
 
+TEST(StartAdvice, WhoHasAMountWithoutFolderIsToldHowToBeRidOfIt) {
+  exc::runtime_exc_t failure("The specified mount folder does not exist.");
+  failure.AddMessage(
+      "Failed to publish backup items. VM: [Mount ID: [x]]. Comment: []. NFS mount point: [vm1]. Mount ID: [{1-2}].");
+  failure.AddMessage("Failed to initialize virtual file system.");
+  EXPECT_EQ(AdviceForFailedStart(failure),
+            "Make the folder of the backup mount again, or withdraw the mount: "
+            "kelvo-reg delete 'SOFTWARE/KelvO/Kelvo NFS/Dynamic mounts/{1-2}'");
+}
+
 TEST(StartAdvice, OtherFailuresSpeakForThemselves) {
   EXPECT_FALSE(AdviceForFailedStart(exc::win_sys_exc_t(BindText, 10048)));
   EXPECT_FALSE(AdviceForFailedStart(exc::win_sys_exc_t("Cannot create socket", 10013)));
