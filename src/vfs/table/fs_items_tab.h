@@ -112,7 +112,8 @@ class CFsItemsTab {
 
   /// @name Mounts
   /// @{
-  /// Adds a backing to a folder and to its stored record. Throws for an unknown FID and for a file.
+  /// Adds a backing to a folder and to its stored record. Throws for an unknown FID, for a file, and when it cannot be
+  /// stored; then nothing has changed.
   void MountMirroredFolder(std::uint64_t folderFid, const GUID& mountUid, const boost::shared_ptr<IFsFolder>& mirror);
   /// The object by which the mount backs the item.
   boost::shared_ptr<IFsItem> GetItemForMount(std::uint64_t fid, const GUID& mountUid) const;
@@ -214,6 +215,7 @@ class CFsItemsTab {
   /// Also gives the entry the new spelling.
   void PutListing(std::uint64_t fid, const rec_ptr& rec);
   void EraseListing(const CNfsItemRec& rec, std::uint64_t fid);
+  void StoreMirror(std::uint64_t folderFid, const CNfsItemRec& rec, const GUID& mountUid, SFsItemSpec spec);
   void RemoveAndLogShare(const GUID& uid);
   void DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid);
   CNfsListingTab::const_iterator FirstChild(std::uint64_t parentFid) const;

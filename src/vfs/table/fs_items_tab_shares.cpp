@@ -157,6 +157,9 @@ void CFsItemsTab::MountMirroredFolder(std::uint64_t folderFid, const GUID& mount
   if (!rec->IsFolder())
     throw NotFolder(*rec);
 
+  // Stored first: a mount that is refused must not be seen either, for nobody would take it away again.
+  if (spec.isRfsItem)
+    StoreMirror(folderFid, *rec, mountUid, std::move(spec));
   auto& mirrors = rec->Folder()->mirrors;
   auto place = mirrors.begin() + 1;
   for (GUID uid; place != mirrors.end(); ++place) {
@@ -169,13 +172,14 @@ void CFsItemsTab::MountMirroredFolder(std::uint64_t folderFid, const GUID& mount
     *place = mirror;
   }
   NoteFolderChange(folderFid);
-  if (!spec.isRfsItem)
-    return;
+}
+
+void CFsItemsTab::StoreMirror(std::uint64_t folderFid, const CNfsItemRec& rec, const GUID& mountUid, SFsItemSpec spec) {
   // The address list is the item's, not the backing's: the stored one must stay as it is.
   spec.mountUid = mountUid;
-  spec.allowedHostAddr = rec->Folder()->primary->GetAllowedHostAddr();
+  spec.allowedHostAddr = rec.Folder()->primary->GetAllowedHostAddr();
   const auto moved = movedItems_.find(folderFid);
-  const SListingKey stored = moved == movedItems_.end() ? SListingKey{rec->parentFid, rec->name} : moved->second.stored;
+  const SListingKey stored = moved == movedItems_.end() ? SListingKey{rec.parentFid, rec.name} : moved->second.stored;
   updateSink_->OnItemAdded(stored.parentFid, stored.name, folderFid, spec);
 }
 

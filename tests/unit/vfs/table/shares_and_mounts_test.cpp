@@ -200,6 +200,70 @@ TEST_F(MountedFolder, AFileOfAMountGoesWithIt) {
   EXPECT_EQ(ThrownStatus([&] { table.RemoveItemForMount(mountFile, Guid(7)); }), NFS3ERR_NOENT);
 }
 
+TEST_F(MountedFolder, AMountThatCannotBeStoredIsNotAdded) {
+  sink->isBroken = true;
+  const auto other = boost::make_shared<SFakeBackend>(Guid(8));
+  EXPECT_THROW(table.MountMirroredFolder(folder, Guid(8), CFakeFolder::Root(other)), exc::win_sys_exc_t);
+  EXPECT_EQ(table.GetItemForMount(folder, Guid(8)), nullptr);
+  const auto before = table.GetItemForMount(folder, Guid(7));
+  EXPECT_THROW(table.MountMirroredFolder(folder, Guid(7), CFakeFolder::Root(mount)), exc::win_sys_exc_t);
+  EXPECT_EQ(table.GetItemForMount(folder, Guid(7)), before);
+}
+
+TEST_F(MountedFolder, AnItemOfAMountThatDoesNotBackTheFolderIsNotAdded) {
+  const auto other = boost::make_shared<SFakeBackend>(Guid(8));
+  const int writes = sink->writes;
+  EXPECT_EQ(table.AddItem(folder, "stray", MakeMountFile(other, "stray")), InvalidFid);
+  EXPECT_EQ(table.AddFoundItem(folder, "stray", MakeMountFile(other, "stray")), InvalidFid);
+  EXPECT_EQ(table.AddItem(root, "disk", MakeMountFile(mount, "disk")), InvalidFid) << "nor beside its folder";
+  EXPECT_EQ(table.LookupChild(folder, "stray"), InvalidFid);
+  EXPECT_EQ(table.LookupChild(root, "disk"), InvalidFid);
+  EXPECT_EQ(sink->writes, writes);
+}
+
+TEST_F(MountedFolder, AnItemOpenedBeforeItsMountWasWithdrawnIsNotAdded) {
+  const auto opened = MakeMountFile(mount, "late");
+  const auto openedFolder = boost::make_shared<CFakeFolder>(mount, mount->Put("sub", true), "sub");
+  table.RemoveItemForMount(folder, Guid(7));
+  EXPECT_EQ(table.AddFoundItem(folder, "late", opened), InvalidFid);
+  EXPECT_EQ(table.AddFoundItem(folder, "sub", openedFolder), InvalidFid);
+  EXPECT_EQ(table.AddItem(folder, "notes", opened), InvalidFid);
+  EXPECT_EQ(table.LookupChild(folder, "notes"), hostFile) << "what is there stays";
+  EXPECT_NE(table.GetItem(hostFile), opened);
+}
+
+TEST_F(MountedFolder, WhatIsNotAddedWithOthersHasNeitherFidNorItem) {
+  const auto other = boost::make_shared<SFakeBackend>(Guid(8));
+  std::vector<SNfsChild> items{{"one", InvalidFid, MakeMountFile(mount, "one")},
+                               {"stray", InvalidFid, MakeMountFile(other, "stray")},
+                               {"of the host", InvalidFid, MakeFile("backup/of the host")},
+                               {"two", InvalidFid, MakeMountFile(mount, "two")}};
+  const auto hostItem = items[2].item;
+  table.AddItems(folder, items);
+  ASSERT_EQ(items.size(), 4U);
+  EXPECT_EQ(items[0].fid, table.LookupChild(folder, "one"));
+  EXPECT_NE(items[0].fid, InvalidFid);
+  EXPECT_EQ(items[0].item, table.GetItem(items[0].fid));
+  EXPECT_EQ(items[1].fid, InvalidFid);
+  EXPECT_EQ(items[1].item, nullptr);
+  EXPECT_EQ(items[2].item, hostItem) << "hosts' items need no mount";
+  EXPECT_NE(items[3].fid, InvalidFid);
+  EXPECT_EQ(table.LookupChild(folder, "stray"), InvalidFid);
+  EXPECT_EQ(Children(folder).size(), 5U);
+}
+
+TEST_F(MountedFolder, WhatIsInAFolderOfTheMountIsAdded) {
+  const auto sub = table.AddItem(folder, "sub", boost::make_shared<CFakeFolder>(mount, mount->Put("sub", true), "sub"));
+  ASSERT_NE(sub, InvalidFid);
+  EXPECT_NE(table.AddItem(sub, "inner", MakeMountFile(mount, "sub/inner")), InvalidFid);
+}
+
+TEST_F(MountedFolder, ItsDotsAreNoItemsOfAMount) {
+  const auto opened = MakeMountFile(boost::make_shared<SFakeBackend>(Guid(8)), "x");
+  EXPECT_EQ(table.AddItem(folder, ".", opened), folder);
+  EXPECT_EQ(table.AddItem(folder, "..", opened), root);
+}
+
 TEST_F(MountedFolder, OnlyAFolderCanBeMountedOn) {
   EXPECT_EQ(ThrownText<CVirtualFsExc>([&] { table.MountMirroredFolder(4711, Guid(8), CFakeFolder::Root(mount)); }),
             "Folder with FID [4711] does not exists. Cannot mount mirrored sub-folder.");
