@@ -99,9 +99,9 @@ struct AgentReply {
   static AgentReply HangUp() { return RawAndHangUp({}); }
 };
 
-/// Serves files in memory on one pipe, `BASE-0`, with its reset event, in a thread of its own. One client at a time; a
-/// reset forgets it and answers the next. The files can be changed at any time, and a script can answer in the agent's
-/// place. Any thread.
+/// Serves files in memory on one pipe, `BASE-0` or `BASE-NUMBER`, with its reset event, in a thread of its own. One
+/// client at a time; a reset forgets it and answers the next. The files can be changed at any time, and a script can
+/// answer in the agent's place. Any thread.
 ///
 /// KELVO_RUNTIME_DIR must name a folder of the test's own meanwhile.
 class FakeMountAgent {
@@ -110,9 +110,11 @@ class FakeMountAgent {
   using Script = std::function<std::optional<AgentReply>(const AgentRequest&)>;
 
   /// `waiting`: clients that may wait beside one.
-  explicit FakeMountAgent(const std::string& base, int waiting = 16) : stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (platform::pipe_listener_t::Listen(R"(\\.\pipe\)" + base + "-0", 0600, waiting, listener_) != 0 ||
-        platform::named_event_t::Create("Global\\VFS_on_" + base + "-0", 0600, reset_) != 0)
+  explicit FakeMountAgent(const std::string& base, int waiting = 16, int number = 0)
+      : stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    const std::string name = base + "-" + std::to_string(number);
+    if (platform::pipe_listener_t::Listen(R"(\\.\pipe\)" + name, 0600, waiting, listener_) != 0 ||
+        platform::named_event_t::Create("Global\\VFS_on_" + name, 0600, reset_) != 0)
       throw std::runtime_error("The agent cannot start.");
     thread_ = std::thread([this] { Run(); });
   }
