@@ -155,10 +155,13 @@ void report_t::AddRegisters() noexcept {
 }
 
 void report_t::AddFrames() noexcept {
+  failure_t failure;
   text_.Add("Stack frames:\n");
-  const std::size_t count = WalkStack(*crash_.context, frames_, MaxFrames);
+  const std::size_t count = WalkStack(*crash_.context, frames_, MaxFrames, failure);
   for (std::size_t i = 0; i < count; ++i)
     AddFrame(frames_[i]);
+  if (!failure.Text().empty())
+    text_.Format("\nThe stack cannot be followed further. %1\n", {failure.Text()});
   text_.Add('\n');
 }
 
@@ -183,8 +186,8 @@ void report_t::AddSymbol(const frame_t& frame) noexcept {
   constexpr std::string_view Kinds[] = {"no symbols", "export table", "COFF", "CodeView"};
   symbol_t symbol;
   symbolizer_.Find(frame.instruction, !frame.isExact, symbol);
-  if (symbol.name.IsEmpty() && !frame.name.IsEmpty()) {
-    symbol.name.Add(frame.name.View());
+  if (symbol.name.IsEmpty() && frame.name[0] != '\0') {
+    symbol.name.Add(frame.name);
     symbol.offset = frame.offset;
     symbol.kind = std::max(symbol.kind, symbol_t::kind_t::SymbolTable);
   }

@@ -27,13 +27,11 @@ void Walk(const ucontext_t& context, frame_t* frames, std::size_t capacity, vola
     frame.instruction = instruction;
     frame.isExact = count == 0 || unw_is_signal_frame(&cursor) > 0;
     count = count + 1;
-    char name[256];
     unw_word_t offset = 0;
-    if (unw_get_proc_name(&cursor, name, sizeof name, &offset) == 0) {
-      frame.name.Clear();
-      frame.name.Add(name);
+    if (unw_get_proc_name(&cursor, frame.name, sizeof frame.name, &offset) == 0)
       frame.offset = offset;
-    }
+    else
+      frame.name[0] = '\0';
     const bool isMore = unw_step(&cursor) > 0;
     unw_word_t word = 0;
     if (unw_get_reg(&cursor, UNW_REG_SP, &word) == 0)
@@ -47,12 +45,11 @@ void Walk(const ucontext_t& context, frame_t* frames, std::size_t capacity, vola
 
 }  // namespace
 
-std::size_t WalkStack(const ucontext_t& context, frame_t* frames, std::size_t capacity) noexcept {
+std::size_t WalkStack(const ucontext_t& context, frame_t* frames, std::size_t capacity, failure_t& failure) noexcept {
   volatile std::size_t count = 0;
   auto walk = [&] { Walk(context, frames, capacity, count); };
-  failure_t ignored;
   // What was found until a fault is still good.
-  Guarded(LimitMs, walk, ignored);
+  Guarded(LimitMs, walk, failure);
   return count;
 }
 

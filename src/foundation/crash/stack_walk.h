@@ -18,12 +18,12 @@ struct frame_t {
   /// The instruction is not behind a call: the crashed frame itself, and one that a signal interrupted.
   bool isExact = false;
   /// The name in the image's table, as the linker knows it, and how far behind it the instruction is; empty for none.
-  fixed_text_t<256> name;
+  char name[256] = {};
   std::uint64_t offset = 0;
 };
 
 /// Fills in up to so many frames, the innermost first, and returns their number. Walks in place and without the heap;
-/// a damaged stack ends the walk.
-std::size_t WalkStack(const ucontext_t& context, frame_t* frames, std::size_t capacity) noexcept;
+/// a damaged stack ends the walk, which is added to the failure.
+std::size_t WalkStack(const ucontext_t& context, frame_t* frames, std::size_t capacity, failure_t& failure) noexcept;
 
 }  // namespace crash

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 namespace crash {
 
@@ -17,9 +18,10 @@ class arena_t {
   ~arena_t();
 
   bool IsValid() const noexcept { return place_ != nullptr; }
-  /// Zeroed memory for so many trivial objects; null when the arena is used up.
+  /// Zeroed memory for so many objects, to which that is their first state; null when the arena is used up.
   template <typename T>
   T* Take(std::size_t count) noexcept {
+    static_assert(std::is_trivially_copyable_v<T>);
     return count > size_ / sizeof(T) ? nullptr : static_cast<T*>(TakeBytes(count * sizeof(T)));
   }
   /// The bytes that are left, and where they begin: for what has no known size. Taken afterwards with TakeBytes.

@@ -94,8 +94,10 @@ bool CProcess::IsRunning() {
   if (exitCode_)
     return false;
   int status = 0;
-  if (waitpid(pid_, &status, WNOHANG) == pid_)
+  if (waitpid(pid_, &status, WNOHANG) == pid_) {
     exitCode_ = CodeOf(status);
+    endSignal_ = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  }
   return !exitCode_;
 }
 

@@ -41,10 +41,13 @@ class CProcess {
   bool IsRunning();
   /// The exit code, or nothing when the limit passes first.
   std::optional<int> WaitForExit(std::chrono::milliseconds limit = 60s);
+  /// The signal that ended it; 0 while it runs and after it has left by itself, with whatever code.
+  int EndSignal() const { return endSignal_; }
 
  private:
   pid_t pid_ = -1;
   std::optional<int> exitCode_;
+  int endSignal_ = 0;
 };
 
 /// The path of a program of this build.

@@ -40,9 +40,11 @@ std::map<std::string, std::string> CService::Environment() const {
 }
 
 void CService::Start(const std::vector<std::string>& switches) {
-  std::vector<std::string> command{Program("KelvoNfsSvc")};
+  std::vector<std::string> command{program_};
   command.insert(command.end(), switches.begin(), switches.end());
-  process_ = std::make_unique<CProcess>(command, Environment(), outputPath_);
+  std::map<std::string, std::string> environment = Environment();
+  environment.insert(variables_.begin(), variables_.end());
+  process_ = std::make_unique<CProcess>(command, environment, outputPath_);
   // The event is what tells another process that the ports are registered.
   const bool ready = WaitUntil([this] {
     return !process_->IsRunning() || RunProgram({Program("KelvoNfsSvc"), "-verifycn"}, Environment()).exitCode == 0;

@@ -32,6 +32,10 @@ class CService {
 
   /// Starts the process and waits until the ports are registered. Fails the test, with the log, when it does not.
   void Start(const std::vector<std::string>& switches = {});
+  /// Of the service alone, from the next start on.
+  void SetVariable(const std::string& name, const std::string& value) { variables_[name] = value; }
+  /// Another file than that of the build.
+  void SetProgram(const std::string& path) { program_ = path; }
   /// SIGTERM; the exit code.
   int Stop();
   /// SIGKILL.
@@ -56,6 +60,8 @@ class CService {
   CTempFolder folder_;
   std::string root_;
   std::string outputPath_;
+  std::string program_ = Program("KelvoNfsSvc");
+  std::map<std::string, std::string> variables_;
   std::unique_ptr<CProcess> process_;
 };
 
