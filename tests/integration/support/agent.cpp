@@ -9,16 +9,20 @@
 
 namespace test {
 
-CMountAgent::CMountAgent(const CService& service, std::string pipe, std::string source)
-    : service_(service), pipe_(std::move(pipe)), source_(std::move(source)) {
+CMountAgent::CMountAgent(const CService& service, std::string pipe, std::string source,
+                         std::optional<std::vector<std::string>> options)
+    : service_(service),
+      pipe_(std::move(pipe)),
+      source_(std::move(source)),
+      options_(options ? std::move(*options) : std::vector<std::string>{"--overlay", OverlayFolder()}) {
   mkdir(OverlayFolder().c_str(), 0700);
 }
 
 void CMountAgent::Start() {
   const std::size_t before = Output().size();
-  process_ = std::make_unique<CProcess>(std::vector<std::string>{Program("kelvo-mount-agent"), "--pipe", pipe_,
-                                                                 "--source", source_, "--overlay", OverlayFolder()},
-                                        service_.Environment(), folder_.Path() + "/output");
+  std::vector<std::string> command{Program("kelvo-mount-agent"), "--pipe", pipe_, "--source", source_};
+  command.insert(command.end(), options_.begin(), options_.end());
+  process_ = std::make_unique<CProcess>(command, service_.Environment(), folder_.Path() + "/output");
   // A socket's file is no sign of life: a killed agent leaves it. What the agent says after it listens is one.
   const auto isServing = [&] { return Output().find("Serving [", before) != std::string::npos; };
   ASSERT_TRUE(WaitUntil([&] { return !process_->IsRunning() || isServing(); }));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,8 +14,10 @@ namespace test {
 /// kelvo-mount-agent over a source folder, with an overlay folder that is the agent's own and survives its restarts.
 class CMountAgent {
  public:
-  /// The service is only where the sockets go; it must live longer. Nothing is started yet.
-  CMountAgent(const CService& service, std::string pipe, std::string source);
+  /// The service is only where the sockets go; it must live longer. Nothing is started yet. `options`: in the place of
+  /// `--overlay OverlayFolder()`.
+  CMountAgent(const CService& service, std::string pipe, std::string source,
+              std::optional<std::vector<std::string>> options = {});
 
   /// Starts the process and waits until it can be found. Fails the test, with what it said, when it does not come up.
   void Start();
@@ -38,6 +41,7 @@ class CMountAgent {
   std::string pipe_;
   std::string source_;
   CTempFolder folder_;
+  std::vector<std::string> options_;
   std::unique_ptr<CProcess> process_;
 };
 

@@ -6,11 +6,11 @@
 #include <sys/resource.h>
 
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 
 #include "integration/support/dce_wire.h"
+#include "integration/support/footprint.h"
 #include "integration/support/service.h"
 
 namespace test {
@@ -22,13 +22,6 @@ inline std::string Narrow(const std::u16string& text) {
 inline std::u16string Input(const std::string& arguments) {
   return Wide("<InputArguments>" + arguments + "</InputArguments>");
 }
-
-/// What the process has of things that can be lost.
-struct SFootprint {
-  std::size_t residentKiB = 0;
-  std::size_t threads = 0;
-  std::size_t descriptors = 0;
-};
 
 /// Settings, threads, descriptors and memory of the service are compared before and after each test.
 class CManagementAttackTest : public testing::Test {
@@ -93,20 +86,7 @@ class CManagementAttackTest : public testing::Test {
     EXPECT_EQ(answer->type, dce_pdu_t::Response);
   }
 
-  SFootprint Footprint() {
-    const std::string process = "/proc/" + std::to_string(service_.Process().Pid());
-    SFootprint now;
-    std::ifstream status(process + "/status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("VmRSS:"))
-        now.residentKiB = std::stoul(line.substr(6));
-      if (line.starts_with("Threads:"))
-        now.threads = std::stoul(line.substr(8));
-    }
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(process + "/fd"))
-      ++now.descriptors;
-    return now;
-  }
+  SFootprint Footprint() { return FootprintOf(service_.Process().Pid()); }
 
   CService service_;
   SFootprint before_;

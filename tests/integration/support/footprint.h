@@ -1,0 +1,35 @@
+// What a process has of things that can be lost.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace test {
+
+struct SFootprint {
+  std::size_t residentKiB = 0;
+  std::size_t threads = 0;
+  std::size_t descriptors = 0;
+};
+
+/// Throws when there is no such process.
+inline SFootprint FootprintOf(pid_t pid) {
+  const std::string process = "/proc/" + std::to_string(pid);
+  SFootprint now;
+  std::ifstream status(process + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmRSS:"))
+      now.residentKiB = std::stoul(line.substr(6));
+    if (line.starts_with("Threads:"))
+      now.threads = std::stoul(line.substr(8));
+  }
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(process + "/fd"))
+    ++now.descriptors;
+  return now;
+}
+
+}  // namespace test
