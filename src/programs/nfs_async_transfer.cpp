@@ -5,6 +5,7 @@
 
 #include "foundation/log.h"
 #include "programs/nfs_read_result.h"
+#include "programs/read_buffer_pool.h"
 #include "vfs/items/virtual_fs_exc.h"
 #include "vfs/nfs3/nfs_args.h"
 #include "vfs/nfs3/nfs_results.h"
@@ -37,7 +38,7 @@ void CNfsAsyncCompletionCallback::Answer(const char* failureText, const Fill& fi
   }
 }
 
-CNfsAsyncReadCompletionCallback::CNfsAsyncReadCompletionCallback() : buffer_(boost::make_shared<SFsReadBuffer>()) {}
+CNfsAsyncReadCompletionCallback::CNfsAsyncReadCompletionCallback() : buffer_(CReadBufferPool::Instance().Acquire()) {}
 
 void CNfsAsyncReadCompletionCallback::OnCompleted() {
   Answer<READ3res>("Failed to complete read procedure.", [this](READ3res& result) { SetReadResult(result, buffer_); });
