@@ -115,6 +115,15 @@ class MountsFixture : public RemoteMountFixture {
     }
     return {buffer.data.begin(), buffer.data.begin() + buffer.length};
   }
+  /// What the log was told, but for threads that start whenever they like.
+  static std::vector<std::string> Told(const CapturedLog& log) {
+    std::vector<std::string> lines;
+    for (const std::string& line : log.Texts()) {
+      if (!line.starts_with("Invocation thread started") && !line.starts_with("Thread started."))
+        lines.push_back(line);
+    }
+    return lines;
+  }
   /// The only connector of the mounter.
   boost::shared_ptr<CRemoteFsConnector> TheConnector() const {
     CRemoteFsMounter::connectors_t mounts;
