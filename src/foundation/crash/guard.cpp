@@ -8,7 +8,6 @@
 #include <csetjmp>
 #include <csignal>
 #include <ctime>
-#include <iterator>
 
 namespace crash {
 
@@ -89,8 +88,11 @@ void Close(guard_t& guard) noexcept {
 bool RunGuarded(std::uint32_t limitMs, void (*step)(void*), void* argument, failure_t& failure) noexcept {
   MakeTimer();
   guard_t guard;
-  guard.deadlineNs = NowNs() + limitMs * NsPerMs;
   guard.outer = innermost;
+  guard.deadlineNs = NowNs() + limitMs * NsPerMs;
+  // The time of a step is also the time of what it waits for.
+  if (guard.outer != nullptr)
+    guard.deadlineNs = std::min(guard.deadlineNs, guard.outer->deadlineNs);
   const int signal = sigsetjmp(guard.place, 1);
   if (signal == 0) {
     innermost = &guard;
