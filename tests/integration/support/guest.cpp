@@ -52,7 +52,7 @@ class CControl {
     while (connected_ && buffer_.find('\n') == std::string::npos) {
       pollfd poll{socket_, POLLIN, 0};
       char piece[4096];
-      const ssize_t count = ::poll(&poll, 1, 30000) == 1 ? ::recv(socket_, piece, sizeof piece, 0) : -1;
+      const ssize_t count = ::poll(&poll, 1, 5000) == 1 ? ::recv(socket_, piece, sizeof piece, 0) : -1;
       connected_ = count > 0;
       if (connected_)
         buffer_.append(piece, static_cast<std::size_t>(count));

@@ -64,7 +64,8 @@ class CGuest {
   /// The last lines of it, for the message of a failure.
   std::string LastLines(unsigned count = 25) const;
 
-  /// The state that the emulator tells: "running", "io-error", "paused", …; empty when it does not answer.
+  /// The state that the emulator tells: "running", "io-error", "paused", …; empty when it does not answer within seconds,
+  /// as while it waits for the calls of a machine that it halts.
   std::string Status();
   /// Lets a machine go on that was halted by an error.
   void Continue();
