@@ -36,7 +36,7 @@ _kelvo_nfsctl() {
     host) choices="add remove list" ;;
     size) choices="set get reset" ;;
     params) choices="get set" ;;
-    mount) choices="publish withdraw" ;;
+    mount) choices="list publish withdraw" ;;
     call)
       choices="EnumLocks GetLogFolder TestCompatible CreateShare LookupShare GetShareConfig DeleteShare MountBackup
         DismountBackup CreateFolder DeleteFolder GetParams Reconfigure AddEsxHostAddr DeleteEsxHostAddr

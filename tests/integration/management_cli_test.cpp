@@ -5,6 +5,7 @@
 
 #include <filesystem>
 
+#include "integration/support/agent.h"
 #include "integration/support/service.h"
 #include "integration/support/wire.h"
 
@@ -59,6 +60,23 @@ class CManagementTest : public testing::Test {
 
   CService service_;
 };
+
+TEST_F(CManagementTest, MountsAreListedWhetherTheirAgentRunsOrNot) {
+  EXPECT_EQ(Done({"mount", "list"}), "There are no mounts.\n");
+  CTempFolder source;
+  CMountAgent agent(service_, "vm1", source.Path());
+  agent.Start();
+  const std::string id = agent.Publish();
+  const std::string listed = Done({"mount", "list"});
+  EXPECT_THAT(listed, HasSubstr(id));
+  EXPECT_THAT(listed, HasSubstr("  /share  "));
+  EXPECT_THAT(listed, HasSubstr("  vm1"));
+  agent.Stop();
+  EXPECT_EQ(Done({"mount", "list"}), listed);
+  Done({"mount", "withdraw", id});
+  EXPECT_EQ(Done({"--json", "mount", "list"}), "{\n  \"mounts\": []\n}\n");
+  EXPECT_EQ(CtlOverTcp({"mount", "list"}).exitCode, 1) << "nothing of another machine is read";
+}
 
 TEST_F(CManagementTest, AShareIsMadeServedAndDeleted) {
   EXPECT_EQ(Done({"ping"}), "The service answers.\n");

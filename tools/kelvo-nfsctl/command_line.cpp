@@ -243,6 +243,8 @@ void CCommandLine::AddMountCommands() {
           [this](IService& service) { return WithdrawMount(service, text_); })
       ->add_option("ID", text_, "The ID that publish told")
       ->required();
+  AddCommand(group, "list", "List what is published, on the machine of the service",
+             [this] { return ListMounts(options_.endpoint); });
 }
 
 void CCommandLine::AddServiceCommands() {

@@ -1,6 +1,7 @@
 #include "kelvo-nfsctl/commands.h"
 
 #include <algorithm>
+#include <map>
 
 #include "kelvo-nfsctl/local_settings.h"
 #include "kelvo-nfsctl/sizes.h"
@@ -213,6 +214,25 @@ SReport WithdrawMount(IService& service, const std::string& id) {
   const std::string mountId = MountId(id);
   service.Call("DismountBackup", {{"mountId", mountId}});
   return Lines("Withdrew mount " + mountId + ".\n", {{"mountId", mountId}});
+}
+
+SReport ListMounts(const SEndpoint& endpoint) {
+  std::map<std::string, std::string> sharePaths;
+  for (const auto& [id, path] : ReadShares(endpoint))
+    sharePaths.emplace(id, path);
+  std::vector<std::vector<std::string>> rows{{"ID", "MACHINE", "SHARE", "PATH", "PIPE"}};
+  auto json = nlohmann::ordered_json::array();
+  for (const SStoredMount& mount : ReadMounts(endpoint)) {
+    const auto share = sharePaths.find(mount.shareId);
+    rows.push_back(
+        {mount.id, mount.vmName, share == sharePaths.end() ? mount.shareId : share->second, mount.path, mount.pipe});
+    json.push_back({{"mountId", mount.id},
+                    {"vmName", mount.vmName},
+                    {"shareId", mount.shareId},
+                    {"nfsRelativePath", mount.path},
+                    {"pipeName", mount.pipe}});
+  }
+  return {rows.size() > 1 ? FormatTable(rows) : "There are no mounts.\n", {{"mounts", json}}};
 }
 
 SReport ListLocks(IService& service) {

@@ -54,6 +54,8 @@ struct SMount {
 };
 SReport PublishMount(IService& service, const SMount& mount);
 SReport WithdrawMount(IService& service, const std::string& id);
+/// The stored mounts of this machine's service.
+SReport ListMounts(const SEndpoint& endpoint);
 
 SReport ListLocks(IService& service);
 SReport GetLogFolder(IService& service);

@@ -1,5 +1,8 @@
 #include "kelvo-nfsctl/local_settings.h"
 
+#include <string_view>
+#include <variant>
+
 #include "config/reg_keys.h"
 #include "foundation/exc.h"
 #include "platform/registry.h"
@@ -27,6 +30,16 @@ bool IsStored(error_t error) {
   return error == platform::error::Success;
 }
 
+/// The text of a value; empty when there is none.
+std::string TextOf(const platform::registry_node_t& node, std::string_view name) {
+  for (const platform::registry_value_t& value : node.values) {
+    const auto* const text = std::get_if<std::string>(&value.data);
+    if (text != nullptr && platform::EqualIgnoringCase(value.name, name))
+      return *text;
+  }
+  return {};
+}
+
 }  // namespace
 
 std::vector<std::string> ReadAllowedHosts(const SEndpoint& endpoint) {
@@ -51,13 +64,24 @@ std::vector<std::pair<std::string, std::string>> ReadShares(const SEndpoint& end
   if (!IsStored(registry_t::Instance().ReadTree(regkeys::SharedFolders, folder)))
     return shares;
   for (const platform::registry_node_t& share : folder.keys) {
-    for (const platform::registry_value_t& value : share.values) {
-      const auto* const path = std::get_if<std::string>(&value.data);
-      if (path != nullptr && platform::EqualIgnoringCase(value.name, "nfsFolderName"))
-        shares.emplace_back(share.name, *path);
-    }
+    std::string path = TextOf(share, "nfsFolderName");
+    if (!path.empty())
+      shares.emplace_back(share.name, std::move(path));
   }
   return shares;
+}
+
+std::vector<SStoredMount> ReadMounts(const SEndpoint& endpoint) {
+  CheckIsLocal(endpoint, "mounts");
+  std::vector<SStoredMount> mounts;
+  platform::registry_node_t folder;
+  if (!IsStored(registry_t::Instance().ReadTree(regkeys::DynamicMounts, folder)))
+    return mounts;
+  for (const platform::registry_node_t& mount : folder.keys) {
+    mounts.push_back({mount.name, TextOf(mount, "nfsFolderID"), TextOf(mount, "mountPoint"), TextOf(mount, "vmName"),
+                      TextOf(mount, "pipe")});
+  }
+  return mounts;
 }
 
 }  // namespace nfsctl

@@ -16,4 +16,15 @@ std::vector<std::string> ReadAllowedHosts(const SEndpoint& endpoint);
 /// ID and path of every share that is stored. Throws as ReadAllowedHosts does.
 std::vector<std::pair<std::string, std::string>> ReadShares(const SEndpoint& endpoint);
 
+struct SStoredMount {
+  std::string id;
+  std::string shareId;
+  std::string path;  ///< Below the share.
+  std::string vmName;
+  std::string pipe;
+};
+
+/// Every backup mount that is stored, whether its agent runs or not. Throws as ReadAllowedHosts does.
+std::vector<SStoredMount> ReadMounts(const SEndpoint& endpoint);
+
 }  // namespace nfsctl
