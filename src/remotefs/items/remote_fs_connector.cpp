@@ -17,6 +17,9 @@ namespace {
 /// Hosts are told of an agent that is away as of a disk that cannot be read.
 constexpr nfsstat3 NFS3ERR_IO = 5;
 
+/// More than there are threads to wait for a client.
+constexpr std::int32_t Everyone = 1000000;
+
 std::string FullPipeBaseName(const CBackupMountCfg& config) {
   return std::string(remotevfs::PipePrefix) + config.pipe;
 }
@@ -165,6 +168,9 @@ void CRemoteFsConnector::Stop() noexcept {
     const std::lock_guard lock(lock_);
     isStopped_ = true;
     DropClients();
+    // Who waits for a client learns at once that none will come; the invoker's end waits for those callers.
+    if (freeSlots_ && freeSlots_->Count() < Everyone)
+      freeSlots_->Release(Everyone);
   }
   invoker_->Stop();
 }

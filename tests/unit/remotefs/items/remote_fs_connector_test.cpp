@@ -303,7 +303,7 @@ TEST_F(ConnectorTest, ACallOnALostAgentRunsIntoItsTime) {
 }
 
 TEST_F(ConnectorTest, IsConnectedWhileOneClientLives) {
-  const FakeMountAgent second("vm1", 16, 1);
+  FakeMountAgent second("vm1", 16, 1);
   const auto connector = Connected(2);
   Lose(*connector);
   EXPECT_TRUE(connector->IsConnected());
@@ -311,10 +311,12 @@ TEST_F(ConnectorTest, IsConnectedWhileOneClientLives) {
     const auto client = connector->GetClient();
     EXPECT_EQ(client->Open("disk"), -1);
     EXPECT_EQ(GetClientFailure(*connector), Hanging) << "the other slot is lost";
+    second.SetScript([](const AgentRequest&) { return AgentReply::Silence(); });
     client->StopEvent()->Set();
     EXPECT_ANY_THROW(client->Open("disk"));
     EXPECT_FALSE(connector->IsConnected());
   }
+  second.SetScript({});
   EXPECT_TRUE(connector->Reconnect());
   const auto first = connector->GetClient();
   EXPECT_EQ(connector->GetClient()->Open("disk"), -1) << "both slots are back";
@@ -417,6 +419,19 @@ TEST_F(ConnectorTest, RefusesEverythingOnceItIsStopped) {
   agent->WaitForClients(1);
   EXPECT_EQ(agent->Resets(), 1) << "the agent is left alone";
   connector->Stop();
+}
+
+TEST_F(ConnectorTest, AStopWakesThoseWhoWaitForAClient) {
+  limits.freeClientMs = 10 * LongMs;
+  const auto connector = Connected();
+  const auto held = connector->GetClient();
+  std::vector<std::future<std::string>> waiting;
+  for (int i = 0; i < 3; ++i)
+    waiting.push_back(std::async(std::launch::async, [&] { return GetClientFailure(*connector); }));
+  EXPECT_EQ(waiting.back().wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  connector->Stop();
+  for (auto& failure : waiting)
+    EXPECT_EQ(failure.get(), NotConnected);
 }
 
 }  // namespace
