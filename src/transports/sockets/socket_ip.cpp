@@ -181,26 +181,30 @@ void CSocketIP::WaitToWrite() {
   }
 }
 
+/// Waits for data, and gives what there is of it. function: the caller's, for the failure's text.
+std::uint64_t CSocketIP::ReadOnce(void* data, std::uint64_t length, const char* function) {
+  for (;;) {
+    ssize_t received = Repeat([&] { return ::recv(socket_, data, length, MSG_DONTWAIT); });
+    if (received < 0 && MustWait()) {
+      WaitToRead();
+      received = Repeat([&] { return ::recv(socket_, data, length, 0); });
+    }
+    if (received == 0)
+      throw CCloseTCPConnection();
+    if (received > 0)
+      return static_cast<std::uint64_t>(received);
+    CheckTransferFailure(function);
+    platform::Clock().Sleep(WouldBlockPauseMs);
+  }
+}
+
 std::uint64_t CSocketIP::Read(void* data, std::uint64_t length) {
   if (!connected_)
     throw exc::runtime_exc_t("Trying to receive over not connected socket.");
   CSocketTransferEvent event(perf::event::SocketReceive, length, perfEvents_);
   auto* const bytes = static_cast<std::uint8_t*>(data);
-  for (std::uint64_t done = 0; done < length;) {
-    ssize_t received = Repeat([&] { return ::recv(socket_, bytes + done, length - done, MSG_DONTWAIT); });
-    if (received < 0 && MustWait()) {
-      WaitToRead();
-      received = Repeat([&] { return ::recv(socket_, bytes + done, length - done, 0); });
-    }
-    if (received == 0)
-      throw CCloseTCPConnection();
-    if (received > 0) {
-      done += static_cast<std::uint64_t>(received);
-    } else {
-      CheckTransferFailure(__PRETTY_FUNCTION__);
-      platform::Clock().Sleep(WouldBlockPauseMs);
-    }
-  }
+  for (std::uint64_t done = 0; done < length;)
+    done += ReadOnce(bytes + done, length - done, __PRETTY_FUNCTION__);
   event.SetDone(length);
   return length;
 }
@@ -319,6 +323,16 @@ void CSocketIP::Recv(void* data, std::uint64_t length) {
 void CSocketIP::Recv(void* data, std::uint64_t length, std::uint32_t timeoutSec) {
   SetTimeoutSec(timeoutSec);
   Recv(data, length);
+}
+
+std::uint64_t CSocketIP::RecvSome(void* data, std::uint64_t length) {
+  if (!connected_)
+    throw exc::runtime_exc_t("Trying to receive over not connected socket.");
+  SetTimeoutSec(0);
+  CSocketTransferEvent event(perf::event::SocketReceive, length, perfEvents_);
+  const std::uint64_t received = ReadOnce(data, length, __PRETTY_FUNCTION__);
+  event.SetDone(received);
+  return received;
 }
 
 std::uint64_t CSocketIP::ReceiveFrom(void* data, std::uint64_t length, sockaddr_in& address) {

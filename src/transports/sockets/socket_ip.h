@@ -52,6 +52,8 @@ class CSocketIP : public io::INonBlockingIoDev {
   void Send(const void* data, std::uint64_t length, std::uint32_t timeoutSec = 0);
   void Recv(void* data, std::uint64_t length);
   void Recv(void* data, std::uint64_t length, std::uint32_t timeoutSec);
+  /// At least one byte, and as many as have arrived; without a limit of time, and past the devices.
+  std::uint64_t RecvSome(void* data, std::uint64_t length);
 
   /// One datagram, without a limit of time: its length, and who sent it. An empty one is CCloseTCPConnection.
   std::uint64_t ReceiveFrom(void* data, std::uint64_t length, sockaddr_in& address);
@@ -84,6 +86,7 @@ class CSocketIP : public io::INonBlockingIoDev {
   static void WriteStatisticsEvent() noexcept;
 
  private:
+  std::uint64_t ReadOnce(void* data, std::uint64_t length, const char* function);
   void WaitToRead();
   void WaitToWrite();
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <boost/make_shared.hpp>
+#include <cstring>
 #include <utility>
 
 #include "foundation/exc.h"
@@ -79,15 +80,39 @@ bool CXdrSessionReader::WaitForRoom() {
 
 boost::shared_ptr<CXDRReader> CXdrSessionReader::ReceiveRecord() {
   std::uint32_t mark = 0;
-  socket_->Recv(&mark, sizeof(mark), 0);
+  Receive(reinterpret_cast<std::uint8_t*>(&mark), sizeof(mark));
   mark = ntohl(mark);
   if ((mark & LastFragmentBit) == 0)
     throw exc::runtime_exc_t("Partial packet not implemented.");
   const std::size_t size = mark & ~LastFragmentBit;
+  readAhead_ = size <= StagingSize;
   const auto body = boost::make_shared<io::byte_buffer_t>();
   for (std::size_t done = 0; done < size; done = body->size()) {
     body->resize(std::min(size, std::max(done * 2, FirstBodySize)));
-    socket_->Recv(body->data() + done, body->size() - done, 0);
+    Receive(body->data() + done, body->size() - done);
   }
   return boost::make_shared<CXDRReader>(body);
+}
+
+/// Small records arrive many at a time: one receive takes what is there. Behind a large one, which another one is
+/// likely to follow, nothing is read ahead that would have to be copied.
+void CXdrSessionReader::Receive(std::uint8_t* target, std::size_t length) {
+  for (;;) {
+    const std::size_t part = std::min(length, stagingEnd_ - stagingBegin_);
+    if (part != 0)
+      std::memcpy(target, staging_.data() + stagingBegin_, part);
+    stagingBegin_ += part;
+    target += part;
+    length -= part;
+    if (length == 0)
+      return;
+    if (!readAhead_ || length >= StagingSize) {
+      socket_->Recv(target, length, 0);
+      return;
+    }
+    staging_.resize(StagingSize);
+    stagingBegin_ = 0;
+    stagingEnd_ = 0;
+    stagingEnd_ = socket_->RecvSome(staging_.data(), StagingSize);
+  }
 }

@@ -3,7 +3,9 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
+#include <cstdint>
 
+#include "foundation/byte_buffer.h"
 #include "foundation/thread.h"
 #include "rpc/xdr_reader.h"
 #include "transports/sockets/socket_ip.h"
@@ -20,6 +22,8 @@ class CXdrSessionReader {
  public:
   /// Record bodies grow beyond this as their bytes arrive; what a WRITE of a megabyte needs fits at once.
   static constexpr std::size_t FirstBodySize = (1U << 20) + (64U << 10);
+  /// What is read ahead of the next record.
+  static constexpr std::size_t StagingSize = 8U << 10;
 
   /// Starts the thread "TCP XDR Reader". Throws, and logs, when it cannot.
   CXdrSessionReader(boost::shared_ptr<CSocketIP> socket, boost::shared_ptr<xdr_reader_queue_t> queue,
@@ -34,10 +38,18 @@ class CXdrSessionReader {
   void ReceiveRecords();
   bool WaitForRoom();
   boost::shared_ptr<CXDRReader> ReceiveRecord();
+  void Receive(std::uint8_t* target, std::size_t length);
 
   const boost::shared_ptr<CSocketIP> socket_;
   const boost::shared_ptr<xdr_reader_queue_t> queue_;
   const boost::shared_ptr<CXdrBacklog> backlog_;
   const boost::shared_ptr<CXdrSessionStopCtx> stopCtx_;
+
+  // The receive thread's own.
+  io::byte_buffer_t staging_;
+  std::size_t stagingBegin_ = 0;
+  std::size_t stagingEnd_ = 0;
+  bool readAhead_ = true;
+
   boost::shared_ptr<synch::thread_t> thread_;
 };

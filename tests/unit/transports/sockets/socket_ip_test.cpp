@@ -45,6 +45,21 @@ TEST_F(CSocketPairTest, RecvWaitsForAllBytes) {
   EXPECT_EQ(got, "abcdef");
 }
 
+TEST_F(CSocketPairTest, RecvSomeTakesWhatIsThere) {
+  std::string got(10, '\0');
+  client_->Send("abc", 3);
+  EXPECT_EQ(server_->RecvSome(got.data(), got.size()), 3U);
+  EXPECT_EQ(got.substr(0, 3), "abc");
+  std::thread sender([this] { client_->Send("defgh", 5); });
+  EXPECT_EQ(server_->RecvSome(got.data(), 1), 1U);
+  EXPECT_EQ(got[0], 'd');
+  sender.join();
+  client_->Close();
+  EXPECT_EQ(server_->RecvSome(got.data(), got.size()), 4U);
+  EXPECT_THROW(server_->RecvSome(got.data(), got.size()), CCloseTCPConnection);
+  EXPECT_THROW(CSocketIP(true).RecvSome(got.data(), got.size()), exc::runtime_exc_t);
+}
+
 TEST_F(CSocketPairTest, RemoteNameIsThePeersAddressOnceConnected) {
   EXPECT_EQ(CSocketIP(true).RemoteName(), "n/a");
   EXPECT_EQ(client_->RemoteName().rfind("127.0.0.1:", 0), 0U);
