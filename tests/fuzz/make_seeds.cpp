@@ -6,11 +6,13 @@
 #include <string>
 
 #include "fuzz/association_input.h"
+#include "fuzz/mount_agent_input.h"
 #include "management/dcerpc/association.h"
 #include "management/dcerpc/invoker_stubs.h"
 #include "management/dcerpc/wide_text.h"
 #include "programs/ep_mapper_table.h"
 #include "programs/mount_rpc_interface.h"
+#include "remotefs/remotevfs/buffer.h"
 #include "unit/management/dcerpc/fake_security.h"
 #include "vfs/nfs3/nfs_args.h"
 #include "vfs/nfs3/nfs_results.h"
@@ -311,6 +313,65 @@ void WritePrograms() {
         bytes_t{17, 8, 0, 0, 0, 16, 0, 16, 3, 8, 0, 0, 8, 16, 0, 3, 0, 0, 3, 1, 0, 0, 1, 2, 0, 44, 0});
 }
 
+bytes_t AgentNumber(std::uint32_t number) {
+  remotevfs::Buffer buffer;
+  buffer.AppendU32(number);
+  return {buffer.Bytes().begin(), buffer.Bytes().end()};
+}
+
+bytes_t AgentSize(std::uint64_t size) {
+  remotevfs::Buffer buffer;
+  buffer.AppendU64(size);
+  return {buffer.Bytes().begin(), buffer.Bytes().end()};
+}
+
+bytes_t AgentRecord(std::string_view name) {
+  remotevfs::Buffer buffer;
+  buffer.AppendU32(0);
+  buffer.AppendU64(5);
+  buffer.AppendString(name);
+  return {buffer.Bytes().begin(), buffer.Bytes().end()};
+}
+
+bytes_t AgentListing(const std::vector<std::string_view>& names) {
+  bytes_t listing = AgentNumber(static_cast<std::uint32_t>(names.size()));
+  for (const std::string_view name : names)
+    listing = std::move(listing) + AgentRecord(name);
+  return listing;
+}
+
+bytes_t AgentChunk(const bytes_t& bytes, std::uint8_t marks = fuzz::chunk_mark::Framed) {
+  return bytes_t{marks, static_cast<std::uint8_t>(bytes.size()), static_cast<std::uint8_t>(bytes.size() >> 8)} + bytes;
+}
+
+void WriteMountAgents() {
+  namespace chunk = fuzz::chunk_mark;
+  const bytes_t listing{0};
+  const bytes_t session{1};
+  const std::string target = "mount_agent";
+  Write(target, "listing", listing + AgentListing({"disk.img", "notes"}));
+  Write(target, "listing_of_bad_names",
+        listing + AgentListing({"..", "a/b", std::string_view("a\0b", 3), "\xFF", "", "good"}));
+  Write(target, "listing_that_announces_more", listing + AgentNumber(0xFFFFFFFF) + AgentRecord("one"));
+
+  const bytes_t round = AgentChunk(AgentListing({"disk.img", "notes"})) + AgentChunk(AgentListing({"inner"})) +
+                        AgentChunk(AgentNumber(0)) + AgentChunk(AgentSize(5)) + AgentChunk({'h', 'e', 'l', 'l', 'o'}) +
+                        AgentChunk(AgentNumber(100));
+  Write(target, "session", session + round + round + round);
+  Write(target, "session_that_ends",
+        session + round + AgentChunk(AgentListing({"disk.img"}), chunk::Framed | chunk::HangUp));
+  Write(target, "reply_cut",
+        session + AgentChunk(AgentListing({"disk.img"}), chunk::Framed | chunk::Announces | chunk::HangUp));
+  Write(
+      target, "reply_in_pieces",
+      session + AgentChunk(AgentNumber(21) + AgentNumber(0), 0) + AgentChunk(AgentRecord("x"), chunk::Unasked) + round);
+  Write(target, "answers_unasked", session + round + AgentChunk(AgentSize(7), chunk::Framed | chunk::Unasked) + round);
+  Write(target, "read_too_long",
+        session + AgentChunk(AgentListing({})) + AgentChunk(AgentListing({})) + AgentChunk(AgentNumber(0xFFFFFFFF)) +
+            AgentChunk(AgentSize(std::uint64_t{1} << 63)) + AgentChunk(bytes_t(3000, 'x')) +
+            AgentChunk(AgentNumber(0xFFFFFFFB)));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -327,5 +388,6 @@ int main(int argc, char** argv) {
   WriteAddresses();
   WriteRecords();
   WritePrograms();
+  WriteMountAgents();
   return 0;
 }
