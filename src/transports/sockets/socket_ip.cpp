@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <vector>
 
+#include "foundation/byte_buffer.h"
 #include "foundation/exc.h"
 #include "foundation/perf_logger.h"
 #include "platform/clock.h"
@@ -209,28 +211,44 @@ std::uint64_t CSocketIP::Read(void* data, std::uint64_t length) {
   return length;
 }
 
+/// All of the pieces, which are used up on the way. function: the caller's, for the failure's text.
+void CSocketIP::WritePieces(std::span<iovec> pieces, const char* function) {
+  msghdr message = {};
+  message.msg_iov = pieces.data();
+  message.msg_iovlen = pieces.size();
+  // With a limit a send takes only what fits at once, so that no wait hides in it.
+  const int flags = MSG_NOSIGNAL | (TimeoutSec() != 0 ? MSG_DONTWAIT : 0);
+  for (;;) {
+    for (; message.msg_iovlen != 0 && message.msg_iov->iov_len == 0; --message.msg_iovlen)
+      ++message.msg_iov;
+    if (message.msg_iovlen == 0)
+      return;
+    ssize_t sent = Repeat([&] { return ::sendmsg(socket_, &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
+    if (sent < 0 && MustWait()) {
+      WaitToWrite();
+      sent = Repeat([&] { return ::sendmsg(socket_, &message, flags); });
+    }
+    if (sent == 0)
+      throw CCloseTCPConnection();
+    if (sent < 0) {
+      CheckTransferFailure(function);
+      platform::Clock().Sleep(WouldBlockPauseMs);
+    }
+    for (iovec* piece = message.msg_iov; sent > 0; ++piece) {
+      const std::size_t part = std::min(piece->iov_len, static_cast<std::size_t>(sent));
+      piece->iov_base = static_cast<std::uint8_t*>(piece->iov_base) + part;
+      piece->iov_len -= part;
+      sent -= static_cast<ssize_t>(part);
+    }
+  }
+}
+
 std::uint64_t CSocketIP::Write(const void* data, std::uint64_t length) {
   if (!connected_)
     throw exc::runtime_exc_t("Trying to send over not connected socket.");
   CSocketTransferEvent event(perf::event::SocketSend, length, perfEvents_);
-  const auto* const bytes = static_cast<const std::uint8_t*>(data);
-  // With a limit a send takes only what fits at once, so that no wait hides in it.
-  const int flags = MSG_NOSIGNAL | (TimeoutSec() != 0 ? MSG_DONTWAIT : 0);
-  for (std::uint64_t done = 0; done < length;) {
-    ssize_t sent = Repeat([&] { return ::send(socket_, bytes + done, length - done, MSG_NOSIGNAL | MSG_DONTWAIT); });
-    if (sent < 0 && MustWait()) {
-      WaitToWrite();
-      sent = Repeat([&] { return ::send(socket_, bytes + done, length - done, flags); });
-    }
-    if (sent == 0)
-      throw CCloseTCPConnection();
-    if (sent > 0) {
-      done += static_cast<std::uint64_t>(sent);
-    } else {
-      CheckTransferFailure(__PRETTY_FUNCTION__);
-      platform::Clock().Sleep(WouldBlockPauseMs);
-    }
-  }
+  iovec piece = {const_cast<void*>(data), length};
+  WritePieces({&piece, 1}, __PRETTY_FUNCTION__);
   event.SetDone(length);
   return length;
 }
@@ -312,6 +330,29 @@ void CSocketIP::Send(const void* data, std::uint64_t length, std::uint32_t timeo
   const std::uint64_t sent = secondDevice_ != nullptr ? secondDevice_->Write(data, length) : Write(data, length);
   if (sent < length)
     throw exc::runtime_exc_t("CSosketIP::Send has failed.");
+}
+
+void CSocketIP::SendPieces(std::span<const iovec> pieces) {
+  std::uint64_t length = 0;
+  for (const iovec& piece : pieces)
+    length += piece.iov_len;
+  if (secondDevice_ != nullptr) {
+    io::byte_buffer_t whole;
+    whole.reserve(length);
+    for (const iovec& piece : pieces) {
+      const auto* const bytes = static_cast<const std::uint8_t*>(piece.iov_base);
+      whole.insert(whole.end(), bytes, bytes + piece.iov_len);
+    }
+    Send(whole.data(), whole.size());
+    return;
+  }
+  if (!connected_)
+    throw exc::runtime_exc_t("Trying to send over not connected socket.");
+  SetTimeoutSec(0);
+  CSocketTransferEvent event(perf::event::SocketSend, length, perfEvents_);
+  std::vector<iovec> left(pieces.begin(), pieces.end());
+  WritePieces(left, __PRETTY_FUNCTION__);
+  event.SetDone(length);
 }
 
 void CSocketIP::Recv(void* data, std::uint64_t length) {

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/uio.h>
 
 #include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "foundation/io_dev.h"
@@ -50,6 +52,9 @@ class CSocketIP : public io::INonBlockingIoDev {
 
   /// All bytes, through the second device when one is set. timeoutSec: seconds, 0 for no limit.
   void Send(const void* data, std::uint64_t length, std::uint32_t timeoutSec = 0);
+  /// The same for bytes that lie in several places, with one call to the system as long as that takes all. At most
+  /// IOV_MAX pieces, without a limit of time.
+  void SendPieces(std::span<const iovec> pieces);
   void Recv(void* data, std::uint64_t length);
   void Recv(void* data, std::uint64_t length, std::uint32_t timeoutSec);
   /// At least one byte, and as many as have arrived; without a limit of time, and past the devices.
@@ -87,6 +92,7 @@ class CSocketIP : public io::INonBlockingIoDev {
 
  private:
   std::uint64_t ReadOnce(void* data, std::uint64_t length, const char* function);
+  void WritePieces(std::span<iovec> pieces, const char* function);
   void WaitToRead();
   void WaitToWrite();
 

@@ -23,6 +23,7 @@ CXdrSessionWriter::CXdrSessionWriter(boost::shared_ptr<CSocketIP> socket, boost:
       backlog_(std::move(backlog)),
       stopCtx_(std::move(stopCtx)),
       device_(boost::make_shared<CSocketIPDev>(socket_)),
+      batch_(socket_),
       waitSet_(queue_->SharedEvent(), stopCtx_->Event()) {
   try {
     thread_ =
@@ -85,20 +86,25 @@ void CXdrSessionWriter::WaitForReplies() {
 }
 
 void CXdrSessionWriter::SendAll(replies_t& replies) {
-  if (replies.empty())
+  if (replies.size() == 1) {
+    SendAlone(*replies.front());
     return;
-  const std::size_t size = replies.size() == 1 ? io::net::CFastSocketIoDev::SegmentSize : BatchSize;
-  io::net::CFastSocketIoDev device(device_, size);
-  SendTo(device, replies);
-  // Here and not in the device's destructor, which could not tell a failure.
-  device.Flush();
-}
-
-void CXdrSessionWriter::SendTo(io::net::CFastSocketIoDev& device, replies_t& replies) {
+  }
   while (!replies.empty()) {
-    const CXDRWriter& reply = *replies.front();
-    reply.Send(device, true);
-    backlog_->Remove(reply.Used());
+    CXDRWriter& reply = *replies.front();
+    const std::size_t size = reply.Used();
+    batch_.Add(reply);
+    backlog_->Remove(size);
     replies.pop_front();
   }
+  batch_.Flush();
+}
+
+/// The mark and the beginning of the reply share a segment.
+void CXdrSessionWriter::SendAlone(const CXDRWriter& reply) {
+  io::net::CFastSocketIoDev device(device_);
+  reply.Send(device, true);
+  // Here and not in the device's destructor, which could not tell a failure.
+  device.Flush();
+  backlog_->Remove(reply.Used());
 }

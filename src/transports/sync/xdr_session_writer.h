@@ -12,6 +12,7 @@
 #include "transports/sockets/socket_ip.h"
 #include "transports/sockets/socket_ip_dev.h"
 #include "transports/sync/xdr_backlog.h"
+#include "transports/sync/xdr_reply_batch.h"
 #include "transports/sync/xdr_rw_queue.h"
 #include "transports/sync/xdr_session_stop_ctx.h"
 
@@ -35,9 +36,6 @@ class CXdrSendWaitSet {
 /// session reports itself as closed. Made and destroyed by one thread.
 class CXdrSessionWriter {
  public:
-  /// Bytes that leave with one send when there are several replies.
-  static constexpr std::size_t BatchSize = 0x40000;
-
   /// Starts the thread "TCP XDR Writer". Throws, and logs, when it cannot.
   CXdrSessionWriter(boost::shared_ptr<CSocketIP> socket, boost::shared_ptr<xdr_writer_queue_t> queue,
                     boost::shared_ptr<CXdrBacklog> backlog, boost::shared_ptr<CXdrSessionStopCtx> stopCtx);
@@ -53,7 +51,7 @@ class CXdrSessionWriter {
   void SendReplies();
   void WaitForReplies();
   void SendAll(replies_t& replies);
-  void SendTo(io::net::CFastSocketIoDev& device, replies_t& replies);
+  void SendAlone(const CXDRWriter& reply);
 
   const boost::shared_ptr<CSocketIP> socket_;
   const boost::shared_ptr<xdr_writer_queue_t> queue_;
@@ -61,5 +59,6 @@ class CXdrSessionWriter {
   const boost::shared_ptr<CXdrSessionStopCtx> stopCtx_;
   boost::shared_ptr<synch::thread_t> thread_;
   const boost::shared_ptr<CSocketIPDev> device_;
+  CXdrReplyBatch batch_;  ///< The send thread's own.
   const CXdrSendWaitSet waitSet_;
 };

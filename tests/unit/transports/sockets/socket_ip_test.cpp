@@ -45,6 +45,31 @@ TEST_F(CSocketPairTest, RecvWaitsForAllBytes) {
   EXPECT_EQ(got, "abcdef");
 }
 
+TEST_F(CSocketPairTest, PiecesArriveAsOneStreamThroughAFullSocket) {
+  std::vector<std::string> texts;
+  std::string all;
+  for (int i = 0; i < 100; ++i) {
+    texts.emplace_back(static_cast<std::size_t>(i * 1733), static_cast<char>('!' + i % 90));
+    all += texts.back();
+  }
+  std::vector<iovec> pieces;
+  for (std::string& text : texts)
+    pieces.push_back({text.data(), text.size()});
+  std::thread sender([&] { client_->SendPieces(pieces); });
+  std::string got(all.size(), '\0');
+  server_->Recv(got.data(), got.size(), 30);
+  sender.join();
+  EXPECT_TRUE(got == all);
+  // Those who hand them in find them as they were.
+  EXPECT_EQ(pieces[99].iov_len, texts[99].size());
+}
+
+TEST_F(CSocketPairTest, PiecesToNobodyAreAFailure) {
+  char byte = 'x';
+  const iovec piece = {&byte, 1};
+  EXPECT_THROW(CSocketIP(true).SendPieces({&piece, 1}), exc::runtime_exc_t);
+}
+
 TEST_F(CSocketPairTest, RecvSomeTakesWhatIsThere) {
   std::string got(10, '\0');
   client_->Send("abc", 3);

@@ -109,8 +109,36 @@ TEST_F(SessionWriterTest, BatchesAreCutWhereTheyAreFull) {
   queue_->PushList(replies);
   Start();
   ASSERT_TRUE(Eventually([&] { return device_->Sends().size() == 2; }));
-  EXPECT_EQ(device_->Sends()[0].size(), CXdrSessionWriter::BatchSize);
+  EXPECT_EQ(device_->Sends()[0].size(), CXdrReplyBatch::BatchSize);
   EXPECT_TRUE(device_->All() == Record(size, 'a') + Record(size, 'b'));
+}
+
+TEST_F(SessionWriterTest, SmallAndLargePiecesKeepTheirOrderAndLeaveInWholeBatches) {
+  xdr_writer_queue_t::items_t replies;
+  std::string all;
+  std::size_t size = 4;
+  for (int i = 0; i < 60; ++i, size = size * 7 % 70001 / 4 * 4 + 4) {
+    const char fill = static_cast<char>('A' + i);
+    const auto data = boost::make_shared<io::byte_buffer_t>(size, static_cast<std::uint8_t>(fill));
+    const auto reply = boost::make_shared<CXDRWriter>();
+    reply->SharedVarLenData(data, data->size());
+    reply->UInt(0x2B2B2B2B);
+    backlog_->Add(reply->Used());
+    io::byte_buffer_t bytes;
+    reply->Finish(bytes, true);
+    all.append(bytes.begin(), bytes.end());
+    replies.push_back(reply);
+  }
+  ASSERT_GT(all.size(), 2 * CXdrReplyBatch::BatchSize);
+  queue_->PushList(replies);
+  Start();
+  ASSERT_TRUE(Eventually([&] { return device_->All().size() == all.size(); }));
+  EXPECT_TRUE(device_->All() == all);
+  const auto sends = device_->Sends();
+  EXPECT_EQ(sends.size(), all.size() / CXdrReplyBatch::BatchSize + 1);
+  for (std::size_t i = 0; i + 1 < sends.size(); ++i)
+    EXPECT_EQ(sends[i].size(), CXdrReplyBatch::BatchSize);
+  EXPECT_TRUE(Eventually([&] { return backlog_->HasRoom(); }));
 }
 
 TEST_F(SessionWriterTest, BehindTheLastReplyTheConnectionIsClosed) {

@@ -1,0 +1,42 @@
+// Several replies on their way out together.
+#pragma once
+
+#include <sys/uio.h>
+
+#include <boost/shared_ptr.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "rpc/xdr_writer.h"
+#include "transports/sockets/socket_ip.h"
+
+/// Gathers replies and sends them in pieces of exactly BatchSize bytes and a rest, cut without regard to where a reply
+/// ends. Large data goes out from where it lies, small data is put together first. One thread.
+class CXdrReplyBatch {
+ public:
+  /// Bytes that leave with one send.
+  static constexpr std::size_t BatchSize = 0x40000;
+
+  explicit CXdrReplyBatch(boost::shared_ptr<CSocketIP> socket);
+  CXdrReplyBatch(const CXdrReplyBatch&) = delete;
+  CXdrReplyBatch& operator=(const CXdrReplyBatch&) = delete;
+
+  /// Takes the reply out of the writer; sends whatever fills the batch. Throws what the socket throws.
+  void Add(CXDRWriter& reply);
+  /// Sends the rest.
+  void Flush();
+
+ private:
+  void AddPiece(const std::uint8_t* data, std::size_t length);
+  void Put(const std::uint8_t* data, std::size_t length);
+
+  const boost::shared_ptr<CSocketIP> socket_;
+  std::vector<iovec> pieces_;
+  std::size_t fill_ = 0;
+  /// What the pieces point at: the data of large ones, and the bytes of small ones.
+  std::vector<SXdrSegment> held_;
+  std::unique_ptr<std::uint8_t[]> small_;
+  std::size_t smallFill_ = 0;
+};
