@@ -39,7 +39,7 @@ class BackupBootTest : public CWireTest {
 
   /// The disk as clients see it, carried over by a client of its own.
   std::string DiskOfTheExport() {
-    const std::string path = folder_.Path() + "/disk.img";
+    std::string path = folder_.Path() + "/disk.img";
     const SResult result = RunProgram({"nfs-cp", DiskUrl, path});
     EXPECT_EQ(result.exitCode, 0) << result.err << result.out;
     return path;

@@ -41,7 +41,7 @@ class CControl {
   /// The next line that holds the word; empty when none comes.
   std::string LineWith(const std::string& word) {
     while (true) {
-      const std::string line = Line();
+      std::string line = Line();
       if (line.empty() || line.find(word) != std::string::npos)
         return line;
     }
@@ -142,8 +142,8 @@ bool CGuest::WaitFor(const std::string& text, std::chrono::milliseconds limit) {
 }
 
 std::string CGuest::Console() const {
-  static const std::regex Control("\r|\x1b(c|\\[[?0-9;]*[A-Za-z])");
-  return std::regex_replace(ReadFile(consolePath_), Control, "");
+  static const std::regex control("\r|\x1b(c|\\[[?0-9;]*[A-Za-z])");
+  return std::regex_replace(ReadFile(consolePath_), control, "");
 }
 
 std::string CGuest::LastLines(unsigned count) const {
