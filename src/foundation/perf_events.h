@@ -49,7 +49,7 @@ struct io_end_t {
 static_assert(sizeof(io_end_t) == 17);
 
 struct socket_transfer_t {
-  std::uint64_t bytes;        ///< Asked for; of a datagram, those that came or went.
+  std::uint64_t bytes;        ///< Asked for; those that came or went where the call does not insist on all.
   std::uint64_t nanoseconds;  ///< That the call took.
   std::uint8_t success;
 };

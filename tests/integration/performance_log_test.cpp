@@ -159,6 +159,32 @@ TEST_F(PerformanceLogTest, AKillLosesTheBufferAlone) {
   EXPECT_LE(events["READ end"]["count"], 500);
 }
 
+TEST_F(PerformanceLogTest, OfTheSynchronousServerSocketsAndDatagramsAreTold) {
+  WriteFile(service_.Root() + "/file", "0123456789");
+  service_.SetValue("AsyncTcp", "REG_DWORD", "0");
+  service_.Start();
+  {
+    CNfsClient client;
+    bytes_t file;
+    ASSERT_EQ(client.Lookup(client.Mount().value(), "file", &file), 0U);
+    // Its two ends lie on two threads.
+    EXPECT_EQ(client.Read(file, 0, 10).data, "0123456789");
+    const bytes_t arguments = CEncoder().Opaque(file).U64(3).U32(5);
+    const auto reply = CallUdp(2049, CallMessage(1, NfsProgram, 3, Read, arguments));
+    ASSERT_TRUE(reply.has_value());
+    EXPECT_TRUE(reply->IsSuccess());
+  }
+  EXPECT_EQ(service_.Stop(), 0);
+  auto events = ByName(Sums());
+  EXPECT_EQ(events["READ begin"]["count"], 1);
+  EXPECT_EQ(events["READ end"]["count"], 1);
+  EXPECT_EQ(events["READ end"]["bytes"], 5);
+  EXPECT_GE(events["socket accept"]["count"], 2);
+  EXPECT_EQ(events["socket receivefrom"]["failed"], 0);
+  EXPECT_EQ(events["socket sendto"]["count"], events["socket receivefrom"]["count"]);
+  EXPECT_THAT(Perflog({"--csv"}).out, HasSubstr("socket accept,,,,,,remote: 127.0.0.1:"));
+}
+
 TEST_F(PerformanceLogTest, AFileThatCannotBeWrittenStopsNothing) {
   WriteFile(folder_.Path() + "/obstacle", "");
   SetPath(folder_.Path() + "/obstacle/perf.log");

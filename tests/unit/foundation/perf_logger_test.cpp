@@ -371,8 +371,10 @@ TEST_F(PerfLogger, EventsMayComeWhileTheProcessLogStopsAndStarts) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 2; ++i) {
     threads.emplace_back([&] {
-      while (!isOver)
+      while (!isOver) {
         perf::WriteRecord(9, perf::io_end_t{1, 2, 1});
+        std::this_thread::yield();
+      }
     });
   }
   // A small buffer, so that the file tells of what comes while the log runs.
