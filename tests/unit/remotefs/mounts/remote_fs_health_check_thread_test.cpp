@@ -355,6 +355,24 @@ TEST_F(HealthCheck, APassInProgressIsNotInterrupted) {
   EXPECT_EQ(Read(disk), "hello");
 }
 
+TEST_F(HealthCheck, AnyOtherFailureEndsTheThread) {
+  class BrokenClock : public ManualClock {
+   public:
+    void Sleep(std::uint32_t) override { throw exc::runtime_exc_t("The clock is broken."); }
+  };
+  BrokenClock clock;
+  const ScopedClock scopedClock(clock);
+  Start();
+  const CapturedLog log;
+  steps.Do(Steps::Step::Fails);
+  while (!log.Has("The clock is broken."))
+    std::this_thread::yield();
+  EXPECT_EQ(log.Texts("Error").front(), "Fatal error of the backup mounts health check thread.");
+  check->Stop();
+  EXPECT_TRUE(log.Has("Health check thread is stopped."));
+  EXPECT_FALSE(log.Has("Backup mounts health check thread was stopped."));
+}
+
 TEST_F(HealthCheck, AThreadThatDoesNotEndIsLeftBehind) {
   ManualClock clock;
   const ScopedClock scopedClock(clock);
