@@ -136,7 +136,11 @@ CGuest::CGuest(const std::string& url, const SGuestOptions& options)
 CGuest::~CGuest() = default;
 
 bool CGuest::WaitFor(const std::string& text, std::chrono::milliseconds limit) {
-  const auto shown = [&] { return Console().find(text) != std::string::npos; };
+  const auto shown = [&] {
+    const std::string console = Console();
+    // To the end of its line, for what comes behind the text is looked at, too.
+    return console.find('\n', console.find(text)) != std::string::npos;
+  };
   WaitUntil([&] { return shown() || !IsRunning(); }, limit);
   return shown();
 }

@@ -53,7 +53,7 @@ class CGuest {
   CGuest& operator=(const CGuest&) = delete;
   ~CGuest();
 
-  /// Waits until the console shows the text. False when the machine ended without it or the limit passed.
+  /// Waits until the console shows a line with the text. False when the machine ended without it or the limit passed.
   bool WaitFor(const std::string& text, std::chrono::milliseconds limit = 120s);
   /// The exit code of the emulator, 0 after the guest powered off; nothing when the limit passed.
   std::optional<int> WaitForExit(std::chrono::milliseconds limit = 120s) { return process_->WaitForExit(limit); }
@@ -64,8 +64,8 @@ class CGuest {
   /// The last lines of it, for the message of a failure.
   std::string LastLines(unsigned count = 25) const;
 
-  /// The state that the emulator tells: "running", "io-error", "paused", …; empty when it does not answer within seconds,
-  /// as while it waits for the calls of a machine that it halts.
+  /// The state that the emulator tells: "running", "io-error", "paused", …; empty when it does not answer within
+  /// seconds, as while it waits for the calls of a machine that it halts.
   std::string Status();
   /// Lets a machine go on that was halted by an error.
   void Continue();
