@@ -84,8 +84,9 @@ int CClientSession::Run() noexcept {
   }
 }
 
+/// As if the peer had closed it: a forced stop would read as a failure of the send thread.
 void CClientSession::End() noexcept {
-  stopCtx_->ForceStop();
+  stopCtx_->ReportClosed();
   args_.socket->Abort();
 }
 

@@ -178,7 +178,8 @@ TEST_F(SessionTest, AnOwnerThatEndsItWaitsForNoCall) {
   session_.lock()->End();
   EXPECT_EQ(Result(), 0);
   EXPECT_EQ(client.Reply(), std::nullopt);
-  EXPECT_TRUE(Logged(log_, "Protocol server thread is finished."));
+  EXPECT_TRUE(Logged(log_, "Connection closed : protocol server thread is finished."));
+  EXPECT_TRUE(log_.Texts("Error").empty());
   program_->End(1);
 }
 
