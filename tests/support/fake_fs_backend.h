@@ -32,6 +32,7 @@ inline sockaddr_in Client(const char* address) {
 struct SFakeNode {
   bool isFolder = false;
   bool isDeleted = false;
+  bool isMute = false;  ///< Questions about it throw, as while its mount is withdrawn.
   std::string allowedHostAddr;
   std::set<std::uint32_t> refused;  ///< Clients that may not touch it, as in sin_addr.
   std::string content;
@@ -91,6 +92,7 @@ class CFakeItem : public Base {
 
   void GetItemSpec(SFsItemSpec& spec) override {
     const auto lock = Lock();
+    CheckNotMute();
     if (!node_->isFolder)
       ++backend_->specQuestions;
     spec = SFsItemSpec{};
@@ -138,6 +140,7 @@ class CFakeItem : public Base {
   }
   bool IsAddressAllowed(const sockaddr_in& address) override {
     const auto lock = Lock();
+    CheckNotMute();
     return !node_->refused.contains(address.sin_addr.s_addr);
   }
   std::string GetAllowedHostAddr() override {
@@ -147,6 +150,10 @@ class CFakeItem : public Base {
 
  protected:
   std::unique_lock<std::mutex> Lock() const { return std::unique_lock<std::mutex>(backend_->mutex); }
+  void CheckNotMute() const {
+    if (node_->isMute)
+      throw exc::runtime_exc_t("Procedure is cancelled.");
+  }
   void CheckThere() const {
     if (node_->isDeleted)
       throw exc::win_sys_exc_t("The entry has gone.", platform::error::FileNotFound);

@@ -62,7 +62,13 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
     prepared.reserve(end - begin);
     for (std::size_t i = begin; i < end; ++i) {
       prepared.push_back(SPrepared{items[i].name, items[i].item, {}});
-      items[i].item->GetItemSpec(prepared.back().spec);
+      try {
+        items[i].item->GetItemSpec(prepared.back().spec);
+      } catch (const std::exception& failure) {
+        // Its mount is being withdrawn; that is no failure of the others.
+        g_nfs_log.Warning(exc::FormatText("Item [%1] does not answer and is left out.", items[i].name), failure);
+        items[i].item.reset();
+      }
     }
 
     changes_t changes;
@@ -71,11 +77,12 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
       const lock_t lock(mutex_);
       CRegConfigUpdateSink::CBatch batch(*updateSink_);
       for (std::size_t i = begin; i < end; ++i) {
-        items[i].fid = AddPrepared(parentFid, prepared[i - begin], found_t::Keep, changes, removed);
+        if (items[i].item)
+          items[i].fid = AddPrepared(parentFid, prepared[i - begin], found_t::Keep, changes, removed);
       }
       batch.Commit();
       for (std::size_t i = begin; i < end; ++i) {
-        const rec_ptr rec = FindRec(items[i].fid);
+        const rec_ptr rec = items[i].item ? FindRec(items[i].fid) : nullptr;
         items[i].item = rec ? rec->Item() : nullptr;
       }
     }

@@ -199,13 +199,22 @@ boost::shared_ptr<CNfsWholeListing> FindKept(CFsItemsTab& itemsTab, std::uint64_
   return kept;
 }
 
+/// An item whose mount is being withdrawn answers nothing any more, and does not hide the others.
+bool IsVisible(IFsItem& item, const sockaddr_in& client) {
+  try {
+    return item.IsAddressAllowed(client);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 boost::shared_ptr<CNfsFolderDirPlusCache> FilterListing(const boost::shared_ptr<CNfsWholeListing>& listing,
                                                         const sockaddr_in& client) {
   const auto& entries = listing->GetEntries();
   std::vector<bool> isHidden(entries.size());
   std::size_t hidden = 0;
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    isHidden[i] = !listing->Items()[i]->IsAddressAllowed(client);
+    isHidden[i] = !IsVisible(*listing->Items()[i], client);
     hidden += isHidden[i] ? 1 : 0;
   }
   if (hidden == 0)

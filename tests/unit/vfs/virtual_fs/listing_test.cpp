@@ -309,5 +309,22 @@ TEST_F(Listing, ALargeFolderListsInSeconds) {
   EXPECT_LT(seconds(second - begin), 100.0);
 }
 
+TEST_F(Listing, AnItemThatAnswersNothingDoesNotHideTheOthers) {
+  const auto mute = [this](const std::string& name, bool isMute) {
+    const std::lock_guard<std::mutex> lock(backend->mutex);
+    backend->root->children[name]->isMute = isMute;
+  };
+  const auto fake = Fill(3);
+  mute("n1001", true);
+  EXPECT_EQ(List(fake), (std::vector<std::string>{"n1000", "n1002"}));
+  mute("n1001", false);
+  EXPECT_EQ(List(fake).size(), 3U);
+  // Also when it has been seen before.
+  mute("n1000", true);
+  EXPECT_EQ(List(fake), (std::vector<std::string>{"n1001", "n1002"}));
+  mute("n1000", false);
+  EXPECT_EQ(List(fake).size(), 3U);
+}
+
 }  // namespace
 }  // namespace test
