@@ -16,6 +16,9 @@ using platform::message_pipe_t;
 
 constexpr std::size_t LeastReplyCapacity = 1024;
 constexpr std::size_t ChunkSize = 1024;
+/// The time for a whole remainder, in times for a piece of it: an agent that sends a little again and again would keep
+/// its callers for days.
+constexpr std::uint64_t RemainderTimes = 8;
 constexpr const char* TransferFailure = "Failed to exchange messages with the restore agent.";
 
 }  // namespace
@@ -82,7 +85,8 @@ bool PipeHandler::ReceiveFirst(const Buffer& request, Buffer& reply, std::uint32
 
 /// Fills the chunk or comes to the message's end. A message goes on at any time with what is there; only for what is
 /// not there yet is there a time: an agent that stops in the middle of a message is silent, too.
-platform::error_t PipeHandler::ReadChunk(std::span<std::uint8_t> chunk, std::size_t& count, std::uint32_t timeoutMs) {
+platform::error_t PipeHandler::ReadChunk(std::span<std::uint8_t> chunk, std::size_t& count,
+                                         const platform::deadline_t& deadline) {
   platform::error_t result = pipe_->Read(chunk, count, {deadline_t::After(0), {}});
   if (result == error::BrokenPipe) {
     g_nfs_log.Info("NFS input pipe is broken ( probably NFS server was restarted or closed).");
@@ -92,7 +96,7 @@ platform::error_t PipeHandler::ReadChunk(std::span<std::uint8_t> chunk, std::siz
     return result;
   const std::array<int, 2> cancels{stopEvent_->PollDescriptor(), abandonEvent_->PollDescriptor()};
   std::size_t later = 0;
-  result = pipe_->Read(chunk.subspan(count), later, {deadline_t::After(timeoutMs), cancels});
+  result = pipe_->Read(chunk.subspan(count), later, {deadline, cancels});
   count += later;
   if (result == error::BrokenPipe)
     g_nfs_log.Info("NFS input pipe is broken (probably NFS server was restarted or closed).");
@@ -105,9 +109,12 @@ bool PipeHandler::Read(Buffer& out, std::size_t limit, std::uint32_t timeoutMs) 
   logging::log_scope_t scope(g_nfs_log, Function);
   out.Clear();
   Buffer chunk(ChunkSize);
+  const deadline_t whole = deadline_t::After(RemainderTimes * timeoutMs);
   for (;;) {
     std::size_t count = 0;
-    const platform::error_t result = ReadChunk(chunk.Room(), count, timeoutMs);
+    const deadline_t piece = deadline_t::After(timeoutMs);
+    const platform::error_t result =
+        ReadChunk(chunk.Room(), count, piece.monotonicNs < whole.monotonicNs ? piece : whole);
     if (result != error::Success && result != error::MoreData) {
       if (result != error::BrokenPipe && result != error::WaitTimeout && result != error::OperationAborted)
         throw exc::win_sys_exc_t(TransferFailure, result);

@@ -33,15 +33,15 @@ class PipeHandler {
 
   /// Sends the request and receives its reply whole, however long: the reply's buffer grows beyond its capacity, which
   /// is made 1,024 bytes when it is 0. False when the reply did not come within the time: for want of an answer, for an
-  /// event, or because the agent has gone, of which a caller learns no sooner than of an agent that is silent. A reply
-  /// beyond the largest size, and something unasked that lies in the pipe, are no answer either. win_sys_exc_t for
-  /// every other failure.
+  /// event, or because the agent has gone, of which a caller learns no sooner than of an agent that is silent. What
+  /// does not fit the buffer has some more time, as long as it keeps coming. A reply beyond the largest size, and
+  /// something unasked that lies in the pipe, are no answer either. win_sys_exc_t for every other failure.
   bool Transact(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs);
 
  private:
   bool ReceiveFirst(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs, bool& moreData);
   bool Read(Buffer& out, std::size_t limit, std::uint32_t timeoutMs);
-  platform::error_t ReadChunk(std::span<std::uint8_t> chunk, std::size_t& count, std::uint32_t timeoutMs);
+  platform::error_t ReadChunk(std::span<std::uint8_t> chunk, std::size_t& count, const platform::deadline_t& deadline);
 
   std::mutex lock_;  // Held for the length of a transaction.
   const boost::shared_ptr<platform::message_pipe_t> pipe_;

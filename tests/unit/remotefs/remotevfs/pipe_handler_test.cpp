@@ -196,6 +196,20 @@ TEST_F(PipeHandlerTest, TheLargestReplyIsTaken) {
   agent.join();
 }
 
+TEST_F(PipeHandlerTest, AReplyThatComesALittleAtATimeIsNotWaitedForToItsEnd) {
+  std::thread agent([&] {
+    AnswerRaw(WireNumber<std::uint32_t>(Largest) + Bytes(2048));
+    // Each in time; until the handler's end goes.
+    const Bytes piece(16);
+    while (::send(agent_->Descriptor(), piece.data(), piece.size(), MSG_NOSIGNAL) > 0)
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+  });
+  Buffer reply;
+  EXPECT_FALSE(handler_->Transact(request_, reply, Short));
+  handler_.reset();
+  agent.join();
+}
+
 TEST_F(PipeHandlerTest, AReplyWithoutAnEndIsNotTaken) {
   std::thread agent([&] {
     AnswerRaw(WireNumber<std::uint32_t>(0xFFFFFFFF));
