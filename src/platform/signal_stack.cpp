@@ -2,7 +2,6 @@
 
 #include <sys/mman.h>
 
-#include <csignal>
 #include <cstddef>
 
 namespace platform {
@@ -23,7 +22,7 @@ signal_stack_t::signal_stack_t() noexcept {
   stack_t stack{};
   stack.ss_sp = static_cast<char*>(place) + GuardSize;
   stack.ss_size = Size;
-  if (::mprotect(stack.ss_sp, Size, PROT_READ | PROT_WRITE) == 0 && ::sigaltstack(&stack, nullptr) == 0) {
+  if (::mprotect(stack.ss_sp, Size, PROT_READ | PROT_WRITE) == 0 && ::sigaltstack(&stack, &old_) == 0) {
     place_ = place;
   } else {
     ::munmap(place, GuardSize + Size);
@@ -33,10 +32,8 @@ signal_stack_t::signal_stack_t() noexcept {
 signal_stack_t::~signal_stack_t() {
   if (place_ == nullptr)
     return;
-  stack_t none{};
-  none.ss_flags = SS_DISABLE;
   // A handler that still runs on it keeps it.
-  if (::sigaltstack(&none, nullptr) == 0)
+  if (::sigaltstack(&old_, nullptr) == 0)
     ::munmap(place_, GuardSize + Size);
 }
 

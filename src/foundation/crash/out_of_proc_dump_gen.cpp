@@ -88,11 +88,19 @@ bool COutOfProcDumpGen::Generate(const exception_pointers_t& crash, const dump_p
   AddThreadNotes(crash.threadId, notes);
   info_.notes = reinterpret_cast<std::uintptr_t>(notesPlace);
   info_.notesSize = notes.View().size();
+  // The system may let nobody read the process, or only its parents. What the kernel itself leaves of it afterwards
+  // is as private as it was.
+  const int dumpable = ::prctl(PR_GET_DUMPABLE, 0, 0, 0, 0);
+  ::prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);
+  ::prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
   pid_t child = -1;
-  if (!Start(place, crash.threadId, child, failure) || !WaitFor(child, failure))
-    return false;
-  scope.Success();
-  return true;
+  const bool isWritten = Start(place, crash.threadId, child, failure) && WaitFor(child, failure);
+  ::prctl(PR_SET_PTRACER, 0, 0, 0, 0);
+  if (dumpable != 1)
+    ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+  if (isWritten)
+    scope.Success();
+  return isWritten;
 }
 
 /// Shares memory with the crashed thread, which waits for it: nothing here but system calls.
@@ -129,9 +137,6 @@ bool COutOfProcDumpGen::Start(const dump_place_t& place, std::uint32_t threadId,
   for (std::size_t i = 0; i < std::size(texts); ++i)
     start.arguments[i] = const_cast<char*>(texts[i]);
 
-  // The system may let nobody read the process, or only its parents.
-  ::prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);
-  ::prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
   // Who ignores it is not told how a child has ended.
   ::signal(SIGCHLD, SIG_DFL);
   sigset_t all;
