@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "foundation/perf_logger.h"
 #include "fuzz/association_input.h"
 #include "fuzz/mount_agent_input.h"
 #include "management/dcerpc/association.h"
@@ -313,6 +314,24 @@ void WritePrograms() {
         bytes_t{17, 8, 0, 0, 0, 16, 0, 16, 3, 8, 0, 0, 8, 16, 0, 3, 0, 0, 3, 1, 0, 0, 1, 2, 0, 44, 0});
 }
 
+void WritePerfLog() {
+  namespace event = perf::event;
+  const std::filesystem::path path = g_folder / "perf_log" / "service";
+  std::filesystem::remove(path);
+  perf::CPerfLogger log(path.string(), 4096);
+  const auto write = [&log](std::uint32_t type, const auto& record) { log.WriteEvent(type, sizeof(record), &record); };
+  const perf::CPerfEventArg remote(std::string_view("remote: 127.0.0.1:111"));
+  log.WriteEvent(event::SocketConnect, {&remote});
+  write(event::SocketSend, perf::socket_transfer_t{60, 40000, 1});
+  write(event::ReadBegin, perf::io_begin_t{7, 65536, 4096});
+  write(event::ReadEnd, perf::io_end_t{7, 65536, 1});
+  write(event::WriteBegin, perf::io_begin_t{7, 0, 512});
+  write(event::WriteEnd, perf::io_end_t{7, 0, 0});
+  write(event::ThreadBusy, perf::thread_busy_t{1000000000, 250});
+  write(event::SocketTotals, perf::socket_totals_t{12, 3456});
+  log.WriteEvent(4000, {&remote});
+}
+
 bytes_t AgentNumber(std::uint32_t number) {
   remotevfs::Buffer buffer;
   buffer.AppendU32(number);
@@ -389,5 +408,6 @@ int main(int argc, char** argv) {
   WriteRecords();
   WritePrograms();
   WriteMountAgents();
+  WritePerfLog();
   return 0;
 }

@@ -149,18 +149,22 @@ class CPlot::CPanel {
     return text + "</g>\n" + labels + Label(Width - Right, bottom + 34, "end", "seconds since the first event");
   }
 
+  static std::size_t PlaceOf(int column, int row) {
+    return static_cast<std::size_t>(column) * Rows + static_cast<std::size_t>(row);
+  }
+
   /// A rectangle wherever operations lie, the darker the more there are.
   std::string Cells(const char* color) const {
     std::vector<std::uint64_t> counts(static_cast<std::size_t>(Columns) * Rows);
     std::uint64_t most = 1;
     for (const SPoint& point : points_) {
       const int row = std::clamp(static_cast<int>(Height(NsOf(point)) * Rows), 0, Rows - 1);
-      most = std::max(most, ++counts[static_cast<std::size_t>(ColumnOf(point) * Rows + row)]);
+      most = std::max(most, ++counts[PlaceOf(ColumnOf(point), row)]);
     }
     std::string text = exc::FormatText("<g fill=\"%1\">\n", color);
     for (int column = 0; column < Columns; ++column) {
       for (int row = 0; row < Rows; ++row) {
-        const std::uint64_t count = counts[static_cast<std::size_t>(column * Rows + row)];
+        const std::uint64_t count = counts[PlaceOf(column, row)];
         if (count == 0)
           continue;
         const double opacity =
