@@ -144,6 +144,11 @@ void StopLog() noexcept {
     log->Close();
 }
 
+void FlushLog() noexcept {
+  if (CPerfLogger* const log = impl::processLog.load(std::memory_order_acquire))
+    log->Flush();
+}
+
 void WriteEvent(std::uint32_t eventType, std::uint32_t size, const void* data) noexcept {
   if (CPerfLogger* const log = impl::processLog.load(std::memory_order_acquire))
     log->WriteEvent(eventType, size, data);

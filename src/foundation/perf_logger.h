@@ -67,6 +67,8 @@ inline bool IsOn() noexcept {
 void StartLog(const std::string& path, std::size_t bufferSize);
 /// Writes what is left and ends the log; events that still come are dropped. Any number of times.
 void StopLog() noexcept;
+/// Writes what the process's log holds, if there is one. Any thread.
+void FlushLog() noexcept;
 
 /// Adds an event to the process's log; dropped when there is none.
 void WriteEvent(std::uint32_t eventType, std::uint32_t size, const void* data) noexcept;

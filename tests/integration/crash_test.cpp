@@ -192,6 +192,19 @@ TEST_F(CCrashTest, DumpsAreForTheirOwnerAlone) {
   EXPECT_EQ(std::filesystem::status(DumpPath(1)).permissions(), perms::owner_read | perms::owner_write);
 }
 
+TEST_F(CCrashTest, ThePerformanceLogKeepsWhatWentBefore) {
+  const std::string path = service_.Root() + "/perf.log";
+  service_.SetValue("PerfLogPath", "REG_SZ", path);
+  Start();
+  ASSERT_TRUE(CNfsClient().Mount().has_value());
+  EXPECT_FALSE(std::filesystem::exists(path));
+  SendSignal(SIGSEGV, NfsThread);
+  ExpectEnd(SIGSEGV);
+  ASSERT_TRUE(std::filesystem::exists(path));
+  EXPECT_GT(std::filesystem::file_size(path), 0U);
+  EXPECT_THAT(CrashLines().back(), HasSubstr("Crash handlers were successfully executed."));
+}
+
 TEST_F(CCrashTest, TheNextStartServesTheSameHandles) {
   Start();
   const bytes_t root = CNfsClient().Mount().value();
