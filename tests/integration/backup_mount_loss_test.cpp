@@ -27,6 +27,10 @@ class BackupMountLossTest : public CBackupTest {
 };
 KELVO_WIRE_SUITE(BackupMountLossTest);
 
+/// What is the same in both servers runs in one.
+class BackupMountLastingLossTest : public BackupMountLossTest {};
+INSTANTIATE_TEST_SUITE_P(Server, BackupMountLastingLossTest, testing::Values(test::AsyncServer), test::ServerName);
+
 TEST_P(BackupMountLossTest, AgentsThatDieAndComeBackKeepTheHandlesOfTheirFiles) {
   const CBackupFolder same{{"disk.img", "same disk"}, {"swap.img", "same swap"}};
   const CBackupFolder fewer{{"disk.img", "fewer disk"}, {"swap.img", "fewer swap"}};
@@ -120,7 +124,7 @@ TEST_P(BackupMountLossTest, BothKilledAndTheAgentAbsentAtTheStart) {
   EXPECT_EQ(HandleOf("disk.img", folder), disk);
 }
 
-TEST_P(BackupMountLossTest, AMountThatStaysLostIsToldOfOnceAndCanBeWithdrawn) {
+TEST_P(BackupMountLastingLossTest, AMountThatStaysLostIsToldOfOnceAndCanBeWithdrawn) {
   const CBackupFolder backup{{"disk.img", "disk"}};
   CMountAgent agent(service_, "vm1", backup.Path());
   ASSERT_NO_FATAL_FAILURE(agent.Start());
