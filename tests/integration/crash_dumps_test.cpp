@@ -164,6 +164,15 @@ TEST_P(CDumpTest, TheLastNumberIsNotPassed) {
                                                   : ">>  |All dump identifiers are reserved."));
 }
 
+TEST_P(CDumpTest, TheRestOfAnotherIsWrittenOver) {
+  Start();
+  WriteFile(DumpPath(1) + ".part", std::string(1 << 20, 'x'));
+  Crash();
+  EXPECT_FALSE(fs::exists(DumpPath(1) + ".part"));
+  EXPECT_THAT(ReadFile(DumpPath(1)), Not(HasSubstr("xxxxxxxxxxxxxxxx")));
+  EXPECT_THAT(Debug(DumpPath(1), {"bt"}), HasSubstr("impl::CRequestQueue::"));
+}
+
 TEST_P(CDumpTest, AFullDiskLeavesNoHalfDump) {
   const CTempFolder disk;
   ASSERT_EQ(mount("none", disk.Path().c_str(), "tmpfs", 0, "size=200k"), 0);
@@ -173,6 +182,7 @@ TEST_P(CDumpTest, AFullDiskLeavesNoHalfDump) {
   Crash();
   const std::vector<std::string> lines = LinesFrom(ReadFile(disk.Path() + "/Svc.KelvoNFS.log"), "Trying to generate");
   EXPECT_FALSE(fs::exists(disk.Path() + "/NFS_crash_1.mdmp"));
+  EXPECT_FALSE(fs::exists(disk.Path() + "/NFS_crash_1.mdmp.part"));
   if (IsRecorder()) {
     EXPECT_THAT(lines, Contains(">>  |Dump generator process failed with 107: cannot write dump content"));
   } else {

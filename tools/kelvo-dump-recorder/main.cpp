@@ -1,6 +1,5 @@
 // Writes a minidump of a crashed process, which starts this program and waits for it. Reads the process from outside,
 // so that whatever the crash has damaged in there cannot stop the dump.
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 
 #include "foundation/dump/dump_folder.h"
 #include "foundation/dump/minidump_writer.h"
+#include "foundation/dump/new_dump.h"
 #include "foundation/dump/recorder_protocol.h"
 #include "foundation/dump/small_file.h"
 #include "traced_threads.h"
@@ -109,22 +109,19 @@ exit_code_t Record(const arguments_t& arguments, crash::failure_t& failure) {
   const exit_code_t found = FindPath(arguments, path, failure);
   if (found != exit_code_t::Success)
     return found;
-  const int file = ::open(path.CStr(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (file < 0) {
+  crash::new_dump_t dump(path.CStr());
+  if (!dump.Create()) {
     failure.AddSystem("Cannot create a blank minidump file. File path: [%1].", {path.View()}, errno);
     return exit_code_t::NoFile;
   }
   CTracedThreads threads(process, arena);
-  bool isWritten = threads.Collect(content.exception);
+  const bool isCollected = threads.Collect(content.exception);
   content.threads = threads.Threads();
   content.threadCount = threads.Count();
-  isWritten = isWritten && crash::WriteMinidump(file, process, content, arena, failure);
-  isWritten = ::close(file) == 0 && isWritten;
-  if (isWritten)
-    return exit_code_t::Success;
-  // What cannot be opened helps nobody, and would count.
-  ::unlink(path.CStr());
-  return exit_code_t::NoContent;
+  if (!isCollected || !crash::WriteMinidump(dump.Descriptor(), process, content, arena, failure) ||
+      !dump.Finish(failure))
+    return exit_code_t::NoContent;
+  return exit_code_t::Success;
 }
 
 exit_code_t Run(int count, char** texts) {

@@ -9,6 +9,7 @@
 #include "foundation/crash/parked_threads.h"
 #include "foundation/crash/thread_notes.h"
 #include "foundation/dump/minidump_writer.h"
+#include "foundation/dump/new_dump.h"
 #include "foundation/dump/recorder_protocol.h"
 #include "foundation/exc.h"
 
@@ -49,8 +50,8 @@ bool minidump_gen_t::Generate(const exception_pointers_t& crash, const dump_plac
 }
 
 bool minidump_gen_t::Write(const exception_pointers_t& crash, const char* path, failure_t& failure) noexcept {
-  const int file = ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (file < 0) {
+  new_dump_t dump(path);
+  if (!dump.Create()) {
     failure.AddSystem("Cannot create a blank minidump file. File path: [%1].", {path}, errno);
     return false;
   }
@@ -69,13 +70,10 @@ bool minidump_gen_t::Write(const exception_pointers_t& crash, const char* path, 
     isWritten = threads.Collect(content.exception) && process.Open(failure);
     content.threads = threads.Threads();
     content.threadCount = threads.Count();
-    isWritten = isWritten && WriteMinidump(file, process, content, arena_, failure);
+    isWritten = isWritten && WriteMinidump(dump.Descriptor(), process, content, arena_, failure);
   }
-  isWritten = ::close(file) == 0 && isWritten;
-  if (isWritten)
+  if (isWritten && dump.Finish(failure))
     return true;
-  // What cannot be opened helps nobody, and would count.
-  ::unlink(path);
   failure.Add("MiniDumpWriteDump() function call has failed.");
   return false;
 }
