@@ -108,6 +108,9 @@ void CRemoteFsMounter::Resume(const mounts_cfg_t& mountsCfg) {
 }
 
 void CRemoteFsMounter::Mount(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg) {
+  // The catalogue would take its items for the host's.
+  if (mountUid.IsNil())
+    throw exc::runtime_exc_t("A backup mount cannot have the ID [%1].", platform::GuidToText(mountUid));
   const CChange change(*this, mountUid);
   LogMount(mountUid, *cfg);
   const auto connector = MakeConnector(cfg);
@@ -130,8 +133,7 @@ void CRemoteFsMounter::Publish(const GUID& mountUid, const boost::shared_ptr<CRe
     const std::uint64_t fid = FindMountFolder(cfg);
     if (replaced.second) {
       // What came through the connector before would wait for it for ever.
-      RemoveItems(mountUid, *replaced.first);
-      replaced.second->Stop();
+      Withdraw(mountUid, replaced);
     }
     itemsTab_->MountMirroredFolder(fid, mountUid, boost::make_shared<CRemoteFsFolder>(connector, "", mountUid));
   } catch (const std::exception& failure) {
@@ -148,6 +150,10 @@ void CRemoteFsMounter::Dismount(const GUID& mountUid) {
     g_nfs_log.Warning("Mount configuration \"%1\" was not found.", platform::GuidToText(mountUid));
     return;
   }
+  Withdraw(mountUid, mount);
+}
+
+void CRemoteFsMounter::Withdraw(const GUID& mountUid, const mount_t& mount) {
   RemoveItems(mountUid, *mount.first);
   {
     const std::lock_guard lock(lock_);

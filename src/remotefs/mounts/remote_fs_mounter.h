@@ -68,6 +68,7 @@ class CRemoteFsMounter {
   mount_t FindMount(const GUID& mountUid) const;
   void PutMount(const GUID& mountUid, const mount_t& mount);
   std::uint64_t FindRootFid(const GUID& mountUid) const;
+  void Withdraw(const GUID& mountUid, const mount_t& mount);
   void RemoveItems(const GUID& mountUid, const CBackupMountCfg& cfg);
   bool ReconnectItem(std::uint64_t fid, const GUID& mountUid);
   void LogReconnected(std::string_view pattern, std::uint64_t fid) const;

@@ -21,23 +21,23 @@ CFsItemsTab::~CFsItemsTab() = default;
 
 std::uint64_t CFsItemsTab::AddItem(std::uint64_t parentFid, const std::string& name,
                                    const boost::shared_ptr<IFsItem>& item) {
-  return AddOne(parentFid, name, item, found_t::Replace);
+  return AddOne(parentFid, name, item, nullptr, found_t::Replace);
 }
 
 std::uint64_t CFsItemsTab::AddFoundItem(std::uint64_t parentFid, const std::string& name,
-                                        const boost::shared_ptr<IFsItem>& item) {
-  return AddOne(parentFid, name, item, found_t::Keep);
+                                        const boost::shared_ptr<IFsItem>& item, const IFsFolder* from) {
+  return AddOne(parentFid, name, item, from, found_t::Keep);
 }
 
 std::uint64_t CFsItemsTab::AddOne(std::uint64_t parentFid, const std::string& name,
-                                  const boost::shared_ptr<IFsItem>& item, found_t found) {
+                                  const boost::shared_ptr<IFsItem>& item, const IFsFolder* from, found_t found) {
   if (name == ".")
     return parentFid;
   if (name == "..") {
     const lock_t lock(mutex_);
     return GetRec(parentFid)->parentFid;
   }
-  SPrepared prepared{name, item, {}};
+  SPrepared prepared{name, item, from, {}};
   item->GetItemSpec(prepared.spec);
 
   changes_t changes;
@@ -52,7 +52,7 @@ std::uint64_t CFsItemsTab::AddOne(std::uint64_t parentFid, const std::string& na
   return fid;
 }
 
-void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& items) {
+void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& items, const IFsFolder* from) {
   // Long enough that a transaction's cost is spread thin, short enough that nobody notices the lock.
   constexpr std::size_t MaxTransaction = 256;
 
@@ -61,7 +61,7 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
     std::vector<SPrepared> prepared;
     prepared.reserve(end - begin);
     for (std::size_t i = begin; i < end; ++i) {
-      prepared.push_back(SPrepared{items[i].name, items[i].item, {}});
+      prepared.push_back(SPrepared{items[i].name, items[i].item, from, {}});
       try {
         items[i].item->GetItemSpec(prepared.back().spec);
       } catch (const std::exception& failure) {
@@ -92,11 +92,19 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
   }
 }
 
+/// Not for what was opened just before its mount was withdrawn or replaced: it would be there for ever, with nobody
+/// behind it.
+bool CFsItemsTab::IsBacked(const CNfsItemRec& parent, const SPrepared& prepared) {
+  if (!prepared.spec.isRfsItem)
+    return true;
+  const auto backing = parent.ItemForMount(prepared.spec.mountUid);
+  return backing && (prepared.from == nullptr || backing.get() == prepared.from);
+}
+
 std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, found_t found,
                                        changes_t& changes, changes_t& removed) {
   const rec_ptr parent = GetRec(parentFid);
-  // Opened just before its mount was withdrawn: it would be there for ever, with nobody behind it.
-  if (prepared.spec.isRfsItem && !parent->ItemForMount(prepared.spec.mountUid))
+  if (!IsBacked(*parent, prepared))
     return InvalidFid;
   const auto entry = listing_.find(SListingKeyView{parentFid, prepared.name});
   const bool wasFound = entry != listing_.end();

@@ -76,11 +76,13 @@ class CFsItemsTab {
   std::uint64_t AddItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item);
   /// AddItem for an item that was looked for because the name was not there: a name that has come meanwhile keeps its
   /// item too, which is the younger one. It may have been moved here while the other was opened.
-  std::uint64_t AddFoundItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item);
+  /// from: the folder's backing that opened it, when that must still be one.
+  std::uint64_t AddFoundItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item,
+                             const IFsFolder* from = nullptr);
   /// AddFoundItem for many items of one folder: fills their FIDs and replaces items that were there already by
   /// those that the table keeps; what is not added has neither. The registry is written in few transactions, and the
   /// lock is given up between them, so that other calls go on while a large folder comes in.
-  void AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& items);
+  void AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& items, const IFsFolder* from = nullptr);
   /// Brings an item back under its stored FID; writes nothing to the registry. mountUid: the mount that backs it, nil
   /// for the host.
   void ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,
@@ -180,6 +182,7 @@ class CFsItemsTab {
   struct SPrepared {
     const std::string& name;
     const boost::shared_ptr<IFsItem>& item;
+    const IFsFolder* from;  ///< As AddFoundItem says.
     SFsItemSpec spec;
   };
   /// Items of which the log is to be told once the lock is free.
@@ -199,7 +202,8 @@ class CFsItemsTab {
   /// What becomes of a record that has the name already.
   enum class found_t { Replace, Keep };
   std::uint64_t AddOne(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item,
-                       found_t found);
+                       const IFsFolder* from, found_t found);
+  static bool IsBacked(const CNfsItemRec& parent, const SPrepared& prepared);
   std::uint64_t AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, found_t found, changes_t& changes,
                             changes_t& removed);
   void TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t& removed);

@@ -84,7 +84,7 @@ class CListing {
     }
     for (std::string& name : enumeration.names)
       AddName(folder, std::move(name));
-    AddNewItems();
+    AddNewItems(folder);
   }
 
   /// What the table knows and no backend has.
@@ -138,7 +138,7 @@ class CListing {
     if (auto item = Open(folder, name)) {
       newItems_.push_back({std::move(name), InvalidFid, std::move(item)});
       if (newItems_.size() == MaxNewItems)
-        AddNewItems();
+        AddNewItems(folder);
     }
   }
 
@@ -165,8 +165,8 @@ class CListing {
     }
   }
 
-  void AddNewItems() {
-    itemsTab_.AddItems(folderFid_, newItems_);
+  void AddNewItems(const IFsFolder& folder) {
+    itemsTab_.AddItems(folderFid_, newItems_, &folder);
     for (SNfsChild& item : newItems_) {
       if (item.item)
         found_.try_emplace(item.name, std::move(item));

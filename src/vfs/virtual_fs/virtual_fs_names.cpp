@@ -72,7 +72,7 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
   itemsTab_->GetFolderMirrors(parentFid, mirrors);
   for (const auto& folder : mirrors) {
     const auto child = folder->OpenChild(name);
-    const std::uint64_t added = child ? itemsTab_->AddFoundItem(parentFid, name, child) : InvalidFid;
+    const std::uint64_t added = child ? itemsTab_->AddFoundItem(parentFid, name, child, folder.get()) : InvalidFid;
     if (added != InvalidFid)
       return added;
   }

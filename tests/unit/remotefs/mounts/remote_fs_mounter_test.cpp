@@ -96,6 +96,11 @@ TEST_F(MounterTest, DropsWhatHasGoneFromTheHostOnItsWay) {
   EXPECT_EQ(tab->LookupChild(root, "gone"), InvalidFid);
 }
 
+TEST_F(MounterTest, TheIdOfNoMountIsRefused) {
+  EXPECT_EQ(FailureOf([&] { mounter->Mount(GUID{}, cfg); }),
+            "A backup mount cannot have the ID [{00000000-0000-0000-0000-000000000000}].");
+}
+
 TEST_F(MounterTest, AMountWithoutAgentChangesNothing) {
   agent.reset();
   EXPECT_EQ(FailureOf([&] { mounter->Mount(mountUid, cfg); }),

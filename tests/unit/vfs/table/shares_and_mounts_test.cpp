@@ -232,6 +232,19 @@ TEST_F(MountedFolder, AnItemOpenedBeforeItsMountWasWithdrawnIsNotAdded) {
   EXPECT_NE(table.GetItem(hostFile), opened);
 }
 
+TEST_F(MountedFolder, AnItemOpenedBeforeItsMountWasReplacedIsNotAdded) {
+  const auto opened = MakeMountFile(mount, "late");
+  const auto before = table.GetItemForMount(folder, Guid(7));
+  const auto* const replaced = dynamic_cast<IFsFolder*>(before.get());
+  const auto after = CFakeFolder::Root(mount);
+  table.MountMirroredFolder(folder, Guid(7), after);
+  EXPECT_EQ(table.AddFoundItem(folder, "late", opened, replaced), InvalidFid);
+  std::vector<SNfsChild> items{{"late", InvalidFid, opened}};
+  table.AddItems(folder, items, replaced);
+  EXPECT_EQ(items.front().fid, InvalidFid);
+  EXPECT_NE(table.AddFoundItem(folder, "late", opened, after.get()), InvalidFid);
+}
+
 TEST_F(MountedFolder, WhatIsNotAddedWithOthersHasNeitherFidNorItem) {
   const auto other = boost::make_shared<SFakeBackend>(Guid(8));
   std::vector<SNfsChild> items{{"one", InvalidFid, MakeMountFile(mount, "one")},
