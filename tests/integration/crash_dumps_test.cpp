@@ -99,6 +99,17 @@ TEST_P(CDumpTest, NamesItsImagesAndTheirBuild) {
   EXPECT_THAT(text, HasSubstr("[vdso]"));
 }
 
+TEST_P(CDumpTest, NamesImagesInAnyScript) {
+  const std::string folder = CopyProgram(
+      "K\xc3\xbc"
+      "che \xe2\x82\xac \xf0\x9f\x92\xbe");
+  fs::copy_file(Program("kelvo-dump-recorder"), folder + "/kelvo-dump-recorder");
+  Start();
+  Crash();
+  EXPECT_THAT(Debug(DumpPath(1), {"bt", "image list"}),
+              testing::AllOf(HasSubstr(folder + "/KelvoNfsSvc"), HasSubstr("impl::CRequestQueue::")));
+}
+
 TEST_P(CDumpTest, TheTwentyFirstTakesThePlaceOfTheOldest) {
   Start();
   MakeOldDumps(7, 26);
@@ -276,7 +287,7 @@ TEST_F(CGeneratorTest, EachExitCodeHasItsText) {
                                                        {"kill -KILL $$", "137: unspecified failure"}};
   UseScript("");
   for (const auto& [command, text] : codes) {
-    WriteFile(copies_.Path() + "/kelvo-dump-recorder", std::string("#!/bin/sh\n") + command + "\n");
+    WriteFile(copies_.Path() + "/copy/kelvo-dump-recorder", std::string("#!/bin/sh\n") + command + "\n");
     Start();
     if (HasFatalFailure())
       return;
@@ -292,7 +303,7 @@ TEST_F(CGeneratorTest, ARecorderThatIsNoProgramCannotBeStarted) {
   Start();
   Crash();
   EXPECT_THAT(CrashLines(), Contains(">>  |Failed to start dump generator process. File: " + copies_.Path() +
-                                     "/kelvo-dump-recorder"));
+                                     "/copy/kelvo-dump-recorder"));
   EXPECT_EQ(CrashLines().back(), Generated);
 }
 

@@ -46,13 +46,19 @@ fixed_text_t<1024> exceptionText;
   ::_exit(ExitOfSignal + signal);
 }
 
+/// While another thread's crash is handled: the process ends with it.
+void WaitForTheEnd(bool isOwnCrash) noexcept {
+  if (isOwnCrash)
+    return;
+  for (;;)
+    ::pause();
+}
+
 void OnSignal(int signal, siginfo_t* info, void* context) {
   const pid_t self = ::gettid();
   pid_t nobody = 0;
   if (!crashedThread.compare_exchange_strong(nobody, self)) {
-    // Another thread's crash is being handled: the process ends with it.
-    while (nobody != self)
-      ::pause();
+    WaitForTheEnd(nobody == self);
     LeaveGuard(signal);
     EndProcess(signal);
   }

@@ -28,6 +28,30 @@ constexpr std::uint64_t MaxSmallList = std::uint64_t{1} << 30;
 constexpr std::size_t CopyStep = 65536;
 constexpr std::size_t PageSize = 4096;
 
+/// Characters from here on take two units of UTF-16.
+constexpr char32_t FirstPair = 0x10000;
+constexpr char32_t NoCharacter = 0xfffd;
+
+/// The first character of a UTF-8 text, which loses it; a byte that begins none is one of its own.
+char32_t TakeCharacter(std::string_view& text) noexcept {
+  const auto byte = [&text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
+  const char32_t first = byte(0);
+  const std::size_t length = first < 0x80   ? 1
+                             : first < 0xc2 ? 0
+                             : first < 0xe0 ? 2
+                             : first < 0xf0 ? 3
+                             : first < 0xf5 ? 4
+                                            : 0;
+  char32_t character = length == 1 ? first : first & (0x7fU >> length);
+  bool isWhole = length > 0 && length <= text.size();
+  for (std::size_t i = 1; isWhole && i < length; ++i) {
+    isWhole = (byte(i) & 0xc0) == 0x80;
+    character = character << 6 | (byte(i) & 0x3f);
+  }
+  text.remove_prefix(isWhole ? length : 1);
+  return isWhole && character <= 0x10ffff ? character : NoCharacter;
+}
+
 class minidump_writer_t {
  public:
   minidump_writer_t(int file, const process_reader_t& process, const dump_content_t& content, arena_t& arena) noexcept
@@ -87,13 +111,20 @@ class minidump_writer_t {
     process_.PathOf(tail, path);
     WriteBytes(stream, ReadSmallFile(path.CStr(), buffer_, CopyStep));
   }
-  /// Length in bytes and UTF-16; returns where it stands. Bytes that are not ASCII become question marks.
+  /// Length in bytes and UTF-16; returns where it stands.
   std::uint32_t WriteText(std::string_view text) noexcept {
     file_.Align(4);
     const std::uint32_t place = file_.Place();
-    file_.WriteRecord(static_cast<std::uint32_t>(text.size() * sizeof(char16_t)));
-    for (const char byte : text)
-      file_.WriteRecord(static_cast<char16_t>(static_cast<unsigned char>(byte) < 0x80 ? byte : '?'));
+    std::uint32_t size = 0;
+    for (std::string_view left = text; !left.empty();)
+      size += static_cast<std::uint32_t>(TakeCharacter(left) < FirstPair ? 2 : 4);
+    file_.WriteRecord(size);
+    while (!text.empty()) {
+      const char32_t character = TakeCharacter(text);
+      if (character >= FirstPair)
+        file_.WriteRecord(static_cast<char16_t>(0xd7c0 + (character >> 10)));
+      file_.WriteRecord(static_cast<char16_t>(character < FirstPair ? character : 0xdc00 + (character & 0x3ff)));
+    }
     file_.WriteRecord(char16_t{0});
     return place;
   }

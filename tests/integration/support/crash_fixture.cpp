@@ -33,11 +33,12 @@ void CCrashTest::Start() {
   service_.Start();
 }
 
-std::string CCrashTest::CopyProgram() {
-  const std::string copy = copies_.Path() + "/KelvoNfsSvc";
-  fs::copy_file(Program("KelvoNfsSvc"), copy);
-  service_.SetProgram(copy);
-  return copies_.Path();
+std::string CCrashTest::CopyProgram(const std::string& folder) {
+  const std::string path = copies_.Path() + "/" + folder;
+  fs::create_directory(path);
+  fs::copy_file(Program("KelvoNfsSvc"), path + "/KelvoNfsSvc");
+  service_.SetProgram(path + "/KelvoNfsSvc");
+  return path;
 }
 
 int CCrashTest::ThreadId(const std::string& name) {

@@ -28,8 +28,8 @@ class CCrashTest : public testing::Test {
   void UseTextReport() { service_.SetVariable(KernelVariable, "4.19.0-27-amd64"); }
   /// With the library that crashes it.
   void Start();
-  /// A copy of the service without its neighbours; its folder.
-  std::string CopyProgram();
+  /// A copy of the service without its neighbours, in a new folder; the folder.
+  std::string CopyProgram(const std::string& folder = "copy");
 
   void Inject(injected_t how, const std::string& thread = DispatchThread);
   /// A signal that is sent to one thread from outside.
