@@ -118,7 +118,7 @@ TEST_F(PerfLogger, TheBufferIsWrittenWhenTheNextRecordDoesNotFit) {
 }
 
 TEST_F(PerfLogger, BuffersThatHoldNoRecordDropThemAll) {
-  for (const std::size_t size : {0, 1, 19}) {
+  for (const std::size_t size : {0U, 1U, 19U}) {
     CPerfLogger log(path_, size);
     Write(log, 1, "");
     log.Flush();
@@ -145,7 +145,7 @@ TEST_F(PerfLogger, ABufferThatCannotBeHadLosesTheEventsAlone) {
 }
 
 TEST_F(PerfLogger, ANewLogIsAppendedToTheOldFile) {
-  for (const std::uint32_t type : {1, 2}) {
+  for (const std::uint32_t type : {1U, 2U}) {
     CPerfLogger log(path_, 1024);
     Write(log, type, "data");
   }
@@ -369,6 +369,7 @@ TEST_F(PerfLogger, AStartReplacesTheLogThatRuns) {
 TEST_F(PerfLogger, EventsMayComeWhileTheProcessLogStopsAndStarts) {
   std::atomic<bool> isOver = false;
   std::vector<std::thread> threads;
+  threads.reserve(2);
   for (int i = 0; i < 2; ++i) {
     threads.emplace_back([&] {
       while (!isOver) {
