@@ -129,10 +129,14 @@ void CClientSession::Serve() {
 void CClientSession::WaitForWork() {
   std::array<synch::waitable_t*, 3> things = {stopCtx_->Event().get(), &completionQueue_->Event()};
   std::size_t count = 2;
-  if (taken_.empty() && !noMoreCalls_) {
-    things[count++] = &readerQueue_->Event();
+  if (taken_.empty()) {
+    if (!noMoreCalls_)
+      things[count++] = &readerQueue_->Event();
   } else if (!replies_->HasRoom()) {
     things[count++] = &replies_->RoomEvent();
+  } else if (completionQueue_->Weight() < MaxPendingBytes) {
+    // Room has come since it was looked for, and nobody tells it twice.
+    return;
   }
   while (!synch::waitable_t::WaitAny(std::span(things).first(count), synch::LongWaitMs))
     g_nfs_log.Warning("Protocol server timeout.");
