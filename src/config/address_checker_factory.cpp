@@ -15,8 +15,9 @@ struct SHolder {
   boost::shared_ptr<CAddressCheckerFactory> factory;
 };
 
+/// Never destroyed: a service that is left at the process's end withdraws its factory then.
 SHolder& Holder() {
-  static SHolder holder;
+  static SHolder& holder = *new SHolder;
   return holder;
 }
 
