@@ -9,6 +9,7 @@
 #include <csignal>
 #include <filesystem>
 #include <memory>
+#include <ostream>
 
 #include "integration/support/crash_fixture.h"
 
@@ -370,25 +371,35 @@ TEST_F(CGeneratorTest, ReportsAreLimitedLikeDumps) {
   EXPECT_TRUE(fs::exists(DumpPath(21, "txt")));
 }
 
-class CCleanUpTest : public CCrashTest, public testing::WithParamInterface<std::pair<const char*, const char*>> {};
+/// What a step of clean-up does, and what is told of it.
+struct SBadStep {
+  const char* name;
+  const char* told;
+};
+
+void PrintTo(const SBadStep& step, std::ostream* out) {
+  *out << step.name;
+}
+
+class CCleanUpTest : public CCrashTest, public testing::WithParamInterface<SBadStep> {};
 
 TEST_P(CCleanUpTest, AStepThatFailsIsToldAndLeft) {
-  service_.SetVariable(NotifyVariable, GetParam().first);
+  service_.SetVariable(NotifyVariable, GetParam().name);
   Start();
   SendSignal(SIGSEGV, NfsThread);
   ExpectEnd(SIGSEGV);
   const std::vector<std::string> lines = CrashLines();
   EXPECT_THAT(lines, Contains("Executing crash handlers. Failed."));
   EXPECT_THAT(lines, Contains("ERR |Crash handlers cannot be executed."));
-  EXPECT_THAT(lines, Contains(std::string(">>  |") + GetParam().second));
+  EXPECT_THAT(lines, Contains(std::string(">>  |") + GetParam().told));
   EXPECT_THAT(Debug(DumpPath(1), {"bt"}), HasSubstr("signal SIGSEGV"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Service, CCleanUpTest,
-                         testing::Values(std::pair("crash", "Ended by SIGSEGV."),
-                                         std::pair("hang", "Not finished within 10000 milliseconds."),
-                                         std::pair("throw", "Ended by SIGABRT.")),
-                         [](const auto& test) { return std::string(test.param.first); });
+                         testing::Values(SBadStep{"crash", "Ended by SIGSEGV."},
+                                         SBadStep{"hang", "Not finished within 10000 milliseconds."},
+                                         SBadStep{"throw", "Ended by SIGABRT."}),
+                         [](const auto& test) { return std::string(test.param.name); });
 
 }  // namespace
 }  // namespace test

@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <ostream>
 
 #include "integration/support/crash_fixture.h"
 #include "integration/support/wire.h"
@@ -40,11 +41,24 @@ const SWay Ways[] = {
     {"BlockedSignals", injected_t::BlockedSignals, SIGSEGV, "SIGSEGV", "WriteToNull"},
 };
 
+/// What gtest shows of the parameters.
+void PrintTo(const SWay& way, std::ostream* out) {
+  *out << way.name;
+}
+
 enum class generator_t { InProcess, OutOfProcess, Text };
 
+std::string NameOf(generator_t generator) {
+  const char* const names[] = {"InProcess", "OutOfProcess", "Text"};
+  return names[static_cast<int>(generator)];
+}
+
+void PrintTo(generator_t generator, std::ostream* out) {
+  *out << NameOf(generator);
+}
+
 std::string WayName(const testing::TestParamInfo<std::tuple<generator_t, SWay>>& info) {
-  const char* const generators[] = {"InProcess", "OutOfProcess", "Text"};
-  return std::string(generators[static_cast<int>(std::get<0>(info.param))]) + std::get<1>(info.param).name;
+  return NameOf(std::get<0>(info.param)) + std::get<1>(info.param).name;
 }
 
 class CCrashWayTest : public CCrashTest, public testing::WithParamInterface<std::tuple<generator_t, SWay>> {
