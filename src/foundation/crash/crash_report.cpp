@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "foundation/crash/image_names.h"
 #include "foundation/crash/stack_walk.h"
 #include "foundation/crash/symbolizer.h"
 #include "foundation/crash/thread_notes.h"
@@ -186,10 +187,11 @@ void report_t::AddSymbol(const frame_t& frame) noexcept {
   constexpr std::string_view Kinds[] = {"no symbols", "export table", "COFF", "CodeView"};
   symbol_t symbol;
   symbolizer_.Find(frame.instruction, !frame.isExact, symbol);
-  if (symbol.name.IsEmpty() && frame.name[0] != '\0') {
-    symbol.name.Add(frame.name);
-    symbol.offset = frame.offset;
-    symbol.kind = std::max(symbol.kind, symbol_t::kind_t::SymbolTable);
+  const module_info_t* const image = hasProcess_ ? process_.FindModule(frame.instruction) : nullptr;
+  const std::uint64_t asked = frame.instruction - (frame.isExact ? 0 : 1);
+  if (symbol.name.IsEmpty() && image != nullptr && FindName(*image, asked, symbol.name, symbol.offset)) {
+    symbol.offset += frame.instruction - asked;
+    symbol.kind = symbol_t::kind_t::SymbolTable;
   }
   text_.Add(symbol.name.IsEmpty() ? "<no symbol>" : symbol.name.View()).Add(' ');
   text_.AddSigned(static_cast<std::int64_t>(symbol.offset)).Add(" bytes, ");

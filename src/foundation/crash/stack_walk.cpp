@@ -27,11 +27,6 @@ void Walk(const ucontext_t& context, frame_t* frames, std::size_t capacity, vola
     frame.instruction = instruction;
     frame.isExact = count == 0 || unw_is_signal_frame(&cursor) > 0;
     count = count + 1;
-    unw_word_t offset = 0;
-    if (unw_get_proc_name(&cursor, frame.name, sizeof frame.name, &offset) == 0)
-      frame.offset = offset;
-    else
-      frame.name[0] = '\0';
     const bool isMore = unw_step(&cursor) > 0;
     unw_word_t word = 0;
     if (unw_get_reg(&cursor, UNW_REG_SP, &word) == 0)

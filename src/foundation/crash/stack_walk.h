@@ -17,9 +17,6 @@ struct frame_t {
   std::uint64_t returnAddress = 0;
   /// The instruction is not behind a call: the crashed frame itself, and one that a signal interrupted.
   bool isExact = false;
-  /// The name in the image's table, as the linker knows it, and how far behind it the instruction is; empty for none.
-  char name[256] = {};
-  std::uint64_t offset = 0;
 };
 
 /// Fills in up to so many frames, the innermost first, and returns their number. Walks in place and without the heap;

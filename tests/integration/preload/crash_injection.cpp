@@ -67,6 +67,15 @@ void DamageHeap() {
     static_cast<void>(std::malloc(3000));
 }
 
+void LockHeap() {
+  constexpr std::size_t Size = 60000;
+  auto* const last = static_cast<char*>(std::malloc(Size));
+  // What tells how much is left behind the last block.
+  std::memset(last + Size, 0x5a, 64);
+  for (int i = 0; i < 1000; ++i)
+    static_cast<void>(std::malloc(Size + 32 * i));
+}
+
 void UseUpDescriptors() {
   while (open("/dev/null", O_RDONLY) >= 0) {
   }
@@ -116,6 +125,8 @@ void OnInjection(int, siginfo_t* info, void*) {
       return;
     case injected_t::DamagedHeap:
       return DamageHeap();
+    case injected_t::LockedHeap:
+      return LockHeap();
     case injected_t::LogLine:
       crashesNextLine = true;
       return;

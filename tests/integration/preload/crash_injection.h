@@ -15,6 +15,8 @@ enum class injected_t : int {
   StackOverflow,
   /// Found out by the heap itself, which gives up in the middle of its work.
   DamagedHeap,
+  /// The same, while the heap's lock is held.
+  LockedHeap,
   /// The next line of the log crashes in the middle of being written, whatever thread writes it.
   LogLine,
   /// All descriptors are used up before.
