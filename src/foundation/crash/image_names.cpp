@@ -89,7 +89,7 @@ bool FindName(const module_info_t& image, std::uint64_t address, text_t& name, s
   if (!file.ReadHead(head))
     return false;
   const std::uint64_t asked = address - image.start + FirstAddress(file, head);
-  for (const std::uint32_t type : {SHT_SYMTAB, SHT_DYNSYM}) {
+  for (const std::uint32_t type : {std::uint32_t{SHT_SYMTAB}, std::uint32_t{SHT_DYNSYM}}) {
     for (std::uint16_t i = 0; i < head.e_shnum; ++i) {
       Elf64_Shdr table{};
       Elf64_Shdr names{};
