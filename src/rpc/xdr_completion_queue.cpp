@@ -6,7 +6,7 @@ CXDRCompletionQueueInternal::CXDRCompletionQueueInternal() : event_(boost::make_
 
 boost::shared_ptr<CXDRCallCompletionRecInternal> CXDRCompletionQueueInternal::Append(
     const boost::shared_ptr<CXDRWriter>& writer, bool ready, std::size_t weight) {
-  const auto record = boost::make_shared<CXDRCallCompletionRecInternal>();
+  auto record = boost::make_shared<CXDRCallCompletionRecInternal>();
   record->writer = writer;
   record->ready = ready;
   const std::lock_guard guard(lock_);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include "config/common_options.h"
 #include "config/reg_config_ports.h"
@@ -143,11 +144,12 @@ void CNfsService::Register() noexcept {
 }
 
 /// They outlive their server, and are not to outlive what they use.
-void CNfsService::EndConnections() noexcept {
+void CNfsService::EndConnections() {
   if (clientThreads_ != nullptr && !clientThreads_->End(ConnectionsLimitMs)) {
     g_log.Error("Connections did not end within %1 milliseconds.", ConnectionsLimitMs);
-    // Its destructor would wait for them without a limit.
-    [[maybe_unused]] const auto* const leftRunning = new boost::shared_ptr<CClientThreads>(clientThreads_);
+    // Its destructor would wait for them without a limit, so that it gets none.
+    static auto* const leftRunning = new std::vector<boost::shared_ptr<CClientThreads>>;
+    leftRunning->push_back(clientThreads_);
   }
   clientThreads_.reset();
   fsOfConnections_.reset();

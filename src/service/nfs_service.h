@@ -45,7 +45,7 @@ class CNfsService {
   void StartAsyncServer(const CSvcContext& context, boost::shared_ptr<INFSCrashSink> sink);
   SProtocolServerParams ProtocolServerParams(const CSvcContext& context);
   void Register() noexcept;
-  void EndConnections() noexcept;
+  void EndConnections();
 
   bool asyncRequested_ = false;
   CRpcServerSettings rpcServerSettings_;
