@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -49,12 +50,12 @@ iovec Part(std::span<const std::uint8_t> bytes) noexcept {
 }
 
 /// Sends all parts. `sent`: whether any byte has left.
-error_t SendAll(int socket, std::span<iovec> parts, const pipe_wait_t& wait, bool& sent) {
+error_t SendAll(int socket, std::span<iovec> parts, int flags, const pipe_wait_t& wait, bool& sent) {
   while (!parts.empty()) {
     msghdr message{};
     message.msg_iov = parts.data();
     message.msg_iovlen = parts.size();
-    const ssize_t count = ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const ssize_t count = ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL | flags);
     if (count >= 0) {
       sent = sent || count > 0;
       Advance(parts, static_cast<std::size_t>(count));
@@ -68,6 +69,35 @@ error_t SendAll(int socket, std::span<iovec> parts, const pipe_wait_t& wait, boo
   }
   return error::Success;
 }
+
+/// Looks before the sleep: the answer of a peer is mostly on its way. More while that pays, fewer while it does not;
+/// none on a machine where the peer could not run meanwhile.
+class looks_t {
+ public:
+  /// False when it is time to sleep.
+  bool Another() noexcept {
+    if (AvailableProcessors() < 2 || done_ == next_)
+      return false;
+    ++done_;
+    for (int i = 0; i < PausesOfLook; ++i)
+      SpinPause();
+    return true;
+  }
+  void Tell(bool found) noexcept {
+    if (done_ != 0)
+      next_ = found ? std::min(next_ * 2, Most) : std::max(next_ / 2, Least);
+  }
+
+ private:
+  static constexpr std::uint32_t Least = 4;
+  static constexpr std::uint32_t Most = 64;
+  static constexpr int PausesOfLook = 8;
+
+  static thread_local constinit std::uint32_t next_;
+  std::uint32_t done_ = 0;
+};
+
+thread_local constinit std::uint32_t looks_t::next_ = looks_t::Most / 2;
 
 bool HasHungUp(int socket) noexcept {
   pollfd entry{socket, POLLIN, 0};
@@ -140,15 +170,59 @@ error_t message_pipe_t::Write(std::span<const std::uint8_t> head, std::span<cons
     return error::InvalidParameter;
   if (writeBroken_)
     return error::BrokenPipe;
-  const std::size_t length = head.size() + rest.size();
-  std::array<std::uint8_t, HeaderSize> header{};
-  for (std::size_t i = 0; i < HeaderSize; ++i)
-    header[i] = static_cast<std::uint8_t>(length >> (8 * i));
+  const header_t header = HeaderOf(head.size() + rest.size());
   std::array<iovec, 3> parts{Part(header), Part(head), Part(rest)};
   bool sent = false;
-  const error_t result = SendAll(socket_.Get(), parts, wait, sent);
+  const error_t result = SendAll(socket_.Get(), parts, 0, wait, sent);
   writeBroken_ = result == error::BrokenPipe || (result != error::Success && sent);
   return result;
+}
+
+message_pipe_t::header_t message_pipe_t::HeaderOf(std::size_t length) noexcept {
+  header_t header{};
+  for (std::size_t i = 0; i < HeaderSize; ++i)
+    header[i] = static_cast<std::uint8_t>(length >> (8 * i));
+  return header;
+}
+
+error_t message_pipe_t::WriteFiles(std::span<const file_part_t> parts, const pipe_wait_t& wait) {
+  std::size_t length = 0;
+  for (const file_part_t& part : parts) {
+    if (part.length > MaxPipeMessage - length)
+      return error::InvalidParameter;
+    length += part.length;
+  }
+  if (writeBroken_)
+    return error::BrokenPipe;
+  bool sent = false;
+  const header_t header = HeaderOf(length);
+  iovec headerPart = Part(header);
+  error_t result = SendAll(socket_.Get(), {&headerPart, 1}, length == 0 ? 0 : MSG_MORE, wait, sent);
+  for (const file_part_t& part : parts) {
+    if (result == error::Success)
+      result = SendFile(part, wait);
+  }
+  writeBroken_ = result == error::BrokenPipe || (result != error::Success && sent);
+  return result;
+}
+
+error_t message_pipe_t::SendFile(file_part_t part, const pipe_wait_t& wait) {
+  auto offset = static_cast<off_t>(part.offset);
+  while (part.length > 0) {
+    const ssize_t count = ::sendfile(socket_.Get(), part.file, &offset, part.length);
+    if (count > 0) {
+      part.length -= static_cast<std::size_t>(count);
+    } else if (count == 0) {
+      return error::IoDevice;
+    } else if (WouldBlock()) {
+      const error_t waited = WaitForReadiness(socket_.Get(), POLLOUT, wait);
+      if (waited != error::Success)
+        return waited;
+    } else if (errno != EINTR) {
+      return TransferError();
+    }
+  }
+  return error::Success;
 }
 
 std::size_t message_pipe_t::TakeAhead(std::span<std::uint8_t> buffer) {
@@ -170,15 +244,20 @@ error_t message_pipe_t::ReceiveOnce(std::span<std::uint8_t> first, std::span<std
   msghdr message{};
   message.msg_iov = parts.data();
   message.msg_iovlen = parts.size();
+  looks_t looks;
   for (;;) {
     const ssize_t received = ::recvmsg(socket_.Get(), &message, MSG_DONTWAIT);
     if (received > 0) {
+      looks.Tell(true);
       count = static_cast<std::size_t>(received);
       return error::Success;
     }
     if (received == 0)
       return error::BrokenPipe;
     if (WouldBlock()) {
+      if (looks.Another())
+        continue;
+      looks.Tell(false);
       const error_t waited = WaitForReadiness(socket_.Get(), POLLIN, wait);
       if (waited != error::Success)
         return waited;
@@ -278,12 +357,12 @@ error_t message_pipe_t::LookForUnread() const {
   }
 }
 
-error_t message_pipe_t::Transact(std::span<const std::uint8_t> request, std::span<std::uint8_t> reply,
-                                 std::size_t& count, const pipe_wait_t& wait) {
+error_t message_pipe_t::Transact(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest,
+                                 std::span<std::uint8_t> reply, std::size_t& count, const pipe_wait_t& wait) {
   count = 0;
   error_t result = LookForUnread();
   if (result == error::Success)
-    result = Write(request, wait);
+    result = Write(head, rest, wait);
   return result == error::Success ? Read(reply, count, wait) : result;
 }
 

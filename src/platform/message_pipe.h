@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +23,13 @@ namespace platform {
 struct pipe_wait_t {
   deadline_t deadline = deadline_t::Never();
   std::span<const int> cancels = {};
+};
+
+/// Bytes that lie in a file.
+struct file_part_t {
+  int file = -1;  ///< Open for reading; not owned.
+  std::uint64_t offset = 0;
+  std::size_t length = 0;
 };
 
 /// The longest message that the length in front of it can tell.
@@ -75,6 +83,10 @@ class message_pipe_t {
   /// Writes one message whose bytes lie in two places.
   error_t Write(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest, const pipe_wait_t& wait = {});
 
+  /// Writes one message whose bytes lie in files, without bringing them into this process's memory. 1117 when a file is
+  /// shorter. The calling thread has SIGPIPE blocked or ignored.
+  error_t WriteFiles(std::span<const file_part_t> parts, const pipe_wait_t& wait = {});
+
   /// Fills the buffer from the message at hand, or from the next one. 0: that was the end of the message. 234: the
   /// message goes on, with the next read. 109: the peer has gone, be it between messages or in the middle of one.
   /// `count` tells how many bytes came, also when the wait ended early; then, too, the next read goes on.
@@ -87,7 +99,12 @@ class message_pipe_t {
   /// Writes a request and reads its reply as Read does. 231, and nothing is written, while something of the peer's has
   /// not been read: whatever it is, it would be taken for this request's reply.
   error_t Transact(std::span<const std::uint8_t> request, std::span<std::uint8_t> reply, std::size_t& count,
-                   const pipe_wait_t& wait = {});
+                   const pipe_wait_t& wait = {}) {
+    return Transact(request, {}, reply, count, wait);
+  }
+  /// The same with a request whose bytes lie in two places.
+  error_t Transact(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest,
+                   std::span<std::uint8_t> reply, std::size_t& count, const pipe_wait_t& wait);
 
   /// For waiting on several things: readable when a message begins, or the peer has gone. Owned by the pipe; not to be
   /// read or written.
@@ -95,8 +112,11 @@ class message_pipe_t {
 
  private:
   static constexpr std::size_t HeaderSize = 4;
+  using header_t = std::array<std::uint8_t, HeaderSize>;
 
+  static header_t HeaderOf(std::size_t length) noexcept;
   error_t Receive(std::span<std::uint8_t> buffer, std::size_t& count, const pipe_wait_t& wait);
+  error_t SendFile(file_part_t part, const pipe_wait_t& wait);
   error_t ReceiveOnce(std::span<std::uint8_t> first, std::span<std::uint8_t> rest, std::size_t& count,
                       const pipe_wait_t& wait);
   error_t ReadHeader(std::span<std::uint8_t> room, std::size_t& count, const pipe_wait_t& wait);
@@ -109,7 +129,7 @@ class message_pipe_t {
   bool writeBroken_ = false;
 
   // The reader's.
-  std::uint8_t header_[HeaderSize] = {};
+  header_t header_{};
   std::size_t headerSize_ = 0;  ///< Bytes of the header that have come; HeaderSize while a message is at hand.
   std::size_t left_ = 0;        ///< Bytes of the message at hand that have not been received.
   /// What came with the end of a message and belongs to those behind it. Mostly empty: who asks waits for the answer.

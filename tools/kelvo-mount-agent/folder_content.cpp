@@ -38,6 +38,10 @@ class CFolderContent::CSourceItem final : public IMountedItem {
   platform::error_t Read(std::uint64_t offset, void* data, std::size_t length, std::size_t& outRead) override {
     return ReadFully(file_.Get(), offset, data, length, outRead);
   }
+  bool Locate(std::uint64_t offset, std::size_t length, std::vector<platform::file_part_t>& parts) override {
+    parts.push_back({file_.Get(), offset, length});
+    return true;
+  }
   platform::error_t Write(std::uint64_t offset, const void* data, std::size_t length) override {
     return writable_ ? WriteFully(file_.Get(), offset, data, length) : error::AccessDenied;
   }
@@ -70,6 +74,12 @@ class CFolderContent::COverlaidItem final : public IMountedItem {
     if (const auto overlay = Overlay())
       return overlay->Read(file_.Get(), offset, data, length, outRead);
     return ReadFully(file_.Get(), offset, data, length, outRead);
+  }
+  bool Locate(std::uint64_t offset, std::size_t length, std::vector<platform::file_part_t>& parts) override {
+    if (const auto overlay = Overlay())
+      return overlay->Locate(file_.Get(), offset, length, parts);
+    parts.push_back({file_.Get(), offset, length});
+    return true;
   }
   platform::error_t Write(std::uint64_t offset, const void* data, std::size_t length) override {
     if (use_ == overlay_use_t::ReadOnly)

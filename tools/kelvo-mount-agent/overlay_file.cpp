@@ -183,16 +183,42 @@ platform::error_t COverlayFile::Read(int source, std::uint64_t offset, void* dat
   auto* bytes = static_cast<std::uint8_t*>(data);
   while (outRead < length) {
     const std::uint64_t at = offset + outRead;
-    const std::uint64_t block = at / BlockSize;
-    const std::uint64_t lastBlock = (offset + length - 1) / BlockSize;
-    const std::uint64_t inRow = std::min(lastBlock - block + 1, COverlayMap::BlocksInARow(block));
-    const std::uint64_t end = (block + map_.RunLength(block, inRow)) * BlockSize;
-    const std::size_t run = static_cast<std::size_t>(std::min<std::uint64_t>(end - at, length - outRead));
+    const std::size_t run = RunLength(at, length - outRead);
     if (const platform::error_t failure = ReadRun(source, at, bytes + outRead, run); failure != error::Success)
       return failure;
     outRead += run;
   }
   return error::Success;
+}
+
+std::size_t COverlayFile::RunLength(std::uint64_t offset, std::size_t length) const {
+  const std::uint64_t block = offset / BlockSize;
+  const std::uint64_t lastBlock = (offset + length - 1) / BlockSize;
+  const std::uint64_t inRow = std::min(lastBlock - block + 1, COverlayMap::BlocksInARow(block));
+  const std::uint64_t end = (block + map_.RunLength(block, inRow)) * BlockSize;
+  return static_cast<std::size_t>(std::min<std::uint64_t>(end - offset, length));
+}
+
+bool COverlayFile::Locate(int source, std::uint64_t offset, std::size_t length,
+                          std::vector<platform::file_part_t>& parts) const {
+  const std::shared_lock lock(mutex_);
+  if (offset > size_ || length > size_ - offset)
+    return false;
+  const std::size_t before = parts.size();
+  while (length > 0) {
+    const std::size_t run = RunLength(offset, length);
+    const std::uint64_t block = offset / BlockSize;
+    const bool isOverlaid = map_.Has(block);
+    if (!isOverlaid && (offset > source_.size || run > source_.size - offset)) {
+      parts.resize(before);
+      return false;
+    }
+    parts.push_back({isOverlaid ? file_.Get() : source,
+                     isOverlaid ? COverlayMap::PlaceOf(block) + offset % BlockSize : offset, run});
+    offset += run;
+    length -= run;
+  }
+  return true;
 }
 
 platform::error_t COverlayFile::ReadRun(int source, std::uint64_t offset, std::uint8_t* data,

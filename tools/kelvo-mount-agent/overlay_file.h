@@ -7,10 +7,12 @@
 #include <ctime>
 #include <shared_mutex>
 #include <string>
+#include <vector>
 
 #include "kelvo-mount-agent/overlay_map.h"
 #include "platform/error.h"
 #include "platform/location.h"
+#include "platform/message_pipe.h"
 
 namespace mount_agent {
 
@@ -66,6 +68,8 @@ class COverlayFile {
   std::uint64_t Size() const;
   /// `source` is the open file of the backup.
   platform::error_t Read(int source, std::uint64_t offset, void* data, std::size_t length, std::size_t& outRead) const;
+  /// Appends where the bytes lie; false, and nothing appended, when some lie in no file: a guest sees zeros there.
+  bool Locate(int source, std::uint64_t offset, std::size_t length, std::vector<platform::file_part_t>& parts) const;
   platform::error_t Write(int source, std::uint64_t offset, const void* data, std::size_t length);
   platform::error_t Flush();
 
@@ -77,6 +81,8 @@ class COverlayFile {
   /// Of what lies beyond the size, nothing stays.
   platform::error_t Trim();
 
+  /// How many of the bytes lie in the same place as the first, either in the overlay or in the source.
+  std::size_t RunLength(std::uint64_t offset, std::size_t length) const;
   platform::error_t ReadRun(int source, std::uint64_t offset, std::uint8_t* data, std::size_t length) const;
   platform::error_t ReadSource(int source, std::uint64_t offset, std::uint8_t* data, std::size_t length) const;
   platform::error_t WriteGroup(int source, std::uint64_t offset, const std::uint8_t* data, std::size_t length);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/error.h"
+#include "platform/message_pipe.h"
 
 namespace mount_agent {
 
@@ -28,6 +29,12 @@ class IMountedItem {
 
   /// Reads what there is: fewer bytes than asked for only at the end of the file.
   virtual platform::error_t Read(std::uint64_t offset, void* data, std::size_t length, std::size_t& outRead) = 0;
+  /// Appends where the bytes lie in files that stay open for as long as the item; all of the length is there. They are
+  /// then sent from there, without a copy, and as they are by then. False, and nothing appended, where they have to be
+  /// read.
+  virtual bool Locate(std::uint64_t /*offset*/, std::size_t /*length*/, std::vector<platform::file_part_t>& /*parts*/) {
+    return false;
+  }
   /// Writes everything or fails. After success the data survives the death of the agent: the service has told the guest
   /// that it is stored.
   virtual platform::error_t Write(std::uint64_t offset, const void* data, std::size_t length) = 0;

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <csignal>
 #include <utility>
 #include <vector>
 
@@ -168,6 +169,11 @@ void CAgentServer::Reap(bool all) {
 
 void CAgentServer::Serve(SConnection& connection) noexcept {
   platform::SetThreadName("agent pipe");
+  // Sending from files knows no other way to be spared it.
+  sigset_t broken;
+  sigemptyset(&broken);
+  sigaddset(&broken, SIGPIPE);
+  ::pthread_sigmask(SIG_BLOCK, &broken, nullptr);
   try {
     CSession session(content_);
     const int end = connection.end.Get();
@@ -187,7 +193,12 @@ void CAgentServer::Serve(SConnection& connection) noexcept {
         report_("A connection was closed: its request is malformed, or the file cannot be read.");
         break;
       }
-      if (connection.pipe->Write(reply, wait) != error::Success)
+      const platform::error_t sent = session.FileParts().empty()
+                                         ? connection.pipe->Write(reply, wait)
+                                         : connection.pipe->WriteFiles(session.FileParts(), wait);
+      if (sent == error::IoDevice)
+        report_("A connection was closed: a file has become shorter.");
+      if (sent != error::Success)
         break;
       Shrink(request);
       Shrink(reply);

@@ -31,6 +31,7 @@ std::string Join(const IMountedContent::path_t& path) {
 
 bool CSession::Answer(const void* request, std::size_t length, bytes_t& reply) {
   reply.clear();
+  fileParts_.clear();
   CRequestReader reader(request, length);
   std::uint32_t command = 0;
   if (!reader.Get(command))
@@ -107,7 +108,7 @@ bool CSession::AnswerRead(CRequestReader& request, bytes_t& reply) {
     return false;
   const std::uint64_t left = offset < size ? size - offset : 0;
   const std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>({left, length, MaxReadLength}));
-  if (wanted == 0)
+  if (wanted == 0 || (wanted >= LeastFromFiles && item->Locate(offset, wanted, fileParts_)))
     return true;
   reply.resize(wanted);
   std::size_t got = 0;

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "mount-agent-lib/content.h"
 #include "mount-agent-lib/wire.h"
@@ -20,6 +21,8 @@ enum class command_t : std::uint32_t { Enumerate = 0, Open = 1, Read = 2, Write 
 inline constexpr std::uint32_t MaxReadLength = 16U << 20U;
 /// The longest request that is received: the largest write, and room to spare.
 inline constexpr std::uint32_t MaxRequestLength = MaxReadLength + 4096;
+/// Reads of this length and more are answered from where they lie, when the item tells: below, a copy costs less.
+inline constexpr std::size_t LeastFromFiles = 16U << 10U;
 /// Files that one connection may have open.
 inline constexpr std::size_t MaxHandles = 65536;
 
@@ -31,9 +34,9 @@ inline constexpr std::size_t MaxHandles = 65536;
 /// read that fails costs the connection.
 ///
 /// A file of the root folder has a handle that follows from its name, and keeps it on every connection of every agent
-/// that serves the same folder. The service goes on using handles of a connection that was lost until it has opened
-/// the items again; they lead to the same file then. (Where two names would have the same handle, one in a thousand
-/// millions, it is the one's who comes first, and is not found from its number.)
+/// that serves the same folder: a handle of a connection that was lost leads to the same file. (Where two names would
+/// have the same handle, one in a thousand millions, it is the one's who comes first, and is not found from its
+/// number.)
 class CSession {
  public:
   explicit CSession(IMountedContent& content) : content_(content) {}
@@ -42,6 +45,8 @@ class CSession {
 
   /// Replaces `reply`. False: the request is none, or cannot be answered, and the connection has to be closed.
   bool Answer(const void* request, std::size_t length, bytes_t& reply);
+  /// Where the reply lies, in the place of bytes; empty when it is those. Good until the next request.
+  const std::vector<platform::file_part_t>& FileParts() const { return fileParts_; }
 
   /// The handle that a file of the root folder gets unless another one has it already.
   static std::int32_t HandleOf(std::string_view name);
@@ -68,6 +73,7 @@ class CSession {
   IMountedContent& content_;
   std::unordered_map<std::int32_t, SOpened> opened_;
   std::int32_t nextUnnamed_ = -1;  // Chosen when first needed.
+  std::vector<platform::file_part_t> fileParts_;
 };
 
 }  // namespace mount_agent

@@ -43,12 +43,13 @@ PipeHandler::PipeHandler(boost::shared_ptr<message_pipe_t> pipe, boost::shared_p
       abandonEvent_(std::move(abandonEvent)),
       maxReplySize_(maxReplySize) {}
 
-bool PipeHandler::Transact(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs) {
+bool PipeHandler::Transact(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply,
+                           std::uint32_t timeoutMs) {
   const std::lock_guard<std::mutex> guard(lock_);
   if (reply.Capacity() == 0)
     reply.Reserve(LeastReplyCapacity);
   bool moreData = false;
-  if (!ReceiveFirst(request, reply, timeoutMs, moreData))
+  if (!ReceiveFirst(request, data, reply, timeoutMs, moreData))
     return false;
   if (!moreData)
     return true;
@@ -59,11 +60,12 @@ bool PipeHandler::Transact(const Buffer& request, Buffer& reply, std::uint32_t t
   return true;
 }
 
-bool PipeHandler::ReceiveFirst(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs, bool& moreData) {
+bool PipeHandler::ReceiveFirst(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply,
+                               std::uint32_t timeoutMs, bool& moreData) {
   const deadline_t deadline = deadline_t::After(timeoutMs);
   const std::array<int, 2> cancels{stopEvent_->PollDescriptor(), abandonEvent_->PollDescriptor()};
   std::size_t count = 0;
-  const platform::error_t result = pipe_->Transact(request.Bytes(), reply.Room(), count, {deadline, cancels});
+  const platform::error_t result = pipe_->Transact(request.Bytes(), data, reply.Room(), count, {deadline, cancels});
   switch (result) {
     case error::Success:
     case error::MoreData:

@@ -36,10 +36,15 @@ class PipeHandler {
   /// event, or because the agent has gone, of which a caller learns no sooner than of an agent that is silent. What
   /// does not fit the buffer has some more time, as long as it keeps coming. A reply beyond the largest size, and
   /// something unasked that lies in the pipe, are no answer either. win_sys_exc_t for every other failure.
-  bool Transact(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs);
+  bool Transact(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs) {
+    return Transact(request, {}, reply, timeoutMs);
+  }
+  /// The same for a request that goes on with data that lies elsewhere.
+  bool Transact(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply, std::uint32_t timeoutMs);
 
  private:
-  bool ReceiveFirst(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs, bool& moreData);
+  bool ReceiveFirst(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply, std::uint32_t timeoutMs,
+                    bool& moreData);
   bool Read(Buffer& out, std::size_t limit, std::uint32_t timeoutMs);
   platform::error_t ReadChunk(std::span<std::uint8_t> chunk, std::size_t& count, const platform::deadline_t& deadline);
 

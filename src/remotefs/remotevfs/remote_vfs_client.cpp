@@ -38,10 +38,10 @@ RemoteVfsClient::RemoteVfsClient(const std::string& pipeName, std::uint32_t conn
   }
 }
 
-void RemoteVfsClient::Ask(const Buffer& request, Buffer& reply) {
+void RemoteVfsClient::Ask(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply) {
   if (IsBroken())
     throw exc::runtime_exc_t("Restore agent is not available.");
-  if (pipeHandler_->Transact(request, reply, responseTimeoutMs_))
+  if (pipeHandler_->Transact(request, data, reply, responseTimeoutMs_))
     return;
   broken_.store(true, std::memory_order_relaxed);
   throw exc::runtime_exc_t("Timed out waiting for the response from restore agent.");
@@ -81,13 +81,13 @@ void RemoteVfsClient::Read(std::int32_t handle, std::uint64_t offset, std::uint3
 }
 
 std::int32_t RemoteVfsClient::Write(std::int32_t handle, std::uint64_t offset, std::uint32_t length, const void* data) {
-  Buffer request(DataCapacity);
+  // The data leaves from where it lies.
+  Buffer request(SmallCapacity);
   Begin(request, Command::Write, handle);
   request.AppendU64(offset);
   request.AppendU32(length);
-  request.Append({static_cast<const std::uint8_t*>(data), length});
   Buffer reply(SmallCapacity);
-  Ask(request, reply);
+  Ask(request, {static_cast<const std::uint8_t*>(data), length}, reply);
   return static_cast<std::int32_t>(ReplyReader(reply.Bytes()).U32());
 }
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -45,7 +46,8 @@ class RemoteVfsClient {
   const boost::shared_ptr<synch::manual_event_t>& StopEvent() const { return stopEvent_; }
 
  private:
-  void Ask(const Buffer& request, Buffer& reply);
+  void Ask(const Buffer& request, Buffer& reply) { Ask(request, {}, reply); }
+  void Ask(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply);
 
   const boost::shared_ptr<synch::manual_event_t> stopEvent_;
   const std::uint32_t responseTimeoutMs_;

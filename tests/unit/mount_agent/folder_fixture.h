@@ -10,6 +10,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "kelvo-mount-agent/folder_content.h"
 #include "support/temp_dir.h"
@@ -59,6 +60,16 @@ class FolderFixture : public testing::Test {
     data.resize(got);
     return data;
   }
+  static std::string Bytes(const std::vector<platform::file_part_t>& parts) {
+    std::string bytes;
+    for (const platform::file_part_t& part : parts) {
+      std::string data(part.length, '?');
+      EXPECT_EQ(::pread(part.file, data.data(), part.length, static_cast<off_t>(part.offset)),
+                static_cast<ssize_t>(part.length));
+      bytes += data;
+    }
+    return bytes;
+  }
   static platform::error_t Write(mount_agent::IMountedItem& item, std::uint64_t offset, const std::string& data) {
     return item.Write(offset, data.data(), data.size());
   }
@@ -68,7 +79,13 @@ class FolderFixture : public testing::Test {
     return size;
   }
   static std::string All(mount_agent::IMountedItem& item) {
-    return Read(item, 0, static_cast<std::size_t>(Size(item)) + 1);
+    std::string data = Read(item, 0, static_cast<std::size_t>(Size(item)) + 1);
+    std::vector<platform::file_part_t> parts;
+    if (item.Locate(0, data.size(), parts))
+      EXPECT_EQ(Bytes(parts), data) << "where they are said to lie";
+    else
+      EXPECT_TRUE(parts.empty());
+    return data;
   }
   /// Bytes that differ from place to place.
   static std::string Pattern(std::size_t length, unsigned seed) {

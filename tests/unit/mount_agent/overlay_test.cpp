@@ -68,6 +68,28 @@ TEST_F(OverlayTest, NothingIsMadeBeforeTheFirstWrite) {
   EXPECT_FALSE(std::filesystem::exists(OverlayFile("disk")));
 }
 
+TEST_F(OverlayTest, TellsWhereTheBytesLie) {
+  MakeSource(3 * Block);
+  const auto content = MakeOverlaid();
+  const item_ptr_t item = Open(*content, "disk");
+  std::vector<platform::file_part_t> parts;
+  ASSERT_TRUE(item->Locate(0, 3 * Block, parts));
+  EXPECT_EQ(parts.size(), 1U);
+  ASSERT_EQ(Write(*item, Block + 10, "guest"), 0U);
+  parts.clear();
+  ASSERT_TRUE(item->Locate(100, 2 * Block, parts));
+  ASSERT_EQ(parts.size(), 3U) << "the source, the overlay, the source";
+  EXPECT_EQ(parts[0].file, parts[2].file);
+  EXPECT_NE(parts[0].file, parts[1].file);
+
+  ASSERT_EQ(Write(*item, 5 * Block, "far away"), 0U);
+  parts.clear();
+  EXPECT_FALSE(item->Locate(2 * Block, 3 * Block, parts)) << "zeros that lie nowhere";
+  EXPECT_FALSE(item->Locate(5 * Block, Block, parts)) << "past the end";
+  EXPECT_TRUE(parts.empty());
+  EXPECT_TRUE(item->Locate(5 * Block, 8, parts));
+}
+
 TEST_F(OverlayTest, WritesOfEveryAlignmentMergeWithTheSourceAndOutliveTheAgent) {
   std::string model = MakeSource(6 * Block + 100);
   const std::string original = model;

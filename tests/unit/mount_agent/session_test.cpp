@@ -21,6 +21,7 @@ using mount_agent::PutCounted;
 struct SFile {
   std::string data;
   platform::error_t failure = error::Success;
+  bool isLocated = false;
 };
 
 class Item final : public IMountedItem {
@@ -41,6 +42,11 @@ class Item final : public IMountedItem {
   platform::error_t GetSize(std::uint64_t& size) override {
     size = file_.data.size();
     return file_.failure;
+  }
+  bool Locate(std::uint64_t offset, std::size_t length, std::vector<platform::file_part_t>& parts) override {
+    if (file_.isLocated)
+      parts.push_back({7, offset, length});
+    return file_.isLocated;
   }
 
  private:
@@ -126,6 +132,22 @@ class SessionTest : public testing::Test {
   Content content_;
   CSession session_{content_};
 };
+
+TEST_F(SessionTest, ALargeReadIsAnsweredFromWhereItLies) {
+  constexpr std::uint32_t Large = mount_agent::LeastFromFiles;
+  content_.files["disk"].data.assign(2 * Large, 'x');
+  const std::uint32_t handle = Open("disk");
+  EXPECT_EQ(Ask(ReadRequest(handle, 0, Large)).size(), Large) << "unless the item cannot tell";
+  EXPECT_TRUE(session_.FileParts().empty());
+
+  content_.files["disk"].isLocated = true;
+  EXPECT_TRUE(Ask(ReadRequest(handle, 5, 3 * Large)).empty());
+  ASSERT_EQ(session_.FileParts().size(), 1U);
+  EXPECT_EQ(session_.FileParts()[0].offset, 5U);
+  EXPECT_EQ(session_.FileParts()[0].length, 2 * Large - 5) << "what is there";
+  EXPECT_EQ(Ask(ReadRequest(handle, 0, Large - 1)).size(), Large - 1) << "a small one is copied";
+  EXPECT_TRUE(session_.FileParts().empty()) << "of an earlier request";
+}
 
 TEST_F(SessionTest, ListsTheRoot) {
   bytes_t expected;

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -46,7 +47,7 @@ class MessagePipeTest : public testing::Test {
  protected:
   MessagePipeTest() {
     std::array<int, 2> ends{};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
     left_.reset(new message_pipe_t(descriptor_t(ends[0])));
     right_.reset(new message_pipe_t(descriptor_t(ends[1])));
   }
@@ -67,6 +68,64 @@ class MessagePipeTest : public testing::Test {
   pipe_ptr_t left_;
   pipe_ptr_t right_;
 };
+
+/// A file of the pattern.
+class PatternFile {
+ public:
+  explicit PatternFile(std::size_t size) : file_(::memfd_create("pattern", MFD_CLOEXEC)) {
+    const bytes_t bytes = Pattern(size);
+    EXPECT_EQ(::pwrite(file_.Get(), bytes.data(), size, 0), static_cast<ssize_t>(size));
+  }
+  int Get() const { return file_.Get(); }
+
+ private:
+  descriptor_t file_;
+};
+
+TEST_F(MessagePipeTest, AMessageComesOutOfFiles) {
+  const PatternFile file(300000);
+  const bytes_t all = Pattern(300000);
+  const std::vector<platform::file_part_t> parts{{file.Get(), 1000, 5}, {file.Get(), 0, 250000}, {file.Get(), 7, 0}};
+  bytes_t expected(all.begin() + 1000, all.begin() + 1005);
+  expected.insert(expected.end(), all.begin(), all.begin() + 250000);
+  // More than fits between the two at once.
+  platform::error_t written = 1;
+  std::thread writer([&] { written = left_->WriteFiles(parts); });
+  bytes_t message;
+  EXPECT_EQ(right_->ReadMessage(message), 0U);
+  writer.join();
+  EXPECT_EQ(written, 0U);
+  EXPECT_EQ(message, expected);
+
+  EXPECT_EQ(left_->WriteFiles({}), 0U) << "a message of no bytes";
+  EXPECT_EQ(left_->Write(Pattern(3)), 0U);
+  EXPECT_TRUE(Read(*right_, 10).bytes.empty());
+  EXPECT_EQ(Read(*right_, 10).bytes, Pattern(3));
+}
+
+TEST_F(MessagePipeTest, AFileThatIsShorterEndsTheMessageInTheMiddle) {
+  const PatternFile file(10);
+  const std::vector<platform::file_part_t> parts{{file.Get(), 4, 10}};
+  EXPECT_EQ(left_->WriteFiles(parts), platform::error_t{error::IoDevice});
+  EXPECT_EQ(left_->Write(Pattern(3)), platform::error_t{error::BrokenPipe}) << "it would pass for the rest";
+  EXPECT_EQ(left_->WriteFiles({}), platform::error_t{error::BrokenPipe});
+}
+
+TEST_F(MessagePipeTest, AMessageOutOfFilesEndsWithItsReader) {
+  sigset_t broken;
+  sigemptyset(&broken);
+  sigaddset(&broken, SIGPIPE);
+  sigset_t before;
+  ::pthread_sigmask(SIG_BLOCK, &broken, &before);
+  const PatternFile file(100);
+  const std::vector<platform::file_part_t> parts{{file.Get(), 0, 100}};
+  EXPECT_EQ(left_->WriteFiles(parts), 0U);
+  right_.reset();
+  EXPECT_EQ(left_->WriteFiles(parts), platform::error_t{error::BrokenPipe});
+  const timespec now{0, 0};
+  ::sigtimedwait(&broken, nullptr, &now);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
 
 TEST_F(MessagePipeTest, AMessageArrivesWhole) {
   for (const std::size_t size : {0U, 1U, 3U, 4U, 5U, 1024U, 65556U}) {
