@@ -49,7 +49,11 @@ class RemoteMountFixture : public testing::Test {
   }
   boost::shared_ptr<CRemoteFsConnector> Connected(std::int32_t poolSize = 1) const {
     const auto connector = MakeConnector(poolSize);
+    const int before = agent->Clients();
     connector->Connect();
+    // It serves one client: one that it takes late would stand before the next.
+    if (cfg->pipe == AgentPipe)
+      agent->WaitForClients(before + 1);
     return connector;
   }
   void Answer(const AgentReply& reply) const {
@@ -73,12 +77,14 @@ class RemoteMountFixture : public testing::Test {
     return requests.empty() ? Bytes() : requests.back();
   }
 
+  static constexpr const char* AgentPipe = "vm1";
+
   const TempDir folder;
   const ScopedEnvironment runtime{"KELVO_RUNTIME_DIR", folder / "run"};
   SRemoteFsLimits limits{.connectMs = 0, .reconnectMs = 0, .responseMs = LongMs, .freeClientMs = ShortMs};
-  const boost::shared_ptr<CBackupMountCfg> cfg = MountCfg("vm1");
+  const boost::shared_ptr<CBackupMountCfg> cfg = MountCfg(AgentPipe);
   const boost::shared_ptr<CCompletionEventsAllocator> allocator = boost::make_shared<CCompletionEventsAllocator>();
-  std::unique_ptr<FakeMountAgent> agent = std::make_unique<FakeMountAgent>("vm1");
+  std::unique_ptr<FakeMountAgent> agent = std::make_unique<FakeMountAgent>(AgentPipe);
 };
 
 }  // namespace test

@@ -6,11 +6,7 @@
 
 CRemoteFsFile::CRemoteFsFile(boost::shared_ptr<CRemoteFsConnector> connector, std::string path, const GUID& mountUid,
                              const SRemoteHandle& handle, std::uint64_t sizeHint)
-    : connector_(std::move(connector)),
-      path_(std::move(path)),
-      mountUid_(mountUid),
-      access_(*connector_->GetConfig()),
-      handle_(handle) {
+    : CRemoteFsItem(std::move(connector), std::move(path), mountUid), handle_(handle) {
   attributes_.attributes = platform::FileAttributeNormal;
   attributes_.SetSize(sizeHint);
   times_.CopyTo(attributes_);
@@ -59,19 +55,6 @@ void CRemoteFsFile::GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) {
   }
   const std::lock_guard lock(lock_);
   attributes = attributes_;
-}
-
-void CRemoteFsFile::SetPermissions(bool /*read*/, bool /*write*/) {
-  times_.NoteWrite();
-}
-
-void CRemoteFsFile::SetTimes(const FILETIME* creation, const FILETIME* lastAccess, const FILETIME* lastWrite) {
-  times_.SetGiven(creation, lastAccess, lastWrite);
-}
-
-bool CRemoteFsFile::GetMountUid(GUID& mountUid) {
-  mountUid = mountUid_;
-  return true;
 }
 
 void CRemoteFsFile::Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) {

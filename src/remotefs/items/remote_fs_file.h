@@ -22,7 +22,7 @@ struct SRemoteHandle {
 ///
 /// A handle is never used on another connection than its own, where it could be that of another file: the first
 /// operation after a reconnection opens the file anew.
-class CRemoteFsFile : public IFsFile {
+class CRemoteFsFile : public CRemoteFsItem<IFsFile> {
  public:
   /// sizeHint: bytes. Without a handle the file waits for the agent; with one, its size is asked at once, and a failure
   /// is thrown as "Failed to open file [%1] using pipe [%2]." with its cause.
@@ -31,13 +31,6 @@ class CRemoteFsFile : public IFsFile {
 
   void GetItemSpec(SFsItemSpec& spec) override;
   void GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) override;
-  /// The agent knows of none: the times alone change.
-  void SetPermissions(bool read, bool write) override;
-  void SetTimes(const FILETIME* creation, const FILETIME* lastAccess, const FILETIME* lastWrite) override;
-  bool Exists() override { return true; }
-  bool GetMountUid(GUID& mountUid) override;
-  bool IsAddressAllowed(const sockaddr_in& address) override { return access_.IsAddressAllowed(address); }
-  std::string GetAllowedHostAddr() override { return access_.Text(); }
   void Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) override;
   void Write(std::uint64_t offset, std::uint32_t count, const void* data) override;
   void Resize(std::uint64_t newSize) override;
@@ -51,12 +44,6 @@ class CRemoteFsFile : public IFsFile {
   std::int32_t HandleOn(const CRemoteVfsClientHolder& client);
   bool OpenOn(const CRemoteVfsClientHolder& client, std::int32_t& handle);
   void RefreshAttributes();
-
-  const boost::shared_ptr<CRemoteFsConnector> connector_;
-  const std::string path_;
-  const GUID mountUid_;
-  const CRemoteFsAccess access_;
-  CRemoteFsTimes times_;
 
   mutable std::mutex lock_;  // Guards all below.
   SRemoteHandle handle_;

@@ -27,10 +27,7 @@ bool IsRecent(std::uint32_t last, std::uint32_t now) {
 
 CRemoteFsFolder::CRemoteFsFolder(boost::shared_ptr<CRemoteFsConnector> connector, std::string path,
                                  const GUID& mountUid)
-    : connector_(std::move(connector)),
-      path_(std::move(path)),
-      mountUid_(mountUid),
-      access_(*connector_->GetConfig()) {}
+    : CRemoteFsItem(std::move(connector), std::move(path), mountUid) {}
 
 void CRemoteFsFolder::GetItemSpec(SFsItemSpec& spec) {
   spec = SFsItemSpec{};
@@ -44,19 +41,6 @@ void CRemoteFsFolder::GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) {
   attributes = WIN32_FILE_ATTRIBUTE_DATA{};
   attributes.attributes = platform::FileAttributeDirectory;
   times_.CopyTo(attributes);
-}
-
-void CRemoteFsFolder::SetPermissions(bool /*read*/, bool /*write*/) {
-  times_.NoteWrite();
-}
-
-void CRemoteFsFolder::SetTimes(const FILETIME* creation, const FILETIME* lastAccess, const FILETIME* lastWrite) {
-  times_.SetGiven(creation, lastAccess, lastWrite);
-}
-
-bool CRemoteFsFolder::GetMountUid(GUID& mountUid) {
-  mountUid = mountUid_;
-  return true;
 }
 
 void CRemoteFsFolder::Enumerate(SFsEnumeration& enumeration) {

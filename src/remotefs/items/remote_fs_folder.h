@@ -14,7 +14,7 @@
 
 /// Lists and opens; its entries cannot be made, removed or renamed. A mount is published as the one with an empty path.
 /// Any thread.
-class CRemoteFsFolder : public IFsFolder {
+class CRemoteFsFolder : public CRemoteFsItem<IFsFolder> {
  public:
   /// Asks the agent nothing.
   CRemoteFsFolder(boost::shared_ptr<CRemoteFsConnector> connector, std::string path, const GUID& mountUid);
@@ -22,13 +22,6 @@ class CRemoteFsFolder : public IFsFolder {
   void GetItemSpec(SFsItemSpec& spec) override;
   /// Without the agent.
   void GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) override;
-  void SetPermissions(bool read, bool write) override;
-  void SetTimes(const FILETIME* creation, const FILETIME* lastAccess, const FILETIME* lastWrite) override;
-  bool Exists() override { return true; }
-  bool GetMountUid(GUID& mountUid) override;
-  bool IsAddressAllowed(const sockaddr_in& address) override { return access_.IsAddressAllowed(address); }
-  std::string GetAllowedHostAddr() override { return access_.Text(); }
-
   /// An agent that does not answer leaves the listing unavailable.
   void Enumerate(SFsEnumeration& enumeration) override;
   boost::shared_ptr<IFsItem> CreateFile(const std::string& name, const std::string& allowedHostAddr) override;
@@ -56,12 +49,6 @@ class CRemoteFsFolder : public IFsFolder {
   boost::shared_ptr<IFsItem> Wrap(const boost::shared_ptr<IFsFile>& file) const;
   boost::shared_ptr<IFsItem> MakePlaceholder(const SFsItemSpec& spec) const;
   void ProcessLookupFail(const std::string& name, const std::exception& failure) noexcept;
-
-  const boost::shared_ptr<CRemoteFsConnector> connector_;
-  const std::string path_;
-  const GUID mountUid_;
-  const CRemoteFsAccess access_;
-  CRemoteFsTimes times_;
 
   std::mutex lookupLock_;  // Guards the rest.
   std::map<std::string, std::uint32_t> lookupFailTicks_;
