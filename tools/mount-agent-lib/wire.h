@@ -61,7 +61,8 @@ void Put(bytes_t& out, T number) {
 
 inline void PutCounted(bytes_t& out, std::string_view bytes) {
   Put(out, static_cast<std::uint32_t>(bytes.size()));
-  out.insert(out.end(), bytes.begin(), bytes.end());
+  const auto* const begin = reinterpret_cast<const std::uint8_t*>(bytes.data());
+  out.insert(out.end(), begin, begin + bytes.size());
 }
 
 }  // namespace mount_agent
