@@ -53,6 +53,7 @@ class CProgram : public IXdrRpcInterface {
     const CXDRCallCompletionRec place = completionQueue->Reserve(writer, reader->UInt());
     const std::lock_guard guard(lock_);
     held_.emplace(number, place);
+    heldChanged_.notify_all();
   }
   void ProcessCall(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer,
                    CVirtualFs&) override {
@@ -80,8 +81,10 @@ class CProgram : public IXdrRpcInterface {
     const std::lock_guard guard(lock_);
     return held_.size();
   }
+  /// Of a call that is held, or on its way here.
   void End(std::uint32_t number) {
     std::unique_lock guard(lock_);
+    heldChanged_.wait(guard, [&] { return held_.contains(number); });
     const auto place = held_.extract(held_.find(number));
     guard.unlock();
     place.mapped().Complete();
@@ -99,6 +102,7 @@ class CProgram : public IXdrRpcInterface {
  private:
   std::mutex lock_;
   std::condition_variable opened_;
+  std::condition_variable heldChanged_;
   std::multimap<std::uint32_t, CXDRCallCompletionRec> held_;
   bool isOpen_ = false;
 };
