@@ -176,8 +176,8 @@ class FakeMountAgent {
   void Run() {
     for (;;) {
       const int client = client_ ? client_->Descriptor() : -1;
-      // The next one waits until this one has gone.
-      const int next = client_ ? -1 : listener_->Descriptor();
+      // The next one waits until this one has gone, unless a reset was meant for it.
+      const int next = client_ && !mayBeForgotten_ ? -1 : listener_->Descriptor();
       std::array<pollfd, 4> entries{
           {{stop_.Get(), POLLIN, 0}, {reset_->Descriptor(), POLLIN, 0}, {client, POLLIN, 0}, {next, POLLIN, 0}}};
       if (::poll(entries.data(), entries.size(), -1) < 0)
@@ -187,16 +187,17 @@ class FakeMountAgent {
       if (entries[1].revents != 0) {
         client_.reset();
         CountReset();
-      } else if (entries[2].revents != 0) {
-        ServeRequest();
       } else if (entries[3].revents != 0) {
         Accept();
+      } else if (entries[2].revents != 0) {
+        ServeRequest();
       }
     }
   }
 
   void CountReset() {
     reset_->Reset();
+    wasReset_ = true;
     const std::lock_guard lock(mutex_);
     ++resets_;
     changed_.notify_all();
@@ -205,9 +206,14 @@ class FakeMountAgent {
   void Accept() {
     if (listener_->Accept(client_) != 0)
       return;
-    // Whoever resets does so before it connects: a reset seen only now was for the client before.
-    if (reset_->IsSet())
+    // Whoever resets does so before it connects. A reset seen only now was for the client before; or this one was taken
+    // late, and the one that it is for is still to come. The same when one reset was seen where two were signalled.
+    mayBeForgotten_ = reset_->IsSet() || wasReset_;
+    wasReset_ = false;
+    if (reset_->IsSet()) {
       CountReset();
+      wasReset_ = false;
+    }
     handles_.clear();
     const std::lock_guard lock(mutex_);
     ++clients_;
@@ -305,6 +311,8 @@ class FakeMountAgent {
 
   // The thread's alone.
   boost::shared_ptr<platform::message_pipe_t> client_;
+  bool wasReset_ = false;        ///< Since the last client came.
+  bool mayBeForgotten_ = false;  ///< The client that comes next takes its place.
   std::vector<std::string> handles_;
 
   mutable std::mutex mutex_;  // Guards the rest.
