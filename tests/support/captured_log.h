@@ -5,6 +5,7 @@
 #include <boost/make_shared.hpp>
 #include <functional>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +23,7 @@ class CapturedLog {
     std::string text;   ///< With its indentation.
 
     bool operator==(const Line&) const = default;
+    friend void PrintTo(const Line& line, std::ostream* out) { *out << line.level << " [" << line.text << ']'; }
   };
 
   explicit CapturedLog(bool verbose = false) : receiver_(boost::make_shared<Receiver>()) {

@@ -309,7 +309,7 @@ TEST_F(NfsProgram, WithoutVerboseNoCallIsTraced) {
   const test::CapturedLog log;
   Call(0);
   Call(21);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(Traced(log), IsEmpty());
 }
 
 TEST_F(NfsProgram, InterfaceAnswersAsTheFunction) {
