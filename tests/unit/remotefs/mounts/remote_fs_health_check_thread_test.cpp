@@ -124,6 +124,7 @@ TEST_F(HealthCheck, WaitsBeforeItsFirstPass) {
 
 TEST_F(HealthCheck, SaysAndAsksNothingWhenAllIsWell) {
   mounter->Mount(mountUid, cfg);
+  agent->WaitForClients(1);
   Start();
   const std::size_t requests = agent->Requests().size();
   const CapturedLog log;
