@@ -49,6 +49,17 @@ class WrapperTest : public testing::Test {
     while (!IsIdle())
       std::this_thread::yield();
   }
+  /// A stop that soon says when it has to wait.
+  static SFsInvocationLimits TellingLimits() {
+    SFsInvocationLimits limits;
+    limits.stopLimitMs = 10;
+    limits.longStopLimitMs = PatientMs;
+    return limits;
+  }
+  static void WaitUntilStopWaits(const CapturedLog& log) {
+    while (!log.Has("Invocation thread for 'hostfs' didn't stop in 3 minutes. Waiting for stop."))
+      std::this_thread::yield();
+  }
   /// Every operation, with its result.
   void CallAll() {
     SFsItemSpec spec;
@@ -349,7 +360,8 @@ TEST_F(WrapperTest, AStuckLoanFillsTheQueueAsAStuckThreadDoes) {
 }
 
 TEST_F(WrapperTest, StopCancelsWhatIsQueuedBehindAThread) {
-  Make();
+  const CapturedLog log;
+  Make(1, TellingLimits());
   Gate gate;
   Occupy(gate);
   const auto callback = boost::make_shared<RecordingCallback>();
@@ -364,8 +376,9 @@ TEST_F(WrapperTest, StopCancelsWhatIsQueuedBehindAThread) {
   });
   WaitQueued(2);
   std::thread stopper([&] { invoker->Stop(); });
+  WaitUntilStopWaits(log);
   // What runs comes to its end first.
-  EXPECT_FALSE(callback->told.Wait(20));
+  EXPECT_FALSE(callback->told.Wait(0));
   gate.Open();
   stopper.join();
   caller.join();
@@ -375,7 +388,8 @@ TEST_F(WrapperTest, StopCancelsWhatIsQueuedBehindAThread) {
 }
 
 TEST_F(WrapperTest, StopCancelsWhatIsQueuedBehindALoanAfterItsEnd) {
-  Make();
+  const CapturedLog log;
+  Make(1, TellingLimits());
   Gate gate;
   file->action = [&](const std::string&) { gate.Enter(); };
   std::thread lender([&] { EXPECT_NO_THROW(wrapper->Resize(1)); });
@@ -383,7 +397,8 @@ TEST_F(WrapperTest, StopCancelsWhatIsQueuedBehindALoanAfterItsEnd) {
   const auto callback = boost::make_shared<RecordingCallback>();
   wrapper->AsyncWrite(0, 1, "x", callback);
   std::thread stopper([&] { invoker->Stop(); });
-  EXPECT_FALSE(callback->told.Wait(20));
+  WaitUntilStopWaits(log);
+  EXPECT_FALSE(callback->told.Wait(0));
   gate.Open();
   lender.join();
   stopper.join();
@@ -424,24 +439,15 @@ TEST_F(WrapperTest, DestructionFailsWhatIsQueued) {
 
 TEST_F(WrapperTest, AThreadThatStopsLateIsToldOfAndWaitedFor) {
   const CapturedLog log;
-  SFsInvocationLimits limits;
+  const SFsInvocationLimits limits;
   EXPECT_EQ(limits.stopLimitMs, 180000u);
   EXPECT_EQ(limits.longStopLimitMs, 1814400000u);
   EXPECT_EQ(limits.callLimitMs, 1814400000u);
-  limits.stopLimitMs = 10;
-  limits.longStopLimitMs = PatientMs;
-  Make(1, limits);
+  Make(1, TellingLimits());
   Gate gate;
   Occupy(gate);
-  const std::string late = "Invocation thread for 'hostfs' didn't stop in 3 minutes. Waiting for stop.";
-  const auto told = [&] {
-    const auto texts = log.Texts();
-    return std::any_of(texts.begin(), texts.end(),
-                       [&](const std::string& text) { return text.find(late) != std::string::npos; });
-  };
   std::thread stopper([&] { invoker->Stop(); });
-  while (!told())
-    std::this_thread::yield();
+  WaitUntilStopWaits(log);
   gate.Open();
   stopper.join();
   const auto texts = log.Texts();
