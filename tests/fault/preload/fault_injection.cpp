@@ -1,0 +1,1 @@
+#include "fault/preload/fault_injection.h"
