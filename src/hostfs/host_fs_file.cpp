@@ -8,7 +8,7 @@
 
 namespace error = platform::error;
 
-CHostFsFile::CHostFsFile(boost::shared_ptr<CHostFsNode> node, boost::shared_ptr<IAddressChecker> addressChecker)
+CHostFsFile::CHostFsFile(CHostFsNodePtr node, boost::shared_ptr<IAddressChecker> addressChecker)
     : node_(std::move(node)), addressChecker_(std::move(addressChecker)) {}
 
 void CHostFsFile::GetItemSpec(SFsItemSpec& spec) {

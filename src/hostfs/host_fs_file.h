@@ -15,7 +15,7 @@ class IAddressChecker;
 class CHostFsFile : public IFsFile {
  public:
   /// The checker may be null: then every address is allowed.
-  CHostFsFile(boost::shared_ptr<CHostFsNode> node, boost::shared_ptr<IAddressChecker> addressChecker);
+  CHostFsFile(CHostFsNodePtr node, boost::shared_ptr<IAddressChecker> addressChecker);
 
   void GetItemSpec(SFsItemSpec& spec) override;
   void GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) override;
@@ -39,6 +39,6 @@ class CHostFsFile : public IFsFile {
   };
   SOpenFile CachedFile(HostFsFileCache::use_t use) const;
 
-  const boost::shared_ptr<CHostFsNode> node_;
+  const CHostFsNodePtr node_;
   const boost::shared_ptr<IAddressChecker> addressChecker_;
 };

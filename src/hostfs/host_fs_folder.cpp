@@ -123,7 +123,7 @@ boost::shared_ptr<CHostFsFolder> CHostFsFolder::Create(const std::string& path,
       CAddressCheckerFactory::Get()->CreateItemChecker(allowedHostAddr), isRootFolder);
 }
 
-CHostFsFolder::CHostFsFolder(boost::shared_ptr<CHostFsNode> node, boost::shared_ptr<CFsProcInvoker> invoker,
+CHostFsFolder::CHostFsFolder(CHostFsNodePtr node, boost::shared_ptr<CFsProcInvoker> invoker,
                              boost::shared_ptr<CCompletionEventsAllocator> allocator,
                              boost::shared_ptr<IAddressChecker> addressChecker, bool isRootFolder)
     : node_(std::move(node)),
@@ -132,7 +132,7 @@ CHostFsFolder::CHostFsFolder(boost::shared_ptr<CHostFsNode> node, boost::shared_
       addressChecker_(std::move(addressChecker)),
       isRootFolder_(isRootFolder) {}
 
-CHostFsFolder::CHostFsFolder(boost::shared_ptr<CHostFsNode> node, boost::shared_ptr<CFsProcInvoker> invoker,
+CHostFsFolder::CHostFsFolder(CHostFsNodePtr node, boost::shared_ptr<CFsProcInvoker> invoker,
                              boost::shared_ptr<CCompletionEventsAllocator> allocator, bool isRootFolder)
     : CHostFsFolder(std::move(node), std::move(invoker), std::move(allocator), nullptr, isRootFolder) {}
 
@@ -236,7 +236,7 @@ std::optional<SFsFolderState> CHostFsFolder::GetState() {
   return failure == error::Success ? std::optional(AsItemState(state)) : std::nullopt;
 }
 
-boost::shared_ptr<IFsItem> CHostFsFolder::MakeItem(const boost::shared_ptr<CHostFsNode>& node, bool isFolder,
+boost::shared_ptr<IFsItem> CHostFsFolder::MakeItem(const CHostFsNodePtr& node, bool isFolder,
                                                    const boost::shared_ptr<IAddressChecker>& checker) {
   if (isFolder) {
     return boost::make_shared<CHostFsFolder>(node, invoker_, allocator_, checker, false);
@@ -244,7 +244,7 @@ boost::shared_ptr<IFsItem> CHostFsFolder::MakeItem(const boost::shared_ptr<CHost
   return boost::make_shared<CAsyncFsFileWrapper>(boost::make_shared<CHostFsFile>(node, checker), invoker_, allocator_);
 }
 
-boost::shared_ptr<CHostFsNode> CHostFsFolder::FindChild(const std::string& name, bool& isFolder) {
+CHostFsNodePtr CHostFsFolder::FindChild(const std::string& name, bool& isFolder) {
   host_fs_item::CheckUtf8(name);
   if (!platform::IsPlainName(name)) {
     return nullptr;
@@ -268,7 +268,7 @@ boost::shared_ptr<CHostFsNode> CHostFsFolder::FindChild(const std::string& name,
 
 boost::shared_ptr<IFsItem> CHostFsFolder::OpenChild(const std::string& name) {
   bool isFolder = false;
-  const boost::shared_ptr<CHostFsNode> child = FindChild(name, isFolder);
+  const CHostFsNodePtr child = FindChild(name, isFolder);
   // A checker of equal text would be a lookup for each entry of a listing. An empty one has no text to hand down.
   const bool isInherited = addressChecker_ && !addressChecker_->IsEmpty();
   return child ? MakeItem(child, isFolder, isInherited ? addressChecker_ : MakeChecker({})) : nullptr;
@@ -276,7 +276,7 @@ boost::shared_ptr<IFsItem> CHostFsFolder::OpenChild(const std::string& name) {
 
 boost::shared_ptr<IFsItem> CHostFsFolder::ResumeChild(const std::string& name, const SFsItemSpec& spec) {
   bool isFolder = false;
-  const boost::shared_ptr<CHostFsNode> child = FindChild(name, isFolder);
+  const CHostFsNodePtr child = FindChild(name, isFolder);
   return child ? MakeItem(child, isFolder, MakeChecker(spec.allowedHostAddr)) : nullptr;
 }
 

@@ -30,11 +30,11 @@ class CHostFsFolder : public IFsFolder {
                                                  const std::string& allowedHostAddr, bool isRootFolder,
                                                  platform::files_t& files = platform::SystemFiles());
 
-  CHostFsFolder(boost::shared_ptr<CHostFsNode> node, boost::shared_ptr<CFsProcInvoker> invoker,
+  CHostFsFolder(CHostFsNodePtr node, boost::shared_ptr<CFsProcInvoker> invoker,
                 boost::shared_ptr<CCompletionEventsAllocator> allocator,
                 boost::shared_ptr<IAddressChecker> addressChecker, bool isRootFolder);
   /// Without a checker.
-  CHostFsFolder(boost::shared_ptr<CHostFsNode> node, boost::shared_ptr<CFsProcInvoker> invoker,
+  CHostFsFolder(CHostFsNodePtr node, boost::shared_ptr<CFsProcInvoker> invoker,
                 boost::shared_ptr<CCompletionEventsAllocator> allocator, bool isRootFolder);
 
   void GetItemSpec(SFsItemSpec& spec) override;
@@ -66,13 +66,13 @@ class CHostFsFolder : public IFsFolder {
   void DeleteRecursively();
 
  private:
-  boost::shared_ptr<CHostFsNode> FindChild(const std::string& name, bool& isFolder);
-  boost::shared_ptr<IFsItem> MakeItem(const boost::shared_ptr<CHostFsNode>& node, bool isFolder,
+  CHostFsNodePtr FindChild(const std::string& name, bool& isFolder);
+  boost::shared_ptr<IFsItem> MakeItem(const CHostFsNodePtr& node, bool isFolder,
                                       const boost::shared_ptr<IAddressChecker>& checker);
   std::string ChildPath(const std::string& name) const;
   bool RestoreRootFolder();
 
-  const boost::shared_ptr<CHostFsNode> node_;
+  const CHostFsNodePtr node_;
   const boost::shared_ptr<CFsProcInvoker> invoker_;
   const boost::shared_ptr<CCompletionEventsAllocator> allocator_;
   const boost::shared_ptr<IAddressChecker> addressChecker_;

@@ -2,6 +2,7 @@
 
 #include <boost/make_shared.hpp>
 #include <mutex>
+#include <vector>
 
 /// What the nodes of one tree share.
 class CHostFsTree {
@@ -12,48 +13,114 @@ class CHostFsTree {
   const boost::shared_ptr<platform::root_folder_t> root;
   platform::files_t& files;
   std::mutex renames;     // Held from before a rename on the host until the nodes have followed; taken before `lock`.
-  std::mutex lock;        // Guards the nodes' links and names, and `age`. Never held over a file operation.
+  std::mutex lock;        // Guards the nodes' links and names, and the rest. Never held over a file operation.
   std::uint64_t age = 1;  // Grows with each rename; a location made before is looked up anew.
+
+  /// Notes that the node keeps its location. The one that has kept its own for longest gives it up, since a location
+  /// is larger than all else that a node has, and making it again costs little beside the call that asks for it.
+  void KeepLocation(const CHostFsNode& node) {
+    if (node.keptAt_ != 0)
+      return;
+    if (kept_.size() < MaxLocations) {
+      kept_.push_back(nullptr);
+      next_ = kept_.size() - 1;
+    } else {
+      next_ = (next_ + 1) % kept_.size();
+    }
+    if (const CHostFsNode* const oldest = kept_[next_]) {
+      oldest->location_.reset();
+      oldest->keptAt_ = 0;
+    }
+    kept_[next_] = &node;
+    node.keptAt_ = static_cast<std::uint32_t>(next_ + 1);
+  }
+  /// The node keeps its location for itself, or goes.
+  void ForgetLocation(const CHostFsNode& node) noexcept {
+    if (node.keptAt_ != 0)
+      kept_[node.keptAt_ - 1] = nullptr;
+    node.keptAt_ = 0;
+  }
+
+ private:
+  static constexpr std::size_t MaxLocations = 16384;
+
+  std::vector<const CHostFsNode*> kept_;
+  std::size_t next_ = 0;
 };
 
-boost::shared_ptr<CHostFsNode> CHostFsNode::CreateRoot(const std::string& path, platform::files_t& files) {
-  const auto tree = boost::make_shared<CHostFsTree>(path, files);
-  return boost::shared_ptr<CHostFsNode>(new CHostFsNode(tree, nullptr, std::string()));
+CHostFsNodePtr CHostFsNode::CreateRoot(const std::string& path, platform::files_t& files) {
+  auto tree = std::make_unique<CHostFsTree>(path, files);
+  CHostFsNodePtr root(new CHostFsNode(tree.get(), nullptr, std::string()));
+  tree.release();
+  return root;
 }
 
-CHostFsNode::CHostFsNode(boost::shared_ptr<CHostFsTree> tree, boost::shared_ptr<CHostFsNode> parent, std::string name)
-    : tree_(std::move(tree)), parent_(std::move(parent)), name_(std::move(name)) {}
+CHostFsNode::CHostFsNode(CHostFsTree* tree, CHostFsNodePtr parent, std::string name)
+    : tree_(tree), parent_(std::move(parent)), name_(std::move(name)) {}
 
 CHostFsNode::~CHostFsNode() {
-  if (!parent_) {
-    return;
-  }
   const std::lock_guard<std::mutex> lock(tree_->lock);
-  const auto own = parent_->children_.find(name_);
-  if (own != parent_->children_.end() && own->second.expired()) {
-    parent_->children_.erase(own);
-  }
+  tree_->ForgetLocation(*this);
+  if (!parent_ || !parent_->children_)
+    return;
+  const auto own = parent_->children_->find(this);
+  if (own != parent_->children_->end() && *own == this)
+    parent_->children_->erase(own);
 }
 
-boost::shared_ptr<CHostFsNode> CHostFsNode::Child(const std::string& name) {
+void CHostFsNode::Release() noexcept {
+  if (uses_.fetch_sub(1, std::memory_order_acq_rel) != 1)
+    return;
+  const std::unique_ptr<CHostFsTree> tree(parent_ ? nullptr : tree_);
+  delete this;
+}
+
+CHostFsNodePtr CHostFsNode::FindLocked(std::string_view name) const {
+  if (!children_)
+    return {};
+  const auto found = children_->find(name);
+  if (found == children_->end())
+    return {};
+  std::uint32_t uses = (*found)->uses_.load(std::memory_order_relaxed);
+  while (uses != 0) {
+    if ((*found)->uses_.compare_exchange_weak(uses, uses + 1, std::memory_order_acquire, std::memory_order_relaxed))
+      return CHostFsNodePtr(*found, false);
+  }
+  return {};
+}
+
+CHostFsNodePtr CHostFsNode::TakeLocked(std::string_view name) {
+  CHostFsNodePtr node = FindLocked(name);
+  if (children_) {
+    if (const auto found = children_->find(name); found != children_->end())
+      children_->erase(found);
+  }
+  return node;
+}
+
+void CHostFsNode::PutLocked(CHostFsNode* child) {
+  if (!children_)
+    children_ = std::make_unique<children_t>();
+  // One of the name that is just going makes room.
+  if (const auto old = children_->find(child); old != children_->end())
+    children_->erase(old);
+  children_->insert(child);
+}
+
+CHostFsNodePtr CHostFsNode::Child(const std::string& name) {
   // Declared outside the lock: the end of a node takes it.
-  boost::shared_ptr<CHostFsNode> child;
+  CHostFsNodePtr child;
   {
     const std::lock_guard<std::mutex> lock(tree_->lock);
-    const auto found = children_.find(name);
-    if (found != children_.end()) {
-      child = found->second.lock();
-    }
+    child = FindLocked(name);
   }
-  if (child) {
+  if (child)
     return child;
-  }
-  const boost::shared_ptr<CHostFsNode> made(new CHostFsNode(tree_, shared_from_this(), name));
+  const CHostFsNodePtr made(new CHostFsNode(tree_, this, name));
   const std::lock_guard<std::mutex> lock(tree_->lock);
-  boost::weak_ptr<CHostFsNode>& place = children_[name];
-  child = place.lock();
+  child = FindLocked(name);
   if (!child) {
-    place = made;
+    PutLocked(made.get());
     child = made;
   }
   return child;
@@ -76,6 +143,7 @@ boost::shared_ptr<const platform::location_t> CHostFsNode::LocationLocked() cons
     location_ = boost::make_shared<const platform::location_t>(around->Child(name_));
   }
   locationAge_ = tree_->age;
+  tree_->KeepLocation(*this);
   return location_;
 }
 
@@ -114,29 +182,23 @@ platform::error_t CHostFsNode::RenameChild(const std::string& oldName, const std
 }
 
 void CHostFsNode::Relink(const std::string& oldName, const std::string& newName, const std::string& replacedName) {
-  boost::shared_ptr<CHostFsNode> moved;
-  boost::shared_ptr<CHostFsNode> replaced[2];
+  // Declared outside the lock, as in Child.
+  CHostFsNodePtr moved;
+  CHostFsNodePtr replaced[2];
   const std::lock_guard<std::mutex> lock(tree_->lock);
-  const auto take = [this](const std::string& name) {
-    boost::shared_ptr<CHostFsNode> node;
-    if (const auto found = children_.find(name); found != children_.end()) {
-      node = found->second.lock();
-      children_.erase(found);
-    }
-    return node;
-  };
-  moved = take(oldName);
-  replaced[0] = take(newName);
-  replaced[1] = take(replacedName);
-  for (const boost::shared_ptr<CHostFsNode>& node : replaced) {
+  moved = TakeLocked(oldName);
+  replaced[0] = TakeLocked(newName);
+  replaced[1] = TakeLocked(replacedName);
+  for (const CHostFsNodePtr& node : replaced) {
     if (node) {
       node->LocationLocked();  // The last one, for texts.
+      tree_->ForgetLocation(*node);
       node->isReplaced_ = true;
     }
   }
   if (moved) {
     moved->name_ = newName;
-    children_[newName] = moved;
+    PutLocked(moved.get());
   }
   ++tree_->age;
 }

@@ -1,32 +1,37 @@
 // Where a host item is: its place in the tree of names, which renames move.
 #pragma once
 
-#include <boost/enable_shared_from_this.hpp>
+#include <atomic>
 #include <boost/shared_ptr.hpp>
-#include <boost/weak_ptr.hpp>
+#include <boost/smart_ptr/intrusive_ptr.hpp>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
-#include <unordered_map>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "platform/files.h"
 
+class CHostFsNode;
 class CHostFsTree;
+
+using CHostFsNodePtr = boost::intrusive_ptr<CHostFsNode>;
 
 /// One name below a share's root, shared by all items that stand for it and by all items below it. An item asks for
 /// its location at each call, so after a rename it answers at its new place, and so does everything below a folder
-/// that was renamed; nobody has to tell them. Any thread.
-class CHostFsNode : public boost::enable_shared_from_this<CHostFsNode> {
+/// that was renamed; nobody has to tell them. There is one for each item of the catalogue, so it is kept small: counted
+/// inside, with nothing in it that only folders need. Any thread.
+class CHostFsNode {
  public:
   /// The root of a new tree.
-  static boost::shared_ptr<CHostFsNode> CreateRoot(const std::string& path, platform::files_t& files);
+  static CHostFsNodePtr CreateRoot(const std::string& path, platform::files_t& files);
   CHostFsNode(const CHostFsNode&) = delete;
   CHostFsNode& operator=(const CHostFsNode&) = delete;
-  ~CHostFsNode();
 
   /// The node of a name, as the host spells it, in this folder. Two calls give one node while anyone holds it.
-  boost::shared_ptr<CHostFsNode> Child(const std::string& name);
+  CHostFsNodePtr Child(const std::string& name);
   /// Where it is now; null when a rename has put something else in its place.
   boost::shared_ptr<const platform::location_t> Location() const;
   /// The path for texts: the present one, or the last one of a node that was replaced.
@@ -59,18 +64,47 @@ class CHostFsNode : public boost::enable_shared_from_this<CHostFsNode> {
                                 const std::function<platform::error_t()>& rename);
 
  private:
-  CHostFsNode(boost::shared_ptr<CHostFsTree> tree, boost::shared_ptr<CHostFsNode> parent, std::string name);
+  friend class CHostFsTree;
+  friend void intrusive_ptr_add_ref(CHostFsNode* node) noexcept { node->uses_.fetch_add(1, std::memory_order_relaxed); }
+  friend void intrusive_ptr_release(CHostFsNode* node) noexcept { node->Release(); }
+
+  struct SNameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>()(name); }
+    std::size_t operator()(const CHostFsNode* node) const noexcept { return (*this)(std::string_view(node->name_)); }
+  };
+  struct SNameEqual {
+    using is_transparent = void;
+    static std::string_view Name(std::string_view name) noexcept { return name; }
+    static std::string_view Name(const CHostFsNode* node) noexcept { return node->name_; }
+    template <typename Left, typename Right>
+    bool operator()(const Left& left, const Right& right) const noexcept {
+      return Name(left) == Name(right);
+    }
+  };
+  using children_t = std::unordered_set<CHostFsNode*, SNameHash, SNameEqual>;
+
+  CHostFsNode(CHostFsTree* tree, CHostFsNodePtr parent, std::string name);
+  ~CHostFsNode();
+  void Release() noexcept;
+  /// Empty for none, and for one that is just going.
+  CHostFsNodePtr FindLocked(std::string_view name) const;
+  CHostFsNodePtr TakeLocked(std::string_view name);
+  void PutLocked(CHostFsNode* child);
   void Relink(const std::string& oldName, const std::string& newName, const std::string& replacedName);
   boost::shared_ptr<const platform::location_t> LocationLocked() const;
   boost::shared_ptr<const platform::location_t> LocationAfterRenames() const;
 
-  const boost::shared_ptr<CHostFsTree> tree_;
-  const boost::shared_ptr<CHostFsNode> parent_;
+  CHostFsTree* const tree_;  // Owned by the root, which all others hold by their parents.
+  const CHostFsNodePtr parent_;
+  std::atomic<std::uint32_t> uses_ = 0;  // Counted up from 0 by the maker alone: at 0 it is going.
 
-  // Guarded by the tree's lock. The location is kept until some rename in the tree makes it doubtful.
-  std::string name_;
+  // Guarded by the tree's lock. The location is kept until some rename in the tree makes it doubtful, or until so many
+  // others were asked for theirs that the tree gives it up.
+  mutable std::uint32_t keptAt_ = 0;  // Its place among the locations that the tree keeps, 0 for none.
   bool isReplaced_ = false;
-  std::unordered_map<std::string, boost::weak_ptr<CHostFsNode>> children_;
+  std::string name_;
+  std::unique_ptr<children_t> children_;  // Nodes that live elsewhere, and leave when they end.
   mutable boost::shared_ptr<const platform::location_t> location_;
   mutable std::uint64_t locationAge_ = 0;
 };
