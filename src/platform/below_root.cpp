@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/lookup_scope.h"
+
 namespace platform {
 namespace {
 
@@ -72,21 +74,52 @@ error_t parent_t::Open(const location_t& where) {
   if (where.IsRoot()) {
     return error::AccessDenied;
   }
-  if (const error_t failure = where.Root().Acquire(root_); failure != error::Success) {
-    return failure;
-  }
   name_ = where.Name();
   std::string_view around = where.Relative();
   around.remove_suffix(name_.size());
+  const bool mayPassLinks = where.LinkedLength() >= around.size();
+  return mayPassLinks && lookup_scope_t::IsOpen() ? OpenInScope(where, around) : OpenAnew(where, around);
+}
+
+error_t parent_t::OpenAnew(const location_t& where, std::string_view around) {
+  if (const error_t failure = where.Root().Acquire(shared_); failure != error::Success) {
+    return failure;
+  }
   const std::string_view linked = around.substr(0, where.LinkedLength());
   error_t failure = error::Success;
   if (!linked.empty()) {
-    failure = OpenBelow(root_->Get(), linked, O_PATH | O_DIRECTORY, 0, folder_);
+    failure = OpenBelow(shared_->Get(), linked, O_PATH | O_DIRECTORY, 0, folder_);
   }
   if (failure == error::Success && linked.size() < around.size()) {
     descriptor_t below(-1);
     failure = OpenBelow(Folder(), around.substr(linked.size()), O_PATH | O_DIRECTORY, 0, below, links_t::Refused);
     folder_ = std::move(below);
+  }
+  return failure;
+}
+
+error_t parent_t::OpenInScope(const location_t& where, std::string_view around) {
+  const root_folder_t& root = where.Root();
+  const std::string_view relative = around.substr(0, around.empty() ? 0 : around.size() - 1);
+  shared_ = lookup_scope_t::Find(root, relative);
+  if (shared_) {
+    return error::Success;
+  }
+  shared_ = lookup_scope_t::Find(root, {});
+  if (!shared_) {
+    if (const error_t failure = where.Root().Acquire(shared_); failure != error::Success) {
+      return failure;
+    }
+    lookup_scope_t::Remember(where.SharedRoot(), {}, shared_);
+  }
+  if (relative.empty()) {
+    return error::Success;
+  }
+  descriptor_t opened(-1);
+  const error_t failure = OpenBelow(shared_->Get(), around, O_PATH | O_DIRECTORY, 0, opened);
+  if (failure == error::Success) {
+    shared_ = boost::make_shared<const descriptor_t>(std::move(opened));
+    lookup_scope_t::Remember(where.SharedRoot(), relative, shared_);
   }
   return failure;
 }

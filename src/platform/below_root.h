@@ -25,15 +25,19 @@ error_t OpenBelow(int folder, std::string_view relative, int flags, mode_t mode,
 /// The folder that holds the last component of a location, and that component.
 class parent_t {
  public:
-  /// Finds the folder around a location, for calls that name the entry themselves. The root has none: error 5.
+  /// Finds the folder around a location, for calls that name the entry themselves. The root has none: error 5. One
+  /// that the calling thread's lookup_scope_t has met is not looked for again. Once.
   error_t Open(const location_t& where);
 
-  int Folder() const { return folder_.IsOpen() ? folder_.Get() : root_->Get(); }
+  int Folder() const { return folder_.IsOpen() ? folder_.Get() : shared_->Get(); }
   const std::string& Name() const { return name_; }
 
  private:
-  boost::shared_ptr<const descriptor_t> root_;
-  descriptor_t folder_{-1};  // None for what lies in the root itself.
+  error_t OpenAnew(const location_t& where, std::string_view around);
+  error_t OpenInScope(const location_t& where, std::string_view around);
+
+  boost::shared_ptr<const descriptor_t> shared_;  // The root, or the folder itself when the thread's scope keeps it.
+  descriptor_t folder_{-1};                       // None when the other is the folder.
   std::string name_;
 };
 

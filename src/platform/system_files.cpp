@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "platform/lookup_scope.h"
 #include "platform/system_file.h"
 #include "platform/text.h"
 
@@ -84,6 +85,12 @@ error_t system_files_t::Look(const location_t& where, host_status_t& status, std
     spelling.clear();
     const error_t failure = ReadPathStatus(where.Path(), status);
     return failure == error::Success && !S_ISDIR(status.mode) ? error::PathNotFound : failure;
+  }
+  if (lookup_scope_t::IsOpen() && where.LinkedLength() == where.Relative().size()) {
+    if (const auto folder = lookup_scope_t::Find(where.Root(), where.Relative())) {
+      spelling = where.Name();
+      return ReadStatus(folder->Get(), status);
+    }
   }
   parent_t parent;
   error_t failure = parent.Open(where);
@@ -231,23 +238,26 @@ error_t system_files_t::Open(const location_t& where, const file_request_t& requ
 }
 
 error_t system_files_t::SetReadOnly(const location_t& where, bool readOnly) {
-  descriptor_t file(-1);
+  const auto isAsWanted = [readOnly](mode_t mode) { return ((mode & AnyWriteBit) == 0) == readOnly; };
   host_status_t status;
-  error_t failure = OpenFound(where, O_PATH, file);
+  std::string spelling;
+  // Mostly there is nothing to change: a client that creates a file says what it is to be.
+  error_t failure = Look(where, status, spelling);
+  if (failure != error::Success || isAsWanted(status.mode)) {
+    return failure;
+  }
+  descriptor_t file(-1);
+  failure = OpenFound(where, O_PATH, file);
   if (failure == error::Success) {
     failure = ReadStatus(file.Get(), status);
   }
-  if (failure != error::Success) {
+  if (failure != error::Success || isAsWanted(status.mode)) {
     return failure;
-  }
-  const mode_t present = status.mode & 07777;
-  const bool isReadOnly = (present & AnyWriteBit) == 0;
-  if (isReadOnly == readOnly) {
-    return error::Success;
   }
   // A mode cannot be changed through a path descriptor, but through the name that the process has for it.
   char name[32];
   std::snprintf(name, sizeof(name), "/proc/self/fd/%d", file.Get());
+  const mode_t present = status.mode & 07777;
   const mode_t wanted = readOnly ? present & ~AnyWriteBit : present | S_IWUSR;
   return ::chmod(name, wanted) == 0 ? error::Success : LastError();
 }
@@ -277,6 +287,9 @@ error_t system_files_t::Unlink(const location_t& where, int flags) {
   const folder_names_t::change_t change = names_.BeginChange(parent.Folder());
   const error_t failure = ::unlinkat(parent.Folder(), parent.Name().c_str(), flags) == 0 ? error::Success : LastError();
   names_.EndChange(parent.Folder(), change, {}, failure == error::Success ? parent.Name() : std::string());
+  if ((flags & AT_REMOVEDIR) != 0) {
+    lookup_scope_t::Forget();
+  }
   return failure;
 }
 
@@ -286,6 +299,7 @@ error_t system_files_t::DeleteFile(const location_t& where) {
 
 error_t system_files_t::RemoveFolder(const location_t& where) {
   if (where.IsRoot()) {
+    lookup_scope_t::Forget();
     return ::rmdir(where.Path().c_str()) == 0 ? error::Success : LastError();
   }
   return Unlink(where, AT_REMOVEDIR);
@@ -298,6 +312,7 @@ error_t system_files_t::MoveEntry(const entry_t& from, const entry_t& to) {
   const error_t failure = isDone ? error::Success : LastError();
   names_.EndChange(from.folder, source, {}, isDone ? from.name : std::string());
   names_.EndChange(to.folder, target, isDone ? to.name : std::string(), {});
+  lookup_scope_t::Forget();
   return failure;
 }
 
@@ -380,6 +395,7 @@ error_t system_files_t::GetDiskSpace(const location_t& where, disk_space_t& spac
 }
 
 error_t system_files_t::CreateFolderAt(const std::string& path) {
+  lookup_scope_t::Forget();
   return ::mkdir(path.c_str(), NewFolderMode) == 0 ? error::Success : LastError();
 }
 

@@ -1,6 +1,7 @@
 #include "programs/program_dispatch.h"
 
 #include "foundation/log.h"
+#include "platform/lookup_scope.h"
 #include "programs/busy_scope.h"
 
 namespace {
@@ -49,6 +50,7 @@ const SProcedure* OpenCall(const SProgram& program, bool isClientAllowed, CXDRRe
 void DispatchCall(const SProgram& program, bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader,
                   CXDRWriter& writer, CVirtualFs& fs) {
   const CBusyScope busy;
+  const platform::lookup_scope_t scope;
   const SProcedure* const procedure = OpenCall(program, isClientAllowed, reader, writer);
   if (procedure == nullptr)
     return;

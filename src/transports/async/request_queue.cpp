@@ -10,6 +10,7 @@
 
 #include "foundation/log.h"
 #include "foundation/thread.h"
+#include "platform/lookup_scope.h"
 
 namespace impl {
 namespace {
@@ -112,6 +113,8 @@ bool CRequestQueue::Take(std::vector<SItem>& batch) {
 void CRequestQueue::Work() noexcept {
   std::vector<SItem> batch;
   while (Take(batch)) {
+    // What arrived together may be served as if at one moment: folders on the way to its files are looked up once.
+    const platform::lookup_scope_t scope;
     if (continueParked_.exchange(false)) {
       RunParked();
     }
