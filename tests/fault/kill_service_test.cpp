@@ -24,7 +24,7 @@ KELVO_WIRE_SUITE(KillServiceTest);
 
 TEST_P(KillServiceTest, WhatWasAnsweredOutlivesEveryKill) {
   constexpr unsigned Loads = 4;
-  CCampaign campaign(5);
+  CCampaign campaign(4);
   SCOPED_TRACE(campaign.Text());
   std::vector<std::unique_ptr<CMixedLoad>> loads;
   for (unsigned i = 0; i < Loads; ++i)
