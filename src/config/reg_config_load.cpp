@@ -23,7 +23,8 @@ std::vector<registry_node_t> ReadSubKeys(std::string_view key) {
   registry_t& registry = registry_t::Instance();
   ThrowIfFailed(registry.CreateKey(key), "Failed to create registry key [%1].", key);
   std::vector<registry_node_t> nodes;
-  ThrowIfFailed(registry.VisitKeys(key, [&](const registry_node_t& node) { nodes.push_back(node); }),
+  ThrowIfFailed(registry.VisitKeys(key, registry_t::visit_order_t::ByName,
+                                   [&](const registry_node_t& node) { nodes.push_back(node); }),
                 "Failed to open registry key [%1].", key);
   return nodes;
 }
@@ -51,7 +52,7 @@ void LinkChildren(std::map<std::uint64_t, SNfsNodeResumeInfo>& items) {
   for (const auto& [fid, item] : items) {
     const auto parent = items.find(item.parentFid);
     if (parent != items.end())
-      parent->second.children.insert(parent->second.children.end(), fid);
+      parent->second.children.push_back(fid);
   }
 }
 
@@ -108,12 +109,15 @@ void CRegConfig::LoadItems(SRegConfigData& data) {
     logging::log_scope_t scope(g_nfs_log, "Enumerating NFS items mounted early.");
     // Told afterwards: nobody may turn to the registry during a visit, and a receiver of the log may have to.
     std::list<std::pair<std::string, boost::shared_ptr<exc::exc_base_t>>> failures;
-    const platform::error_t opened =
-        registry_t::Instance().VisitKeys(regkeys::ItemsCache, [&](const registry_node_t& node) {
+    const platform::error_t opened = registry_t::Instance().VisitKeys(
+        regkeys::ItemsCache, registry_t::visit_order_t::AsStored, [&](const registry_node_t& node) {
           try {
             SNfsNodeResumeInfo item = regconfig::ReadItem(node);
             const std::uint64_t fid = item.fid;
-            data.items.insert_or_assign(fid, std::move(item));
+            const auto [known, isNew] = data.items.try_emplace(fid, std::move(item));
+            // Of two spellings of one number, the one that the service writes is the one that it removes.
+            if (!isNew && node.name == std::to_string(fid))
+              known->second = std::move(item);
           } catch (const std::exception& failure) {
             failures.emplace_back(node.name, exc::CloneException(failure));
           }

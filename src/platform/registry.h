@@ -67,11 +67,14 @@ class registry_t {
   /// The values, in the order of their names. One that cannot be read is left out.
   virtual error_t EnumerateValues(std::string_view key, std::vector<registry_value_t>& values) = 0;
 
+  /// ByName goes from place to place in the file. AsStored is in no order that means anything and reads the file from
+  /// its begin to its end: for a key that holds most of what the registry has.
+  enum class visit_order_t { ByName, AsStored };
   /// Called for each key of a visit. Must not call the registry. What it throws ends the visit and passes through.
   using visitor_t = std::function<void(const registry_node_t& node)>;
-  /// Visits the sub-keys in order, each with its values, its own sub-keys and their values, but nothing deeper: one
-  /// pass over the file, all of one moment. The fast way to read many keys.
-  virtual error_t VisitKeys(std::string_view key, const visitor_t& visit) = 0;
+  /// Visits the sub-keys, each with its values, its own sub-keys and their values (these in the order of their names),
+  /// but nothing deeper: one pass over the file, all of one moment. The fast way to read many keys.
+  virtual error_t VisitKeys(std::string_view key, visit_order_t order, const visitor_t& visit) = 0;
   /// Reads the key with everything below it. The root's name is empty.
   virtual error_t ReadTree(std::string_view key, registry_node_t& node) = 0;
 

@@ -265,15 +265,16 @@ error_t registry_tables_t::Values(std::int64_t id, std::vector<registry_value_t>
   return query.Error();
 }
 
-error_t registry_tables_t::Visit(std::int64_t id, const registry_t::visitor_t& visit) {
+error_t registry_tables_t::Visit(std::int64_t id, registry_t::visit_order_t order, const registry_t::visitor_t& visit) {
   constexpr int KeyOfSubKey = 5;
-  sqlite_query_t keyQuery(visitKeys_);
-  sqlite_query_t subKeyQuery(visitSubKeys_);
+  const bool isScan = order == registry_t::visit_order_t::AsStored;
+  sqlite_query_t keyQuery(isScan ? scanKeys_ : visitKeys_);
+  sqlite_query_t subKeyQuery(isScan ? scanSubKeys_ : visitSubKeys_);
   keyQuery.Bind(id);
   subKeyQuery.Bind(id);
   key_rows_t keys(keyQuery);
   key_rows_t subKeys(subKeyQuery);
-  // Both come in the order of the keys' names, so each sub-key's turn is when its key is read.
+  // Both come in the same order of the keys, so each sub-key's turn is when its key is read.
   while (keys.HasMore()) {
     registry_node_t node;
     const std::int64_t key = keys.Take(node);

@@ -57,7 +57,7 @@ class registry_tables_t {
 
   error_t KeyNames(std::int64_t id, std::vector<std::string>& names);
   error_t Values(std::int64_t id, std::vector<registry_value_t>& values);
-  error_t Visit(std::int64_t id, const registry_t::visitor_t& visit);
+  error_t Visit(std::int64_t id, registry_t::visit_order_t order, const registry_t::visitor_t& visit);
   /// Fills everything but the name.
   error_t ReadTree(std::int64_t id, registry_node_t& node, unsigned depth);
 
@@ -97,6 +97,15 @@ class registry_tables_t {
                                    "SELECT s.id, s.name, v.name, v.type, v.data, k.id FROM keys k "
                                    "CROSS JOIN keys s ON s.parent = k.id LEFT JOIN vals v ON v.key = s.id "
                                    "WHERE k.parent = ? ORDER BY k.name, s.name, v.name"};
+  /// In the order of the tables, which are then read once, page by page: in any other order a row of a large registry
+  /// is hardly ever on a page that is still in memory.
+  sqlite_statement_t scanKeys_{db_,
+                               "SELECT k.id, k.name, v.name, v.type, v.data FROM keys k NOT INDEXED "
+                               "LEFT JOIN vals v ON v.key = k.id WHERE k.parent = ? ORDER BY k.id, v.name"};
+  sqlite_statement_t scanSubKeys_{db_,
+                                  "SELECT s.id, s.name, v.name, v.type, v.data, k.id FROM keys k NOT INDEXED "
+                                  "CROSS JOIN keys s ON s.parent = k.id LEFT JOIN vals v ON v.key = s.id "
+                                  "WHERE k.parent = ? ORDER BY k.id, s.name, v.name"};
 
   /// Keys by their folded paths: those that others are looked up below, few and asked for again and again.
   std::map<std::string, std::int64_t, std::less<>> known_;

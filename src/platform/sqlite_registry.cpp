@@ -267,8 +267,8 @@ error_t sqlite_registry_t::EnumerateValues(std::string_view key, std::vector<reg
   return impl_->Read(key, [&values](registry_tables_t& tables, std::int64_t id) { return tables.Values(id, values); });
 }
 
-error_t sqlite_registry_t::VisitKeys(std::string_view key, const visitor_t& visit) {
-  return impl_->Read(key, [&visit](registry_tables_t& tables, std::int64_t id) { return tables.Visit(id, visit); });
+error_t sqlite_registry_t::VisitKeys(std::string_view key, visit_order_t order, const visitor_t& visit) {
+  return impl_->Read(key, [&](registry_tables_t& tables, std::int64_t id) { return tables.Visit(id, order, visit); });
 }
 
 error_t sqlite_registry_t::ReadTree(std::string_view key, registry_node_t& node) {

@@ -30,8 +30,8 @@ class ForwardingRegistry : public platform::registry_t {
   platform::error_t EnumerateValues(std::string_view key, std::vector<platform::registry_value_t>& values) override {
     return target_.EnumerateValues(key, values);
   }
-  platform::error_t VisitKeys(std::string_view key, const visitor_t& visit) override {
-    return target_.VisitKeys(key, visit);
+  platform::error_t VisitKeys(std::string_view key, visit_order_t order, const visitor_t& visit) override {
+    return target_.VisitKeys(key, order, visit);
   }
   platform::error_t ReadTree(std::string_view key, platform::registry_node_t& node) override {
     return target_.ReadTree(key, node);

@@ -65,9 +65,9 @@ class FaultyRegistry : public platform::registry_t {
     const platform::error_t number = Fault("EnumerateValues", key);
     return number != 0 ? number : target_.EnumerateValues(key, values);
   }
-  platform::error_t VisitKeys(std::string_view key, const visitor_t& visit) override {
+  platform::error_t VisitKeys(std::string_view key, visit_order_t order, const visitor_t& visit) override {
     const platform::error_t number = Fault("VisitKeys", key);
-    return number != 0 ? number : target_.VisitKeys(key, visit);
+    return number != 0 ? number : target_.VisitKeys(key, order, visit);
   }
   platform::error_t ReadTree(std::string_view key, platform::registry_node_t& node) override {
     const platform::error_t number = Fault("ReadTree", key);

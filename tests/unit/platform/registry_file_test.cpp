@@ -135,7 +135,9 @@ TEST_F(RegistryFileTest, DamagedPagesAreTold) {
     file.seekp(4096);
     file << std::string(static_cast<std::size_t>(size - 4096), '\xA5');
   }
-  EXPECT_EQ(registry_.VisitKeys("Items", [](const platform::registry_node_t&) {}), error::BadDatabase);
+  EXPECT_EQ(registry_.VisitKeys("Items", platform::registry_t::visit_order_t::ByName,
+                                [](const platform::registry_node_t&) {}),
+            error::BadDatabase);
   EXPECT_EQ(registry_.SetText("Items\\7", "name", "x"), error::BadDatabase);
   registry_transaction_t transaction(registry_);
   EXPECT_EQ(registry_.CreateKey("Items\\8"), error::BadDatabase);

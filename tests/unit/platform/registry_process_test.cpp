@@ -91,7 +91,7 @@ TEST_F(RegistryProcessTest, AKilledWriterLeavesWholeItems) {
 
     sqlite_registry_t registry(path_);
     int items = 0;
-    ASSERT_EQ(registry.VisitKeys("Items",
+    ASSERT_EQ(registry.VisitKeys("Items", platform::registry_t::visit_order_t::ByName,
                                  [&](const registry_node_t& node) {
                                    const int number = std::stoi(node.name);
                                    items += number >= round * 100000 ? 1 : 0;
@@ -193,7 +193,8 @@ TEST_F(RegistryProcessTest, AFullDiskLosesNothingAndHealsItself) {
     EXPECT_EQ(registry_.FindKey(ItemKey(number)), 0U) << number;
   EXPECT_EQ(registry_.FindKey(ItemKey(200000)), error::FileNotFound);
   EXPECT_EQ(registry_.FindKey("Late"), error::FileNotFound);
-  EXPECT_EQ(registry_.VisitKeys("Items", [](const registry_node_t& node) { EXPECT_TRUE(IsWhole(node)) << node.name; }),
+  EXPECT_EQ(registry_.VisitKeys("Items", platform::registry_t::visit_order_t::ByName,
+                                [](const registry_node_t& node) { EXPECT_TRUE(IsWhole(node)) << node.name; }),
             0U);
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <optional>
 #include <stdexcept>
 
@@ -83,7 +84,9 @@ TEST_F(RegistryTest, WhatIsNotThereIsNumber2) {
   EXPECT_THAT(names, IsEmpty());
   registry_node_t node;
   EXPECT_EQ(registry_.ReadTree("B", node), error::FileNotFound);
-  EXPECT_EQ(registry_.VisitKeys("B", [](const registry_node_t&) { FAIL(); }), error::FileNotFound);
+  EXPECT_EQ(
+      registry_.VisitKeys("B", platform::registry_t::visit_order_t::ByName, [](const registry_node_t&) { FAIL(); }),
+      error::FileNotFound);
 }
 
 TEST_F(RegistryTest, TypedReadsTakeAnotherTypeAsAbsent) {
@@ -183,32 +186,37 @@ TEST_F(RegistryTest, AVisitReadsKeysWithTheirSubKeys) {
   ASSERT_EQ(registry_.CreateKey("Items\\3\\{c}"), 0U);
   ASSERT_EQ(registry_.SetDword("Items", "own", 1), 0U);
   ASSERT_EQ(registry_.SetDword("Other\\4", "x", 1), 0U);
-  std::vector<registry_node_t> nodes;
-  ASSERT_EQ(registry_.VisitKeys("items", [&](const registry_node_t& node) { nodes.push_back(node); }), 0U);
-  ASSERT_EQ(nodes.size(), 3U);
-  EXPECT_EQ(nodes[0].name, "1");
-  EXPECT_THAT(nodes[0].values, IsEmpty());
-  EXPECT_THAT(nodes[0].keys, IsEmpty());
-  EXPECT_EQ(nodes[1].name, "2");
-  EXPECT_THAT(nodes[1].values,
-              ElementsAre(registry_value_t{"name", std::string("two")}, registry_value_t{"parent", std::string("1")}));
-  ASSERT_EQ(nodes[1].keys.size(), 2U);
-  EXPECT_EQ(nodes[1].keys[0].name, "{a}");
-  EXPECT_THAT(nodes[1].keys[0].values,
-              ElementsAre(registry_value_t{"isFolder", 0U}, registry_value_t{"path", std::string("p")}));
-  EXPECT_THAT(nodes[1].keys[0].keys, IsEmpty());
-  EXPECT_EQ(nodes[1].keys[1].name, "{b}");
-  EXPECT_THAT(nodes[1].keys[1].values, ElementsAre(registry_value_t{"isFolder", 1U}));
-  ASSERT_EQ(nodes[2].keys.size(), 1U);
-  EXPECT_EQ(nodes[2].keys[0].name, "{c}");
-  EXPECT_THAT(nodes[2].keys[0].values, IsEmpty());
+  for (const auto order :
+       {platform::registry_t::visit_order_t::ByName, platform::registry_t::visit_order_t::AsStored}) {
+    std::vector<registry_node_t> nodes;
+    ASSERT_EQ(registry_.VisitKeys("items", order, [&](const registry_node_t& node) { nodes.push_back(node); }), 0U);
+    if (order == platform::registry_t::visit_order_t::AsStored)
+      std::sort(nodes.begin(), nodes.end(), [](const auto& left, const auto& right) { return left.name < right.name; });
+    ASSERT_EQ(nodes.size(), 3U);
+    EXPECT_EQ(nodes[0].name, "1");
+    EXPECT_THAT(nodes[0].values, IsEmpty());
+    EXPECT_THAT(nodes[0].keys, IsEmpty());
+    EXPECT_EQ(nodes[1].name, "2");
+    EXPECT_THAT(nodes[1].values, ElementsAre(registry_value_t{"name", std::string("two")},
+                                             registry_value_t{"parent", std::string("1")}));
+    ASSERT_EQ(nodes[1].keys.size(), 2U);
+    EXPECT_EQ(nodes[1].keys[0].name, "{a}");
+    EXPECT_THAT(nodes[1].keys[0].values,
+                ElementsAre(registry_value_t{"isFolder", 0U}, registry_value_t{"path", std::string("p")}));
+    EXPECT_THAT(nodes[1].keys[0].keys, IsEmpty());
+    EXPECT_EQ(nodes[1].keys[1].name, "{b}");
+    EXPECT_THAT(nodes[1].keys[1].values, ElementsAre(registry_value_t{"isFolder", 1U}));
+    ASSERT_EQ(nodes[2].keys.size(), 1U);
+    EXPECT_EQ(nodes[2].keys[0].name, "{c}");
+    EXPECT_THAT(nodes[2].keys[0].values, IsEmpty());
+  }
 }
 
 TEST_F(RegistryTest, WhatAVisitorThrowsEndsTheVisitAlone) {
   ASSERT_EQ(registry_.CreateKey("A\\1"), 0U);
   ASSERT_EQ(registry_.CreateKey("A\\2"), 0U);
   int seen = 0;
-  EXPECT_THROW(registry_.VisitKeys("A",
+  EXPECT_THROW(registry_.VisitKeys("A", platform::registry_t::visit_order_t::ByName,
                                    [&](const registry_node_t&) {
                                      ++seen;
                                      throw std::runtime_error("enough");
@@ -225,7 +233,7 @@ TEST_F(RegistryTest, AVisitorThatTurnsToTheRegistryIsRefused) {
     std::optional<platform::registry_transaction_t> outer;
     if (inTransaction)
       outer.emplace(registry_);
-    ASSERT_EQ(registry_.VisitKeys("A",
+    ASSERT_EQ(registry_.VisitKeys("A", platform::registry_t::visit_order_t::ByName,
                                   [&](const registry_node_t&) {
                                     EXPECT_EQ(registry_.FindKey("A"), error::Busy);
                                     EXPECT_EQ(registry_.SetDword("A", "x", 1), error::Busy);

@@ -146,7 +146,7 @@ TEST_F(RegistryTransactionTest, AManyTimesLargerBatchIsOneTransaction) {
   }
   int seen = 0;
   sqlite_registry_t other(path_);
-  ASSERT_EQ(other.VisitKeys("Items",
+  ASSERT_EQ(other.VisitKeys("Items", platform::registry_t::visit_order_t::ByName,
                             [&](const platform::registry_node_t& node) {
                               ++seen;
                               EXPECT_EQ(node.values.size(), 1U);
