@@ -5,9 +5,9 @@
 #include <cstring>
 #include <utility>
 
-#include "config/reg_config_update_sink.h"
 #include "foundation/log.h"
 #include "vfs/items/virtual_fs_exc.h"
+#include "vfs/table/fs_items_tab_writes.h"
 
 namespace {
 
@@ -45,6 +45,7 @@ std::uint64_t CFsItemsTab::AddOne(std::uint64_t parentFid, const std::string& na
   std::uint64_t fid = InvalidFid;
   {
     const lock_t lock(mutex_);
+    WriteAgain(again_t::Deletions);
     fid = AddPrepared(parentFid, prepared, found, changes, removed);
   }
   LogRemoved(removed);
@@ -75,12 +76,16 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
     changes_t removed;
     {
       const lock_t lock(mutex_);
-      CRegConfigUpdateSink::CBatch batch(*updateSink_);
+      WriteAgain(again_t::Deletions);
+      // Outside of the transaction, with which it would come to nothing.
+      for (std::size_t i = begin; i < end && !movedFrom_.empty(); ++i)
+        FreeStoredPlace(parentFid, items[i].name, InvalidFid);
+      CWrites writes(*this);
       for (std::size_t i = begin; i < end; ++i) {
         if (items[i].item)
           items[i].fid = AddPrepared(parentFid, prepared[i - begin], found_t::Keep, changes, removed);
       }
-      batch.Commit();
+      writes.Commit();
       for (std::size_t i = begin; i < end; ++i) {
         const rec_ptr rec = items[i].item ? FindRec(items[i].fid) : nullptr;
         items[i].item = rec ? rec->Item() : nullptr;
@@ -110,6 +115,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   const bool wasFound = entry != listing_.end();
   const std::uint64_t fid = wasFound ? entry->second.fid : GenerateFid();
   if (wasFound && found == found_t::Keep) {
+    WriteAgain(fid);
     g_nfs_log.Info("Item [%1] was found. ID: [%2].", prepared.name, fid);
     return fid;
   }
@@ -123,7 +129,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
 
   FreeStoredPlace(parentFid, prepared.name, fid);
   ForgetMove(fid);
-  updateSink_->OnItemAdded(parentFid, prepared.name, fid, prepared.spec);
+  WriteRecord(fid, [&] { updateSink_->OnItemAdded(parentFid, prepared.name, fid, prepared.spec); });
   changes.push_back({prepared.name, fid, parentFid, wasFound});
   return fid;
 }

@@ -1,6 +1,7 @@
 // The catalogue of everything that a client can name.
 #pragma once
 
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <map>
@@ -42,7 +43,9 @@ struct SNfsChild {
 /// Any thread may call any operation. One recursive lock is held for the whole of each; no file work happens under it.
 /// Items are handed out by shared pointer and outlive their record in the hands of whoever uses them. Operations that
 /// return an item return an empty pointer for an unknown FID unless they say that they throw. Faults with a meaning for
-/// clients are CVirtualFsExc, others runtime_exc_t; nothing is rolled back.
+/// clients are CVirtualFsExc, others runtime_exc_t; nothing is rolled back. What could not be written to the registry
+/// is written later: nobody is given a handle before its item is stored, since it would be lost with the process, and
+/// nothing is stored at a place while the record of an item that was removed from there is left.
 class CFsItemsTab {
  public:
   explicit CFsItemsTab(boost::shared_ptr<CRegConfigUpdateSink> updateSink);
@@ -104,6 +107,11 @@ class CFsItemsTab {
   /// back there after a restart, whatever becomes of the backend's work. moverFid: the item that is to stand there, if
   /// it is one already.
   void ReleasePlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid = InvalidFid);
+  /// To be called before the handle of a child that the table knows is given out. Throws when its record could not be
+  /// stored, and still cannot be.
+  void RequireStored(std::uint64_t fid);
+  /// The same for all that are not stored.
+  void RequireAllStored();
   /// True when fid is ancestorFid or lies below it.
   bool IsSameOrBelow(std::uint64_t fid, std::uint64_t ancestorFid) const;
   /// A folder gives its primary.
@@ -193,6 +201,7 @@ class CFsItemsTab {
     bool wasFound;
   };
   using changes_t = std::vector<SChange>;
+  class CWrites;
 
   // All of these rely on the caller's lock, but for the writers of log lines, which are called without it.
   std::uint64_t GenerateFid() const;
@@ -210,6 +219,14 @@ class CFsItemsTab {
   void FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid);
   void NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid, const std::string& newName);
   void ForgetMove(std::uint64_t fid);
+  /// Runs a write of the item's record; one that fails is remembered.
+  template <typename Write>
+  void WriteRecord(std::uint64_t fid, const Write& write);
+  void NoteUnwritten(std::uint64_t fid);
+  enum class again_t { All, Deletions };
+  /// Throws at the first that fails.
+  void WriteAgain(again_t which);
+  void WriteAgain(std::uint64_t fid);
   void Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot, changes_t& removed);
   void DeleteChildren(std::uint64_t fid, const GUID* mountUid, changes_t& removed);
   void DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t& removed);
@@ -240,6 +257,10 @@ class CFsItemsTab {
   // these places.
   places_t movedFrom_;
   std::map<std::uint64_t, SMoved> movedItems_;
+  // Items whose record is not what it should be; those that are no items any more should have none.
+  std::set<std::uint64_t> unwritten_;
+  std::atomic<bool> hasUnwritten_ = false;  // Also read without the lock.
+  CWrites* writes_ = nullptr;               // Those of the transaction under way.
 
   const boost::shared_ptr<CRegConfigUpdateSink> updateSink_;
 };

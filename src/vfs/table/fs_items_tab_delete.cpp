@@ -2,10 +2,9 @@
 #include <iterator>
 #include <utility>
 
-#include "config/reg_config_update_sink.h"
 #include "foundation/log.h"
 #include "vfs/items/virtual_fs_exc.h"
-#include "vfs/table/fs_items_tab.h"
+#include "vfs/table/fs_items_tab_writes.h"
 
 namespace {
 
@@ -27,10 +26,10 @@ void CFsItemsTab::Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRo
     DeleteOne(fid, *rec, removed);
     return;
   }
-  CRegConfigUpdateSink::CBatch batch(*updateSink_);
+  CWrites writes(*this);
   DeleteChildren(fid, mountUid, removed);
   DeleteOne(fid, *rec, removed);
-  batch.Commit();
+  writes.Commit();
 }
 
 void CFsItemsTab::DeleteChildren(std::uint64_t fid, const GUID* mountUid, changes_t& removed) {
@@ -71,7 +70,7 @@ void CFsItemsTab::DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t
   slots_.ResetFolder(fid);
   ForgetMove(fid);
   items_.erase(fid);
-  updateSink_->OnItemDeleted(fid, nullptr);
+  WriteRecord(fid, [&] { updateSink_->OnItemDeleted(fid, nullptr); });
 }
 
 void CFsItemsTab::EraseListing(const CNfsItemRec& rec, std::uint64_t fid) {
@@ -150,9 +149,10 @@ void CFsItemsTab::FreeStoredPlace(std::uint64_t parentFid, const std::string& na
 
   const auto moved = movedItems_.find(fid);
   const bool hasLeftFolder = moved != movedItems_.end() && moved->second.hasLeftFolder;
-  ForgetMove(fid);
-  if (!rec)
+  if (!rec) {
+    ForgetMove(fid);
     return;
+  }
   if (hasLeftFolder) {
     // Nor is its object where the item is now: no place can be stored under which it would be found again, and better a
     // stale handle than one of another file.
@@ -160,4 +160,5 @@ void CFsItemsTab::FreeStoredPlace(std::uint64_t parentFid, const std::string& na
   } else {
     updateSink_->OnItemMoved(fid, rec->parentFid, rec->name);
   }
+  ForgetMove(fid);
 }

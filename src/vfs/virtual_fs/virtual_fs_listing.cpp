@@ -273,8 +273,10 @@ void CVirtualFs::ReadDirPlus(const READDIRPLUS3args& args, const sockaddr_in& cl
         if (args.cookie != 0)
           listing = itemsTab_->GetDirPlusCache(fid, clientKey);
         const bool isNew = !listing;
-        if (isNew)
+        if (isNew) {
           listing = FilterListing(RefreshDirListing(fid), client);
+          itemsTab_->RequireAllStored();
+        }
 
         const auto page = listing->TakePage(args.cookie);
         result.entries.clear();

@@ -53,8 +53,10 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
   CheckNameEncoding(name);
   std::uint64_t fid = InvalidFid;
   if (const auto item = KnownChild(*itemsTab_, parentFid, name, fid)) {
-    if (item->Exists())
+    if (item->Exists()) {
+      itemsTab_->RequireStored(fid);
       return fid;
+    }
     g_nfs_log.Info(
         "Item [%1] is registered in the Nfs hierarchy but the corresponding object on the disk was already deleted.",
         itemsTab_->GetItemPath(fid));

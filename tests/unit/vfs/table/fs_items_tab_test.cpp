@@ -138,6 +138,74 @@ TEST_F(FsItemsTab, AWriteThatFailsLeavesTheItemInTheTable) {
   EXPECT_NE(table.LookupChild(root, "disk"), InvalidFid);
 }
 
+TEST_F(FsItemsTab, AnItemThatCouldNotBeStoredIsStoredBeforeItsHandleIsGivenOut) {
+  sink->isBroken = true;
+  EXPECT_THROW(table.AddItem(root, "disk", MakeFile("disk")), exc::win_sys_exc_t);
+  EXPECT_THROW(table.AddItem(root, "other", MakeFile("other")), exc::win_sys_exc_t);
+  const auto disk = table.LookupChild(root, "disk");
+  const auto other = table.LookupChild(root, "other");
+  EXPECT_THROW(table.RequireStored(disk), exc::win_sys_exc_t);
+  EXPECT_THROW(table.RequireAllStored(), exc::win_sys_exc_t);
+  EXPECT_THROW(table.AddFoundItem(root, "disk", MakeFile("disk")), exc::win_sys_exc_t);
+  table.RequireStored(root);
+  sink->isBroken = false;
+  table.RequireStored(disk);
+  EXPECT_EQ(sink->records.at(disk).name, "disk");
+  EXPECT_EQ(sink->records.at(disk).parentFid, root);
+  EXPECT_FALSE(sink->records.contains(other));
+  table.RequireAllStored();
+  EXPECT_EQ(sink->records.at(other).name, "other");
+  const int writes = sink->writes;
+  table.RequireAllStored();
+  EXPECT_EQ(sink->writes, writes) << "once is enough";
+}
+
+TEST_F(FsItemsTab, ItemsOfATransactionThatFailedAreStoredLater) {
+  const auto folder = table.AddItem(root, "folder", MakeFolder("folder"));
+  std::vector<SNfsChild> items;
+  for (const char* name : {"a", "b", "c"})
+    items.push_back({name, InvalidFid, MakeFile(std::string("folder/") + name)});
+  sink->isCommitBroken = true;
+  EXPECT_THROW(table.AddItems(folder, items), exc::win_sys_exc_t);
+  EXPECT_EQ(sink->records.size(), 2U);
+  sink->isCommitBroken = false;
+  table.RequireAllStored();
+  for (const char* name : {"a", "b", "c"})
+    EXPECT_TRUE(sink->records.contains(table.LookupChild(folder, name))) << name;
+
+  sink->isCommitBroken = true;
+  EXPECT_THROW(table.RemoveItem(folder), exc::win_sys_exc_t);
+  EXPECT_EQ(table.LookupChild(root, "folder"), InvalidFid);
+  EXPECT_TRUE(sink->records.contains(folder));
+  sink->isCommitBroken = false;
+  table.RequireAllStored();
+  EXPECT_EQ(sink->records.size(), 1U) << "the root's";
+}
+
+TEST_F(FsItemsTab, NothingIsStoredAtAPlaceThatARemovedItemStillClaims) {
+  const auto old = table.AddItem(root, "disk", MakeFile("disk"));
+  sink->isBroken = true;
+  EXPECT_THROW(table.RemoveChild(root, "disk"), exc::win_sys_exc_t);
+  EXPECT_EQ(table.LookupChild(root, "disk"), InvalidFid);
+  EXPECT_THROW(table.AddItem(root, "disk", MakeFile("disk")), exc::win_sys_exc_t);
+  EXPECT_EQ(table.LookupChild(root, "disk"), InvalidFid);
+  sink->isBroken = false;
+  const auto young = table.AddItem(root, "disk", MakeFile("disk"));
+  EXPECT_NE(young, old);
+  EXPECT_FALSE(sink->records.contains(old));
+  EXPECT_TRUE(sink->records.contains(young));
+}
+
+TEST_F(FsItemsTab, AMovedItemWhosePlaceCouldNotBeFreedKeepsItUntilItCan) {
+  const auto moved = table.AddItem(root, "a", MakeFile("a"));
+  table.MoveItem(moved, root, "b");
+  sink->isBroken = true;
+  EXPECT_THROW(table.ReleasePlace(root, "a"), exc::win_sys_exc_t);
+  sink->isBroken = false;
+  table.ReleasePlace(root, "a");
+  EXPECT_EQ(sink->records.at(moved).name, "b");
+}
+
 TEST_F(FsItemsTab, RemovingAFolderRemovesAllBelowIt) {
   const auto folder = table.AddItem(root, "folder", MakeFolder("folder"));
   const auto sub = table.AddItem(folder, "sub", MakeFolder("folder/sub"));

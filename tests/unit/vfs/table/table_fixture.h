@@ -31,8 +31,7 @@ class CMemorySink : public CRegConfigUpdateSink {
   using CRegConfigUpdateSink::OnItemAdded;
   void OnItemAdded(std::uint64_t parentFid, const std::string& name, std::uint64_t fid,
                    const SFsItemSpec& spec) override {
-    if (isBroken)
-      throw exc::win_sys_exc_t("The registry is broken.", platform::error::DiskFull);
+    CheckBroken();
     SRecord& record = records[fid];
     record.parentFid = parentFid;
     record.name = name;
@@ -40,6 +39,7 @@ class CMemorySink : public CRegConfigUpdateSink {
     ++writes;
   }
   void OnItemDeleted(std::uint64_t fid, const GUID* mountUid) override {
+    CheckBroken();
     if (mountUid == nullptr) {
       records.erase(fid);
       return;
@@ -49,6 +49,7 @@ class CMemorySink : public CRegConfigUpdateSink {
       records.erase(fid);
   }
   void OnItemMoved(std::uint64_t fid, std::uint64_t parentFid, const std::string& name) override {
+    CheckBroken();
     const auto record = records.find(fid);
     if (record == records.end())
       return;
@@ -58,13 +59,30 @@ class CMemorySink : public CRegConfigUpdateSink {
 
   std::map<std::uint64_t, SRecord> records;
   bool isBroken = false;
+  bool isCommitBroken = false;  ///< What a batch wrote is taken back.
   int writes = 0;
   int batches = 0;
 
  protected:
-  void BeginBatch() override { ++batches; }
-  void CommitBatch() override {}
-  void RollbackBatch() noexcept override {}
+  void BeginBatch() override {
+    ++batches;
+    before_ = records;
+  }
+  void CommitBatch() override {
+    if (!isCommitBroken)
+      return;
+    RollbackBatch();
+    throw exc::win_sys_exc_t("The registry is broken.", platform::error::DiskFull);
+  }
+  void RollbackBatch() noexcept override { records = before_; }
+
+ private:
+  void CheckBroken() const {
+    if (isBroken)
+      throw exc::win_sys_exc_t("The registry is broken.", platform::error::DiskFull);
+  }
+
+  std::map<std::uint64_t, SRecord> before_;
 };
 
 inline GUID Guid(std::uint8_t number) {

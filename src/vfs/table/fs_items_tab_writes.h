@@ -1,0 +1,53 @@
+// How the table writes to the registry, and remembers what could not be written.
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <vector>
+
+#include "config/reg_config_update_sink.h"
+#include "vfs/table/fs_items_tab.h"
+
+/// Makes the table's writes one transaction, from here to Commit. When it fails, all of them are remembered as
+/// unwritten. Under the table's lock, and none inside another.
+class CFsItemsTab::CWrites {
+ public:
+  explicit CWrites(CFsItemsTab& tab) : tab_(tab), batch_(*tab.updateSink_) { tab_.writes_ = this; }
+  CWrites(const CWrites&) = delete;
+  CWrites& operator=(const CWrites&) = delete;
+  ~CWrites() {
+    tab_.writes_ = nullptr;
+    try {
+      for (const std::uint64_t fid : fids_)
+        tab_.NoteUnwritten(fid);
+    } catch (const std::exception&) {
+      // There is no memory for the note either.
+    }
+  }
+
+  void Add(std::uint64_t fid) { fids_.push_back(fid); }
+  /// Once, at the end. Throws when nothing was stored.
+  void Commit() {
+    batch_.Commit();
+    fids_.clear();
+  }
+
+ private:
+  CFsItemsTab& tab_;
+  std::vector<std::uint64_t> fids_;
+  CRegConfigUpdateSink::CBatch batch_;
+};
+
+template <typename Write>
+void CFsItemsTab::WriteRecord(std::uint64_t fid, const Write& write) {
+  if (writes_ != nullptr)
+    writes_->Add(fid);
+  try {
+    write();
+  } catch (const std::exception&) {
+    NoteUnwritten(fid);
+    throw;
+  }
+  if (!unwritten_.empty() && unwritten_.erase(fid) > 0)
+    hasUnwritten_.store(!unwritten_.empty(), std::memory_order_relaxed);
+}
