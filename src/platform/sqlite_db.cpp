@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include "platform/wal_writer.h"
+
 namespace platform {
 
 sqlite_db_t::~sqlite_db_t() {
@@ -10,7 +12,7 @@ sqlite_db_t::~sqlite_db_t() {
 
 error_t sqlite_db_t::Open(const std::string& path) {
   constexpr int Flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
-  const int result = sqlite3_open_v2(path.c_str(), &handle_, Flags, nullptr);
+  const int result = sqlite3_open_v2(path.c_str(), &handle_, Flags, GatheringVfs());
   if (result == SQLITE_OK)
     sqlite3_db_config(handle_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   return ErrorOf(result);
