@@ -14,6 +14,10 @@ namespace crash {
 
 namespace {
 
+/// More than any image has: a head that the crash has damaged may tell of notes without end.
+constexpr std::uint16_t MaxSegments = 64;
+constexpr std::uint64_t MaxNotesSize = 65536;
+
 std::uint64_t TakeHex(std::string_view& text) noexcept {
   std::uint64_t number = 0;
   while (!text.empty()) {
@@ -58,8 +62,8 @@ mapping_t ParseLine(std::string_view line) noexcept {
 
 }  // namespace
 
-process_reader_t::process_reader_t(std::uint32_t processId, arena_t& arena) noexcept
-    : processId_(processId), arena_(arena) {}
+process_reader_t::process_reader_t(std::uint32_t processId, arena_t& arena, const char* root) noexcept
+    : processId_(processId), root_(root), arena_(arena) {}
 
 process_reader_t::~process_reader_t() {
   if (memory_ >= 0)
@@ -68,7 +72,7 @@ process_reader_t::~process_reader_t() {
 
 void process_reader_t::PathOf(std::string_view tail, text_t& path) const noexcept {
   path.Clear();
-  path.Add("/proc/").AddDecimal(processId_).Add(tail);
+  path.Add(root_).Add('/').AddDecimal(processId_).Add(tail);
 }
 
 bool process_reader_t::Open(failure_t& failure) noexcept {
@@ -187,7 +191,7 @@ void process_reader_t::ReadBuildId(module_info_t& image) const noexcept {
   if (!Read(image.start, &head, sizeof head) || head.e_phentsize != sizeof(Elf64_Phdr))
     return;
   Elf64_Addr firstAddress = 0;
-  for (std::uint16_t i = 0; i < head.e_phnum; ++i) {
+  for (std::uint16_t i = 0; i < std::min(head.e_phnum, MaxSegments); ++i) {
     Elf64_Phdr segment{};
     if (!Read(image.start + head.e_phoff + i * sizeof segment, &segment, sizeof segment))
       return;
@@ -196,7 +200,8 @@ void process_reader_t::ReadBuildId(module_info_t& image) const noexcept {
     if (segment.p_type != PT_NOTE)
       continue;
     const std::uint64_t begin = image.start + segment.p_vaddr - firstAddress;
-    for (std::uint64_t at = 0; at + sizeof(Elf64_Nhdr) <= segment.p_memsz;) {
+    const std::uint64_t size = std::min(segment.p_memsz, MaxNotesSize);
+    for (std::uint64_t at = 0; at + sizeof(Elf64_Nhdr) <= size;) {
       Elf64_Nhdr note{};
       if (!Read(begin + at, &note, sizeof note))
         break;

@@ -41,7 +41,8 @@ struct module_info_t {
 /// arena. One thread, without the heap; needs the right to trace the process.
 class process_reader_t {
  public:
-  process_reader_t(std::uint32_t processId, arena_t& arena) noexcept;
+  /// root: where the system shows its processes; tests have one of their own. Must outlive the object.
+  process_reader_t(std::uint32_t processId, arena_t& arena, const char* root = "/proc") noexcept;
   process_reader_t(const process_reader_t&) = delete;
   process_reader_t& operator=(const process_reader_t&) = delete;
   ~process_reader_t();
@@ -50,7 +51,7 @@ class process_reader_t {
   bool Open(failure_t& failure) noexcept;
 
   std::uint32_t ProcessId() const noexcept { return processId_; }
-  /// "/proc/PID" and the tail.
+  /// The process's folder and the tail.
   void PathOf(std::string_view tail, text_t& path) const noexcept;
   /// True when all of it was read.
   bool Read(std::uint64_t address, void* place, std::size_t size) const noexcept;
@@ -71,6 +72,7 @@ class process_reader_t {
   void ReadBuildId(module_info_t& image) const noexcept;
 
   const std::uint32_t processId_;
+  const char* const root_;
   arena_t& arena_;
   int memory_ = -1;
   char* mapsText_ = nullptr;

@@ -1,4 +1,5 @@
 // Dumps of the test's own process, taken apart by hand.
+#include <elf.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ucontext.h>
@@ -193,6 +194,38 @@ TEST(ProcessReaderTest, AnArenaThatIsTooSmallIsAFailure) {
   failure_t failure;
   process_reader_t process(static_cast<std::uint32_t>(getpid()), arena);
   EXPECT_FALSE(process.Open(failure));
+}
+
+TEST(ProcessReaderTest, NotesOfAnImageThatDoNotEndAreGivenUp) {
+  // Zeros as far as the file goes, which are notes of nothing one after the other.
+  constexpr std::uint64_t Length = std::uint64_t{1} << 40;
+  constexpr std::uint64_t Start = 0x10000;
+  const test::TempDir root;
+  std::filesystem::create_directory(root / "7");
+  Elf64_Ehdr head{};
+  std::memcpy(head.e_ident, ELFMAG, SELFMAG);
+  head.e_phoff = sizeof head;
+  head.e_phentsize = sizeof(Elf64_Phdr);
+  head.e_phnum = 0xffff;
+  Elf64_Phdr segments[2]{};
+  segments[0].p_type = PT_LOAD;
+  segments[1].p_type = PT_NOTE;
+  segments[1].p_vaddr = 4096;
+  segments[1].p_memsz = Length;
+  {
+    std::ofstream memory(root / "7/mem", std::ios::binary);
+    memory.seekp(Start);
+    memory.write(reinterpret_cast<const char*>(&head), sizeof head);
+    memory.write(reinterpret_cast<const char*>(segments), sizeof segments);
+    std::ofstream(root / "7/maps") << "10000-20000 r-xp 00000000 08:01 17   /lib/a.so\n";
+  }
+  std::filesystem::resize_file(root / "7/mem", Length);
+  arena_t arena(std::size_t{8} << 20);
+  failure_t failure;
+  process_reader_t process(7, arena, root.Path().c_str());
+  ASSERT_TRUE(process.Open(failure)) << failure.Text();
+  ASSERT_EQ(process.ModuleCount(), 1U);
+  EXPECT_EQ(process.Module(0).buildIdSize, 0U);
 }
 
 TEST(ContextTest, AThreadThatWaitsTellsWhere) {
