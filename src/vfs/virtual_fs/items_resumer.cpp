@@ -1,12 +1,21 @@
 #include "vfs/virtual_fs/items_resumer.h"
 
 #include <boost/smart_ptr/shared_ptr.hpp>
+#include <optional>
 #include <vector>
 
 #include "config/nfs_node_resume_info.h"
 #include "foundation/log.h"
+#include "platform/lookup_scope.h"
 #include "vfs/table/fs_items_tab.h"
 #include "vfs/virtual_fs/operation.h"
+
+namespace {
+
+/// As many as are looked up while a scope is believed.
+constexpr std::size_t ChildrenInScope = 256;
+
+}  // namespace
 
 CItemsResumer::CItemsResumer(CFsItemsTab& itemsTab, const catalogue_t& catalogue)
     : itemsTab_(itemsTab), catalogue_(catalogue) {}
@@ -22,7 +31,13 @@ void CItemsResumer::Walk(std::uint64_t rootFid, const Resume& resume) {
     const auto parent = catalogue_.find(parentFid);
     if (parent == catalogue_.end())
       continue;
+    std::optional<platform::lookup_scope_t> scope;  // Most of what is asked of the host is asked of one folder.
+    std::size_t count = 0;
     for (const std::uint64_t childFid : parent->second.children) {
+      if (count++ % ChildrenInScope == 0) {
+        scope.reset();
+        scope.emplace();
+      }
       const auto node = catalogue_.find(childFid);
       if (node == catalogue_.end() || childFid == InvalidFid)
         continue;

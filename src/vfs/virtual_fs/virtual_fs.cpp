@@ -12,6 +12,7 @@
 #include "foundation/log.h"
 #include "hostfs/host_folders.h"
 #include "hostfs/host_fs_folder.h"
+#include "platform/memory.h"
 #include "platform/text.h"
 #include "remotefs/mounts/remote_fs_health_check_thread.h"
 #include "remotefs/mounts/remote_fs_mounter.h"
@@ -28,6 +29,7 @@ CVirtualFs::CVirtualFs()
   try {
     g_nfs_log.Info("Initializing virtual filesystem.");
     Initialize();
+    platform::ReturnFreeMemory();  // What was read of the registry takes half as much as what was made of it.
     g_nfs_log.Info("Virtual filesystem is initialized.");
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to initialize virtual file system.", failure);
