@@ -115,11 +115,13 @@ error_t registry_tables_t::BeginRead() {
 }
 
 error_t registry_tables_t::Commit() {
+  createdPath_.clear();
   return sqlite_query_t(commit_).Run();
 }
 
 void registry_tables_t::Rollback() noexcept {
   known_.clear();
+  createdPath_.clear();
   if (db_.InTransaction())
     db_.Execute("ROLLBACK");
 }
@@ -144,6 +146,7 @@ void registry_tables_t::Remember(std::string_view folded, std::int64_t id) {
 }
 
 void registry_tables_t::ForgetBelow(std::string_view folded) {
+  createdPath_.clear();
   const std::string first = std::string(folded) + '\\';
   const std::string last = std::string(folded) + static_cast<char>('\\' + 1);
   known_.erase(known_.lower_bound(first), known_.lower_bound(last));
@@ -162,9 +165,16 @@ error_t registry_tables_t::FindChild(std::int64_t parent, std::string_view name,
 error_t registry_tables_t::Walk(const registry_path_t& path, bool create, std::int64_t& id) {
   const std::size_t count = path.Components().size();
   std::size_t depth = count;
+  bool isEmpty = false;
   id = RootId;
   for (; depth > 0; --depth) {
-    const auto found = known_.find(path.Folded(depth));
+    const std::string_view folded = path.Folded(depth);
+    if (createdPath_ == folded) {
+      id = createdId_;
+      isEmpty = true;
+      break;
+    }
+    const auto found = known_.find(folded);
     if (found != known_.end()) {
       id = found->second;
       break;
@@ -173,14 +183,20 @@ error_t registry_tables_t::Walk(const registry_path_t& path, bool create, std::i
   for (; depth < count; ++depth) {
     const std::int64_t parent = id;
     const std::string_view name = path.Components()[depth];
-    error_t result = FindChild(parent, name, id);
+    error_t result = isEmpty ? error::FileNotFound : FindChild(parent, name, id);
+    isEmpty = false;
     if (result == error::FileNotFound && create) {
       result = sqlite_query_t(insertKey_).Bind(parent).Bind(name).Run();
       id = db_.LastInsertId();
+      isEmpty = true;
     }
     if (result != error::Success)
       return result;
-    if (depth + 1 < count)
+    if (isEmpty) {
+      createdPath_ = path.Folded(depth + 1);
+      createdId_ = id;
+    }
+    if (depth + 1 < count && !isEmpty)
       Remember(path.Folded(depth + 1), id);
   }
   return error::Success;

@@ -110,6 +110,10 @@ class registry_tables_t {
   /// Keys by their folded paths: those that others are looked up below, few and asked for again and again.
   std::map<std::string, std::int64_t, std::less<>> known_;
   std::int64_t knownVersion_ = -1;
+  /// The key that the open transaction created last, by its folded path; empty for none. Nothing is below it, and
+  /// mostly the next one will be.
+  std::string createdPath_;
+  std::int64_t createdId_ = 0;
 };
 
 }  // namespace platform

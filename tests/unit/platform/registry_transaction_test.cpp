@@ -18,6 +18,52 @@ class RegistryTransactionTest : public test::RegistryFixture {
   bool Has(const std::string& key) { return registry_.FindKey(key) == error::Success; }
 };
 
+TEST_F(RegistryTransactionTest, KeysMadeWithinOneAreFoundByIt) {
+  std::string text;
+  {
+    registry_transaction_t transaction(registry_);
+    ASSERT_EQ(registry_.SetText("a\\b", "name", "first"), 0U);
+    ASSERT_EQ(registry_.SetText("A\\B", "name", "second"), 0U);
+    ASSERT_EQ(registry_.SetText("a\\b\\c", "name", "below"), 0U);
+    ASSERT_EQ(registry_.SetText("a\\b\\d", "name", "beside"), 0U);
+    ASSERT_EQ(registry_.SetText("a\\B\\C", "name", "again"), 0U);
+    EXPECT_EQ(registry_.GetText("a\\b\\c", "name", text), 0U);
+    EXPECT_EQ(text, "again");
+    ASSERT_EQ(registry_.DeleteKey("a\\b"), 0U);
+    EXPECT_EQ(registry_.FindKey("a\\b\\d"), error::FileNotFound);
+    ASSERT_EQ(registry_.SetText("a\\b\\d", "name", "new"), 0U);
+    ASSERT_EQ(transaction.Commit(), 0U);
+  }
+  std::vector<std::string> names;
+  EXPECT_EQ(registry_.EnumerateKeys("a\\b", names), 0U);
+  EXPECT_EQ(names, std::vector<std::string>{"d"});
+  EXPECT_EQ(registry_.EnumerateKeys("a", names), 0U);
+  EXPECT_EQ(names, std::vector<std::string>{"b"});
+}
+
+TEST_F(RegistryTransactionTest, AKeyThatWasTakenBackIsMadeAnew) {
+  {
+    registry_transaction_t transaction(registry_);
+    ASSERT_EQ(registry_.SetText("a", "name", "text"), 0U);
+  }
+  EXPECT_EQ(registry_.SetText("a\\b", "name", "text"), 0U);
+  std::vector<std::string> names;
+  EXPECT_EQ(registry_.EnumerateKeys("", names), 0U);
+  EXPECT_EQ(names, std::vector<std::string>{"a"});
+  std::string text;
+  EXPECT_EQ(registry_.GetText("a", "name", text), error::FileNotFound);
+}
+
+TEST_F(RegistryTransactionTest, WhatAnotherConnectionPutsBelowAKeyOfOursIsFound) {
+  ASSERT_EQ(registry_.SetText("a", "name", "text"), 0U);
+  sqlite_registry_t other(path_);
+  ASSERT_EQ(other.SetText("a\\b", "name", "theirs"), 0U);
+  ASSERT_EQ(registry_.SetText("a\\b", "more", "ours"), 0U);
+  std::string text;
+  EXPECT_EQ(registry_.GetText("a\\b", "name", text), 0U);
+  EXPECT_EQ(text, "theirs");
+}
+
 TEST_F(RegistryTransactionTest, WhatItHoldsIsSeenAtItsEnd) {
   sqlite_registry_t other(path_);
   ASSERT_EQ(other.CreateKey("before"), 0U);
