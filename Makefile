@@ -4,7 +4,7 @@ SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 TIME ?= 60
 
-.PHONY: help run demo build test unit integration asan tsan fuzz bench format check-format tidy clean
+.PHONY: help run demo build test unit integration asan tsan fuzz fuzz-coverage bench format check-format tidy clean
 
 help:
 	@echo "make run      install what is missing, build, start the service with a demo share"
@@ -15,6 +15,7 @@ help:
 	@echo "make asan     unit tests with address, undefined-behaviour and leak sanitizers"
 	@echo "make tsan     unit tests with the thread sanitizer"
 	@echo "make fuzz     run every fuzz target, TIME=60 seconds each"
+	@echo "make fuzz-coverage  which lines the fuzz targets reach with what has been found so far"
 	@echo "make tidy     clang-tidy over all sources;  make format: clang-format in place"
 
 build:
@@ -55,6 +56,11 @@ fuzz:
 	@scripts/install-packages build fuzz
 	@scripts/build-preset fuzz
 	@FUZZ_TIME=$(TIME) scripts/run-fuzz
+
+fuzz-coverage:
+	@scripts/install-packages build fuzz coverage
+	@scripts/build-preset fuzz-coverage
+	@scripts/fuzz-coverage
 
 bench:
 	@scripts/install-packages build bench

@@ -9,6 +9,7 @@ set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1")
 set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g1 -fno-omit-frame-pointer -D_GLIBCXX_ASSERTIONS")
 
 set(KELVO_SANITIZE "" CACHE STRING "Value of -fsanitize=, empty for none")
+option(KELVO_COVERAGE "Count which lines run; with clang" OFF)
 
 find_program(KELVO_CCACHE ccache)
 if(KELVO_CCACHE)
@@ -21,6 +22,10 @@ target_compile_options(kelvo_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Werror>)
 target_include_directories(kelvo_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
 target_compile_definitions(kelvo_options INTERFACE BOOST_BIND_GLOBAL_PLACEHOLDERS BOOST_ALLOW_DEPRECATED_HEADERS)
+if(KELVO_COVERAGE)
+  target_compile_options(kelvo_options INTERFACE -fprofile-instr-generate -fcoverage-mapping)
+  target_link_options(kelvo_options INTERFACE -fprofile-instr-generate)
+endif()
 if(KELVO_SANITIZE)
   target_compile_options(kelvo_options INTERFACE -fsanitize=${KELVO_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(kelvo_options INTERFACE -fsanitize=${KELVO_SANITIZE})

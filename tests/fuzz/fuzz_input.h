@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <span>
 #include <string>
@@ -72,6 +73,12 @@ inline bool Try(const std::function<void()>& run) {
     return false;
   }
   return true;
+}
+
+/// Lets what targets store lie in memory, where the system has a place there. Before the first temporary folder.
+inline void StoreInMemory() {
+  if (std::filesystem::is_directory("/dev/shm"))
+    ::setenv("TMPDIR", "/dev/shm", 0);
 }
 
 /// Makes the process's log format every line, and drops it then. Call it once.

@@ -1,13 +1,13 @@
 // Writes the first inputs of the fuzz targets, made by the product's own encoders: make_seeds FOLDER.
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 
 #include "foundation/perf_logger.h"
 #include "fuzz/association_input.h"
 #include "fuzz/mount_agent_input.h"
+#include "fuzz/seed_writer.h"
 #include "management/dcerpc/association.h"
 #include "management/dcerpc/invoker_stubs.h"
 #include "management/dcerpc/wide_text.h"
@@ -24,15 +24,7 @@ using namespace dcerpc;
 namespace mode = fuzz::association_mode;
 namespace mark = fuzz::pdu_mark;
 
-std::filesystem::path g_folder;
-
-void Write(const std::string& target, const std::string& name, const bytes_t& bytes) {
-  const std::filesystem::path folder = g_folder / target;
-  std::filesystem::create_directories(folder);
-  std::ofstream file(folder / name, std::ios::binary);
-  file.exceptions(std::ios::failbit | std::ios::badbit);
-  file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
+constexpr auto Write = fuzz::WriteSeed;
 
 void WriteText(const std::string& target, const std::string& name, const std::string& text) {
   Write(target, name, {text.begin(), text.end()});
@@ -296,27 +288,9 @@ void WriteRecords() {
   Write("records", "failure", Record(30, READDIRPLUS3res{2, std::nullopt, {}, {}, false}));
 }
 
-/// Calls as the target reads them: the procedure, marks, then its fields; handle 0 is the share, a name is a number.
-void WritePrograms() {
-  const bytes_t lookup{3, 0, 0, 0};  // "file" becomes handle 1.
-  const bytes_t write{7, 0, 1, 4, 0, 4, 0, 2, 4, 'd', 'a', 't', 'a'};
-  const bytes_t read{6, 0, 1, 0, 0, 0, 1};
-  const bytes_t create{8, 0, 0, 3, 0, 0};   // "a"
-  const bytes_t makeFolder{9, 0, 0, 4, 0};  // "b"
-  const bytes_t rename{14, 0, 0, 3, 3, 4};  // "a" to "b" in the folder that was made.
-  const bytes_t list{17, 0, 0, 0, 0, 16, 0, 16};
-  Write("programs", "read-write", lookup + write + read + bytes_t{1, 0, 1} + bytes_t{4, 0, 1, 63});
-  Write("programs", "tree", create + makeFolder + rename + list + list + bytes_t{13, 0, 0, 4} + bytes_t{12, 0, 0, 3});
-  Write("programs", "attributes", lookup + bytes_t{2, 0, 1, 0x1f, 0, 1, 10, 0, 1, 0, 2, 0, 3, 0, 4, 0, 0});
-  Write("programs", "whole", bytes_t{18, 0, 0, 19, 0, 0, 0x41, 0, 11, 0x45, 0, 0});
-  Write("programs", "portmap", bytes_t{0x61, 0, 1, 2, 6, 1, 1, 0x63, 0, 1, 2, 6, 0, 0, 0x64, 0, 0, 0, 0, 0, 0});
-  Write("programs", "faults",
-        bytes_t{17, 8, 0, 0, 0, 16, 0, 16, 3, 8, 0, 0, 8, 16, 0, 3, 0, 0, 3, 1, 0, 0, 1, 2, 0, 44, 0});
-}
-
 void WritePerfLog() {
   namespace event = perf::event;
-  const std::filesystem::path path = g_folder / "perf_log" / "service";
+  const std::filesystem::path path = fuzz::SeedFolder() / "perf_log" / "service";
   std::filesystem::remove(path);
   perf::CPerfLogger log(path.string(), 4096);
   const auto write = [&log](std::uint32_t type, const auto& record) { log.WriteEvent(type, sizeof(record), &record); };
@@ -398,7 +372,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: make_seeds FOLDER\n");
     return 2;
   }
-  g_folder = argv[1];
+  fuzz::SeedFolder() = argv[1];
   WriteAssociations();
   WritePdus();
   WriteServers();
@@ -406,7 +380,7 @@ int main(int argc, char** argv) {
   WriteEnvelopes();
   WriteAddresses();
   WriteRecords();
-  WritePrograms();
+  fuzz::WriteServiceSeeds();
   WriteMountAgents();
   WritePerfLog();
   return 0;

@@ -9,6 +9,7 @@
 #include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -51,6 +52,8 @@ struct SFakeBackend {
   std::uint64_t largestFile{1ULL << 40};  ///< Bytes; what would make a larger file fails, as on a full disk.
   std::atomic<int> failure{0};            ///< Not 0: the next change of a folder throws win_sys_exc_t with it.
   std::shared_ptr<SFakeNode> root = std::make_shared<SFakeNode>();
+  /// Set before it is used: puts each file that is opened behind another one.
+  std::function<boost::shared_ptr<IFsItem>(const boost::shared_ptr<IFsFile>& file)> wrapFile;
 
   SFakeBackend() { root->isFolder = true; }
   explicit SFakeBackend(const GUID& uid) : SFakeBackend() { mountUid = uid; }
@@ -300,7 +303,8 @@ class CFakeFolder : public CFakeItem<IFsFolder> {
     const std::string path = path_.empty() ? name : path_ + "//" + name;
     if (node->isFolder)
       return boost::make_shared<CFakeFolder>(backend_, node, path);
-    return boost::make_shared<CFakeFile>(backend_, node, path);
+    const auto file = boost::make_shared<CFakeFile>(backend_, node, path);
+    return backend_->wrapFile ? backend_->wrapFile(file) : file;
   }
   void ThrowFailure() {
     if (const int failure = backend_->failure.exchange(0)) {
