@@ -21,8 +21,9 @@ namespace {
 constexpr std::size_t ReadAheadBytes = 256 * 1024;
 constexpr std::size_t MaxFolders = 256;
 constexpr std::size_t MaxNames = 4'000'000;
-// Reading again then costs at most a twentieth of the time.
+// Reading again then costs at most a twentieth of the time, and less for a small folder.
 constexpr int BelievedReads = 20;
+constexpr std::chrono::milliseconds ShortestBelief{2};
 // Longer than the tick that stamps files on any kernel configuration, and than the whole seconds (two on FAT) of file
 // systems without fractions.
 constexpr std::int64_t FineTickNanoseconds = 20'000'000;
@@ -35,6 +36,10 @@ std::uint64_t FoldedHash(std::string_view name) noexcept {
     hash = (hash ^ static_cast<unsigned char>(FoldAscii(character))) * 1099511628211ULL;
   }
   return hash;
+}
+
+std::chrono::steady_clock::duration Belief(std::chrono::steady_clock::duration cost) noexcept {
+  return std::max<std::chrono::steady_clock::duration>(BelievedReads * cost, ShortestBelief);
 }
 
 bool IsSame(const timespec& left, const timespec& right) noexcept {
@@ -216,7 +221,7 @@ error_t folder_names_t::Find(int folder, std::string_view name, std::string& spe
   memory.isSettled = IsSettled(memory.modified, start);
   const auto now = clocks_.elapsed();
   memory.cost = now - started;
-  memory.believedUntil = now + BelievedReads * memory.cost;
+  memory.believedUntil = now + Belief(memory.cost);
   Remember(id, std::move(memory));
   return error::Success;
 }
@@ -272,7 +277,7 @@ void folder_names_t::EndChange(int folder, const change_t& change, std::string_v
   }
   if (memory.isSettled) {
     memory.isSettled = false;
-    memory.believedUntil = now + BelievedReads * memory.cost;
+    memory.believedUntil = now + Belief(memory.cost);
   }
   if (!removed.empty()) {
     const auto name = memory.names.find(FoldedHash(removed));

@@ -33,8 +33,8 @@ void HideCaseVariants(std::vector<std::string>& names, std::vector<std::string>&
 ///
 /// A modification time tells apart only changes that are further apart than the file system's clock ticks, so what was
 /// read within a tick of the last change is believed only for a short while, a fixed multiple of the time that reading
-/// took; so is what our own changes were added to, since another's change may hide behind ours. Any thread; the lock
-/// is not held while a folder is read.
+/// took, and two milliseconds at least; so is what our own changes were added to, since another's change may hide
+/// behind ours. Any thread; the lock is not held while a folder is read.
 class folder_names_t {
  public:
   struct clocks_t {

@@ -177,6 +177,19 @@ TEST_F(FolderNames, ReadingSoonAfterAChangeIsBelievedForAWhile) {
   EXPECT_EQ(Find("name"), "Name");
 }
 
+TEST_F(FolderNames, ASmallFolderIsBelievedForTwoMilliseconds) {
+  Stamp({2000, 500'000'000});
+  wall = {2000, 505'000'000};
+  step = std::chrono::microseconds(1);
+  EXPECT_EQ(Find("name"), "");
+  Put("Name");
+  Stamp({2000, 500'000'000});
+  elapsed += std::chrono::milliseconds(1);
+  EXPECT_EQ(Find("name"), "");
+  elapsed += std::chrono::milliseconds(1);
+  EXPECT_EQ(Find("name"), "Name");
+}
+
 TEST_F(FolderNames, ReadingLongAfterAChangeIsBelievedUntilTheNext) {
   Stamp({1000, 500'000'000});
   wall = {1001, 0};
