@@ -4,6 +4,8 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/brief_mutex.h"
+
 /// What the nodes of one tree share.
 class CHostFsTree {
  public:
@@ -12,8 +14,9 @@ class CHostFsTree {
 
   const boost::shared_ptr<platform::root_folder_t> root;
   platform::files_t& files;
-  std::mutex renames;     // Held from before a rename on the host until the nodes have followed; taken before `lock`.
-  std::mutex lock;        // Guards the nodes' links and names, and the rest. Never held over a file operation.
+  std::mutex renames;  // Held from before a rename on the host until the nodes have followed; taken before `lock`.
+  platform::brief_mutex_t<std::mutex>
+      lock;               // Guards the nodes' links and names, and the rest. Never held over a file operation.
   std::uint64_t age = 1;  // Grows with each rename; a location made before is looked up anew.
 
   /// Notes that the node keeps its location. The one that has kept its own for longest gives it up, since a location
@@ -59,7 +62,7 @@ CHostFsNode::CHostFsNode(CHostFsTree* tree, CHostFsNodePtr parent, std::string n
     : tree_(tree), parent_(std::move(parent)), name_(std::move(name)) {}
 
 CHostFsNode::~CHostFsNode() {
-  const std::lock_guard<std::mutex> lock(tree_->lock);
+  const std::lock_guard lock(tree_->lock);
   tree_->ForgetLocation(*this);
   if (!parent_ || !parent_->children_)
     return;
@@ -111,13 +114,13 @@ CHostFsNodePtr CHostFsNode::Child(const std::string& name) {
   // Declared outside the lock: the end of a node takes it.
   CHostFsNodePtr child;
   {
-    const std::lock_guard<std::mutex> lock(tree_->lock);
+    const std::lock_guard lock(tree_->lock);
     child = FindLocked(name);
   }
   if (child)
     return child;
   const CHostFsNodePtr made(new CHostFsNode(tree_, this, name));
-  const std::lock_guard<std::mutex> lock(tree_->lock);
+  const std::lock_guard lock(tree_->lock);
   child = FindLocked(name);
   if (!child) {
     PutLocked(made.get());
@@ -148,7 +151,7 @@ boost::shared_ptr<const platform::location_t> CHostFsNode::LocationLocked() cons
 }
 
 boost::shared_ptr<const platform::location_t> CHostFsNode::Location() const {
-  const std::lock_guard<std::mutex> lock(tree_->lock);
+  const std::lock_guard lock(tree_->lock);
   return LocationLocked();
 }
 
@@ -158,7 +161,7 @@ boost::shared_ptr<const platform::location_t> CHostFsNode::LocationAfterRenames(
 }
 
 std::string CHostFsNode::Path() const {
-  const std::lock_guard<std::mutex> lock(tree_->lock);
+  const std::lock_guard lock(tree_->lock);
   const boost::shared_ptr<const platform::location_t> present = LocationLocked();
   if (present) {
     return present->Path();
@@ -185,7 +188,7 @@ void CHostFsNode::Relink(const std::string& oldName, const std::string& newName,
   // Declared outside the lock, as in Child.
   CHostFsNodePtr moved;
   CHostFsNodePtr replaced[2];
-  const std::lock_guard<std::mutex> lock(tree_->lock);
+  const std::lock_guard lock(tree_->lock);
   moved = TakeLocked(oldName);
   replaced[0] = TakeLocked(newName);
   replaced[1] = TakeLocked(replacedName);

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <limits>
 
+#include "platform/brief_mutex.h"
+
 namespace platform {
 namespace {
 
@@ -36,6 +38,7 @@ error_t system_file_t::Reserve(file_share_t share) {
 }
 
 error_t system_file_t::ReadAt(std::uint64_t offset, void* data, std::size_t length, std::size_t& outRead) {
+  CheckNoBriefLock("ReadAt");
   outRead = 0;
   if (!IsOffset(offset)) {
     return error::InvalidParameter;
@@ -55,6 +58,7 @@ error_t system_file_t::ReadAt(std::uint64_t offset, void* data, std::size_t leng
 }
 
 error_t system_file_t::WriteAt(std::uint64_t offset, const void* data, std::size_t length, std::size_t& outWritten) {
+  CheckNoBriefLock("WriteAt");
   outWritten = 0;
   if (access_ != file_access_t::ReadWrite) {
     return error::AccessDenied;
@@ -75,6 +79,7 @@ error_t system_file_t::WriteAt(std::uint64_t offset, const void* data, std::size
 }
 
 error_t system_file_t::GetSize(std::uint64_t& size) {
+  CheckNoBriefLock("GetSize");
   struct stat status {};
   if (::fstat(file_.Get(), &status) != 0) {
     return LastError();
@@ -84,6 +89,7 @@ error_t system_file_t::GetSize(std::uint64_t& size) {
 }
 
 error_t system_file_t::SetSize(std::uint64_t size) {
+  CheckNoBriefLock("SetSize");
   if (access_ != file_access_t::ReadWrite) {
     return error::AccessDenied;
   }
@@ -98,6 +104,7 @@ error_t system_file_t::SetSize(std::uint64_t size) {
 }
 
 error_t system_file_t::SetTimes(const FILETIME* /*creation*/, const FILETIME* lastAccess, const FILETIME* lastWrite) {
+  CheckNoBriefLock("SetTimes");
   const timespec times[2] = {TimeOrOmit(lastAccess), TimeOrOmit(lastWrite)};
   return ::utimensat(file_.Get(), "", times, AT_EMPTY_PATH) == 0 ? error::Success : LastError();
 }

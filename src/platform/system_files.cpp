@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "platform/brief_mutex.h"
 #include "platform/lookup_scope.h"
 #include "platform/system_file.h"
 #include "platform/text.h"
@@ -102,6 +103,7 @@ error_t system_files_t::Look(const location_t& where, host_status_t& status, std
 }
 
 error_t system_files_t::GetInfo(const location_t& where, file_info_t& info) {
+  CheckNoBriefLock("GetInfo");
   host_status_t status;
   const error_t failure = Look(where, status, info.name);
   if (failure == error::Success) {
@@ -128,6 +130,7 @@ error_t system_files_t::FindEntryIn(const parent_t& parent, host_status_t& statu
 }
 
 error_t system_files_t::FindEntry(const location_t& where, file_info_t& info) {
+  CheckNoBriefLock("FindEntry");
   if (where.IsRoot()) {
     return GetInfo(where, info);
   }
@@ -210,6 +213,7 @@ error_t system_files_t::CreateNew(const parent_t& parent, const file_request_t& 
 }
 
 error_t system_files_t::Open(const location_t& where, const file_request_t& request, boost::shared_ptr<file_t>& file) {
+  CheckNoBriefLock("Open");
   if (request.disposition == file_disposition_t::OpenExisting) {
     return OpenExisting(where, request, file);
   }
@@ -238,6 +242,7 @@ error_t system_files_t::Open(const location_t& where, const file_request_t& requ
 }
 
 error_t system_files_t::SetReadOnly(const location_t& where, bool readOnly) {
+  CheckNoBriefLock("SetReadOnly");
   const auto isAsWanted = [readOnly](mode_t mode) { return ((mode & AnyWriteBit) == 0) == readOnly; };
   host_status_t status;
   std::string spelling;
@@ -263,6 +268,7 @@ error_t system_files_t::SetReadOnly(const location_t& where, bool readOnly) {
 }
 
 error_t system_files_t::CreateFolder(const location_t& where) {
+  CheckNoBriefLock("CreateFolder");
   parent_t parent;
   if (const error_t failure = parent.Open(where); failure != error::Success) {
     return failure;
@@ -294,10 +300,12 @@ error_t system_files_t::Unlink(const location_t& where, int flags) {
 }
 
 error_t system_files_t::DeleteFile(const location_t& where) {
+  CheckNoBriefLock("DeleteFile");
   return Unlink(where, 0);
 }
 
 error_t system_files_t::RemoveFolder(const location_t& where) {
+  CheckNoBriefLock("RemoveFolder");
   if (where.IsRoot()) {
     lookup_scope_t::Forget();
     return ::rmdir(where.Path().c_str()) == 0 ? error::Success : LastError();
@@ -317,6 +325,7 @@ error_t system_files_t::MoveEntry(const entry_t& from, const entry_t& to) {
 }
 
 error_t system_files_t::Rename(const location_t& from, const location_t& to) {
+  CheckNoBriefLock("Rename");
   parent_t source;
   parent_t target;
   error_t failure = source.Open(from);
@@ -351,6 +360,7 @@ error_t system_files_t::Rename(const location_t& from, const location_t& to) {
 }
 
 error_t system_files_t::List(const location_t& where, folder_listing_t& listing) {
+  CheckNoBriefLock("List");
   listing = folder_listing_t{};
   descriptor_t folder(-1);
   error_t failure = OpenFound(where, O_PATH | O_DIRECTORY, folder);
@@ -375,12 +385,14 @@ error_t system_files_t::List(const location_t& where, folder_listing_t& listing)
 }
 
 error_t system_files_t::GetFolderState(const location_t& where, folder_state_t& state) {
+  CheckNoBriefLock("GetFolderState");
   descriptor_t folder(-1);
   const error_t failure = OpenFound(where, O_PATH | O_DIRECTORY, folder);
   return failure != error::Success ? failure : ReadState(folder.Get(), state);
 }
 
 error_t system_files_t::GetDiskSpace(const location_t& where, disk_space_t& space) {
+  CheckNoBriefLock("GetDiskSpace");
   descriptor_t folder(-1);
   if (const error_t failure = OpenFound(where, O_PATH, folder); failure != error::Success) {
     return failure;
@@ -395,11 +407,13 @@ error_t system_files_t::GetDiskSpace(const location_t& where, disk_space_t& spac
 }
 
 error_t system_files_t::CreateFolderAt(const std::string& path) {
+  CheckNoBriefLock("CreateFolderAt");
   lookup_scope_t::Forget();
   return ::mkdir(path.c_str(), NewFolderMode) == 0 ? error::Success : LastError();
 }
 
 error_t system_files_t::GetInfoAt(const std::string& path, WIN32_FILE_ATTRIBUTE_DATA& attributes) {
+  CheckNoBriefLock("GetInfoAt");
   const descriptor_t file(::open(path.c_str(), O_PATH | O_CLOEXEC));
   host_status_t status;
   if (!file.IsOpen()) {

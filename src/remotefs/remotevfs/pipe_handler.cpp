@@ -6,6 +6,7 @@
 
 #include "foundation/exc.h"
 #include "foundation/log.h"
+#include "platform/brief_mutex.h"
 
 namespace remotevfs {
 namespace {
@@ -62,6 +63,7 @@ bool PipeHandler::Transact(const Buffer& request, std::span<const std::uint8_t> 
 
 bool PipeHandler::ReceiveFirst(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply,
                                std::uint32_t timeoutMs, bool& moreData) {
+  platform::CheckNoBriefLock("a request to a mount agent");
   const deadline_t deadline = deadline_t::After(timeoutMs);
   const std::array<int, 2> cancels{stopEvent_->PollDescriptor(), abandonEvent_->PollDescriptor()};
   std::size_t count = 0;

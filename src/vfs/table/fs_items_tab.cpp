@@ -11,7 +11,7 @@
 
 namespace {
 
-using lock_t = std::lock_guard<std::recursive_mutex>;
+using lock_t = std::lock_guard<platform::brief_mutex_t<std::recursive_mutex>>;
 
 }  // namespace
 
@@ -113,7 +113,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
     return InvalidFid;
   const auto entry = listing_.find(SListingKeyView{parentFid, prepared.name});
   const bool wasFound = entry != listing_.end();
-  const std::uint64_t fid = wasFound ? entry->second.fid : GenerateFid();
+  const std::uint64_t fid = wasFound ? entry->fid : GenerateFid();
   if (wasFound && found == found_t::Keep) {
     WriteAgain(fid);
     g_nfs_log.Info("Item [%1] was found. ID: [%2].", prepared.name, fid);
@@ -193,7 +193,7 @@ void CFsItemsTab::RemoveChild(std::uint64_t parentFid, const std::string& name) 
 void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid) {
   RemoveAndLog([&](changes_t& removed) {
     const auto found = listing_.find(SListingKeyView{parentFid, name});
-    if (found != listing_.end() && found->second.fid == fid)
+    if (found != listing_.end() && found->fid == fid)
       Delete(fid, nullptr, false, removed);
   });
 }
@@ -207,7 +207,7 @@ std::uint64_t CFsItemsTab::LookupChild(std::uint64_t parentFid, std::string_view
     return parent ? parent->parentFid : InvalidFid;
   }
   const auto found = listing_.find(SListingKeyView{parentFid, name});
-  return found == listing_.end() ? InvalidFid : found->second.fid;
+  return found == listing_.end() ? InvalidFid : found->fid;
 }
 
 void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName) {
@@ -223,8 +223,8 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const 
       throw CVirtualFsExc(NFS3ERR_INVAL);
 
     const auto occupied = listing_.find(SListingKeyView{newParentFid, newName});
-    if (occupied != listing_.end() && occupied->second.fid != fid)
-      Delete(occupied->second.fid, nullptr, false, removed);
+    if (occupied != listing_.end() && occupied->fid != fid)
+      Delete(occupied->fid, nullptr, false, removed);
 
     FreeStoredPlace(newParentFid, newName, fid);
     NoteMove(fid, *rec, newParentFid, newName);
@@ -292,14 +292,11 @@ void CFsItemsTab::NoteFolderChange(std::uint64_t fid) {
 
 void CFsItemsTab::PutListing(std::uint64_t fid, const rec_ptr& rec) {
   NoteFolderChange(rec->parentFid);
-  const auto [entry, isNew] = listing_.try_emplace(SListingKey{rec->parentFid, rec->name}, SListed{fid, rec});
+  const auto [entry, isNew] = listing_.insert(SListed{fid, rec});
   if (isNew)
     return;
-  entry->second = {fid, rec};
-  if (entry->first.name == rec->name)
-    return;
   auto node = listing_.extract(entry);
-  node.key().name = rec->name;
+  node.value() = SListed{fid, rec};
   listing_.insert(std::move(node));
 }
 

@@ -9,10 +9,12 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "foundation/exc.h"
+#include "platform/brief_mutex.h"
 #include "platform/guid.h"
 #include "vfs/items/fs_item.h"
 #include "vfs/table/listing_slots.h"
@@ -157,7 +159,7 @@ class CFsItemsTab {
     std::uint64_t rootFid = InvalidFid;
     boost::shared_ptr<CNfsShareCfg> cfg;
   };
-  /// Children of one folder are adjacent.
+  using rec_ptr = boost::shared_ptr<CNfsItemRec>;
   struct SListingKey {
     std::uint64_t parentFid;
     std::string name;
@@ -166,21 +168,30 @@ class CFsItemsTab {
     std::uint64_t parentFid;
     std::string_view name;
   };
+  /// Stands at the place that its record names, which is not changed while the entry is in the listing: a name is kept
+  /// once, however many items there are.
+  struct SListed {
+    std::uint64_t fid;
+    rec_ptr rec;
+  };
   struct SListingLess {
     using is_transparent = void;
+    template <typename Key>
+    static const Key& Place(const Key& key) noexcept {
+      return key;
+    }
+    static const CNfsItemRec& Place(const SListed& listed) noexcept { return *listed.rec; }
     template <typename Left, typename Right>
-    bool operator()(const Left& left, const Right& right) const noexcept {
+    bool operator()(const Left& leftKey, const Right& rightKey) const noexcept {
+      const auto& left = Place(leftKey);
+      const auto& right = Place(rightKey);
       if (left.parentFid != right.parentFid)
         return left.parentFid < right.parentFid;
       return platform::CompareIgnoringCase(left.name, right.name) < 0;
     }
   };
-  using rec_ptr = boost::shared_ptr<CNfsItemRec>;
-  struct SListed {
-    std::uint64_t fid;
-    rec_ptr rec;  ///< The same as under the FID, so that a listing need not search for each.
-  };
-  using CNfsListingTab = std::map<SListingKey, SListed, SListingLess>;
+  /// Children of one folder are adjacent, in the order of their names.
+  using CNfsListingTab = std::set<SListed, SListingLess>;
   using places_t = std::map<SListingKey, std::uint64_t, SListingLess>;
   struct SMoved {
     SListingKey stored;
@@ -247,9 +258,9 @@ class CFsItemsTab {
   template <typename Removal>
   void RemoveAndLog(const Removal& removal);
 
-  mutable std::recursive_mutex mutex_;  // Guards all below.
+  mutable platform::brief_mutex_t<std::recursive_mutex> mutex_;  // Guards all below.
   std::map<GUID, SShare> shares_;
-  std::map<std::uint64_t, rec_ptr> items_;
+  std::unordered_map<std::uint64_t, rec_ptr> items_;
   CNfsListingTab listing_;
   CNfsListingSlots slots_;
   std::uint64_t folderVersions_ = 0;  // Given out so far.

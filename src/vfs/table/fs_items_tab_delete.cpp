@@ -8,7 +8,7 @@
 
 namespace {
 
-using lock_t = std::lock_guard<std::recursive_mutex>;
+using lock_t = std::lock_guard<platform::brief_mutex_t<std::recursive_mutex>>;
 
 }  // namespace
 
@@ -40,8 +40,8 @@ void CFsItemsTab::DeleteChildren(std::uint64_t fid, const GUID* mountUid, change
   };
   std::vector<SStep> steps;
   const auto open = [&](std::uint64_t folderFid) {
-    for (auto child = FirstChild(folderFid); child != listing_.end() && child->first.parentFid == folderFid; ++child) {
-      steps.push_back({child->second.fid, false});
+    for (auto child = FirstChild(folderFid); child != listing_.end() && child->rec->parentFid == folderFid; ++child) {
+      steps.push_back({child->fid, false});
     }
   };
   open(fid);
@@ -75,7 +75,7 @@ void CFsItemsTab::DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t
 
 void CFsItemsTab::EraseListing(const CNfsItemRec& rec, std::uint64_t fid) {
   const auto entry = listing_.find(SListingKeyView{rec.parentFid, rec.name});
-  if (entry != listing_.end() && entry->second.fid == fid) {
+  if (entry != listing_.end() && entry->fid == fid) {
     listing_.erase(entry);
     NoteFolderChange(rec.parentFid);
   }

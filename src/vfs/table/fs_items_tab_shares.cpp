@@ -10,7 +10,7 @@
 
 namespace {
 
-using lock_t = std::lock_guard<std::recursive_mutex>;
+using lock_t = std::lock_guard<platform::brief_mutex_t<std::recursive_mutex>>;
 
 exc::runtime_exc_t NotRegistered(const std::string& alias) {
   return exc::runtime_exc_t("The specified NFS folder is not registered  (%1).", alias);
@@ -256,18 +256,18 @@ void CFsItemsTab::ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& 
     const lock_t lock(mutex_);
     auto child = children.empty() ? FirstChild(parentFid)
                                   : listing_.upper_bound(SListingKeyView{parentFid, children.back().name});
-    const auto isChild = [&] { return child != listing_.end() && child->first.parentFid == parentFid; };
+    const auto isChild = [&] { return child != listing_.end() && child->rec->parentFid == parentFid; };
     for (; isChild() && children.size() < end; ++child)
-      children.push_back({child->first.name, child->second.fid, child->second.rec->Item()});
+      children.push_back({child->rec->name, child->fid, child->rec->Item()});
     isMore = isChild();
   }
 }
 
 void CFsItemsTab::ListChildrenForMount(std::uint64_t parentFid, const GUID& mountUid, CNfsNameMap& children) const {
   const lock_t lock(mutex_);
-  for (auto child = FirstChild(parentFid); child != listing_.end() && child->first.parentFid == parentFid; ++child) {
-    if (child->second.rec->ItemForMount(mountUid)) {
-      children.emplace_hint(children.end(), child->first.name, child->second.fid);
+  for (auto child = FirstChild(parentFid); child != listing_.end() && child->rec->parentFid == parentFid; ++child) {
+    if (child->rec->ItemForMount(mountUid)) {
+      children.emplace_hint(children.end(), child->rec->name, child->fid);
     }
   }
 }

@@ -30,13 +30,13 @@ void CFsItemsTab::WriteAgain(again_t which) {
 void CFsItemsTab::RequireStored(std::uint64_t fid) {
   if (!hasUnwritten_.load(std::memory_order_relaxed))
     return;
-  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  const std::lock_guard lock(mutex_);
   WriteAgain(fid);
 }
 
 void CFsItemsTab::RequireAllStored() {
   if (!hasUnwritten_.load(std::memory_order_relaxed))
     return;
-  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  const std::lock_guard lock(mutex_);
   WriteAgain(again_t::All);
 }
