@@ -18,7 +18,7 @@ constexpr unsigned LargestStep = 1U << 30;
 }  // namespace
 
 zip_writer_t::zip_writer_t(std::string path) : path_(std::move(path)) {
-  const int descriptor = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int descriptor = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor >= 0) {
     file_ = ::gzdopen(descriptor, "wb");
     if (file_ == nullptr)

@@ -125,8 +125,10 @@ error_t socket_folder_t::Listen(const std::string& name, mode_t mode, int waitin
   if (!socket.IsOpen() || ::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
     return errno == EADDRINUSE ? error::AlreadyExists : LastError();
   struct stat info {};
+  // Who else may write to the folder could put a link in the place of the socket meanwhile.
   const bool listening = ::fstatat(folder_.Get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
-                         ::fchmodat(folder_.Get(), name.c_str(), mode, 0) == 0 && ::listen(socket.Get(), waiting) == 0;
+                         ::fchmodat(folder_.Get(), name.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0 &&
+                         ::listen(socket.Get(), waiting) == 0;
   if (!listening) {
     const error_t failure = LastError();
     ::unlinkat(folder_.Get(), name.c_str(), 0);

@@ -24,7 +24,10 @@ bool new_dump_t::Create() noexcept {
     errno = ENAMETOOLONG;
     return false;
   }
-  file_ = ::open(partPath_.CStr(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  // A new file alone: one that was left, or that another account put there, may be open to others, who would read what
+  // was in memory.
+  ::unlink(partPath_.CStr());
+  file_ = ::open(partPath_.CStr(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   return file_ >= 0;
 }
 

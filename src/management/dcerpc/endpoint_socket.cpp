@@ -128,7 +128,8 @@ error_t Open(const descriptor_t& folder, const descriptor_t& socket, const socka
     return platform::LastError();
   file = CSocketFile(LocalSocketPath(), {info.st_dev, info.st_ino});
   GiveToAdministrators(folder);
-  if (::fchmodat(folder.Get(), SocketName, SocketMode, 0) != 0 || ::listen(socket.Get(), SOMAXCONN) != 0)
+  if (::fchmodat(folder.Get(), SocketName, SocketMode, AT_SYMLINK_NOFOLLOW) != 0 ||
+      ::listen(socket.Get(), SOMAXCONN) != 0)
     return platform::LastError();
   return platform::error::Success;
 }

@@ -148,6 +148,15 @@ TEST(WinLogFile, FolderThatComesBackHasALogAgain) {
   EXPECT_EQ(Content(path), "written\n");
 }
 
+TEST(ZipWriter, FollowsNoLink) {
+  const TempDir folder;
+  std::ofstream(folder / "other") << "stays";
+  std::filesystem::create_symlink("other", folder / "a.gz");
+  EXPECT_EQ(TextOf([&] { util::zip_writer_t(folder / "a.gz"); }),
+            "Failed to open GZ archive [" + folder / "a.gz" + "].");
+  EXPECT_EQ(Content(folder / "other"), "stays");
+}
+
 TEST(ZipWriter, TellsWhatFailed) {
   const TempDir folder;
   EXPECT_EQ(TextOf([&] { util::zip_writer_t(folder / "no/a.gz"); }),
