@@ -25,6 +25,13 @@ int CodeOf(int status) {
   for (const auto& [name, value] : environment)
     setenv(name.c_str(), value.c_str(), 1);
   std::vector<char*> arguments;
+  // The service runs behind the walls of its unit when the whole suite is to.
+  const char* const walls = std::getenv("KELVO_TEST_WALLS");
+  const std::string launcher = Program("walled");
+  if (walls != nullptr && command[0].ends_with("/KelvoNfsSvc")) {
+    arguments.push_back(const_cast<char*>(launcher.c_str()));
+    arguments.push_back(const_cast<char*>(walls));
+  }
   for (const std::string& argument : command)
     arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
