@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <limits>
+#include <new>
 #include <utility>
 
 #include "foundation/exc.h"
@@ -194,9 +195,9 @@ void completion_port_t::Rest(boost::intrusive_ptr<win::CIoObject> object,
   }
 }
 
-void completion_port_t::Pause(std::chrono::milliseconds duration) {
+bool completion_port_t::Pause(std::chrono::milliseconds duration) {
   std::unique_lock guard(lock_);
-  stopped_.wait_for(guard, duration, [this] { return stop_.load(); });
+  return stopped_.wait_for(guard, duration, [this] { return stop_.load(); });
 }
 
 int completion_port_t::WaitMilliseconds() {
@@ -253,12 +254,20 @@ void completion_port_t::TellReady(std::uint64_t key, std::uint32_t events) noexc
 void completion_port_t::TakePosted() {
   const std::lock_guard guard(lock_);
   wakePending_ = false;
-  for (SCompletion& completion : posted_) {
-    ready_.push_back(std::move(completion));
-  }
-  posted_.clear();
-  if (!delayed_.empty()) {
-    TakeDelayedLocked();
+  std::size_t taken = 0;
+  try {
+    for (; taken < posted_.size(); ++taken) {
+      ready_.push_back(std::move(posted_[taken]));
+    }
+    posted_.clear();
+    if (!delayed_.empty()) {
+      TakeDelayedLocked();
+    }
+  } catch (const std::bad_alloc&) {
+    // What there is no room for stays where it is, until the next turn, which comes at once.
+    posted_.erase(posted_.begin(), posted_.begin() + static_cast<std::ptrdiff_t>(taken));
+    wakePending_ = true;
+    Wake();
   }
 }
 
@@ -295,8 +304,7 @@ void completion_port_t::RetryResting() {
     due.swap(resting_);
   }
   for (SResting& resting : due) {
-    win::CIoObject& object = *resting.object;
-    object.TryUntilPending(std::move(resting.handler), true, true);
+    resting.object->TryAgain(resting.handler);
   }
   const std::lock_guard guard(lock_);
   restWarned_ = !resting_.empty();

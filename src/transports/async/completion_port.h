@@ -42,8 +42,8 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   void Post(boost::intrusive_ptr<win::CIoObject> object, const void* token, win::SIoResult result);
   /// Queues a completion that is due after the delay. Dropped after Abandon.
   void PostIn(std::chrono::milliseconds delay, boost::intrusive_ptr<win::CIoObject> object, const void* token);
-  /// Waits on the completion thread; ends early at Stop.
-  void Pause(std::chrono::milliseconds duration);
+  /// Waits on the completion thread; ends early at Stop, and is true then.
+  bool Pause(std::chrono::milliseconds duration);
   /// After Run has returned and nothing starts operations any more: drops all pending ones and with them the objects
   /// that nobody else holds. The second call finds nothing to do.
   void Abandon();

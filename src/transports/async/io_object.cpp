@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "foundation/log.h"
 #include "transports/async/completion_port.h"
 
 namespace win {
@@ -35,17 +36,50 @@ boost::intrusive_ptr<CIoEventHandler> CIoObject::TakeEvent(const void* token) {
 
 platform::error_t CIoObject::StartIo(const boost::intrusive_ptr<CIoEventHandler>& handler, bool tryFirst) {
   RegisterEvent(handler);
-  return TryUntilPending(handler, tryFirst, false);
+  try {
+    return TryUntilPending(handler, tryFirst, false);
+  } catch (const std::exception&) {
+    // Nobody would ever complete it, and it would keep its object for ever.
+    UnregisterEvent(*handler);
+    throw;
+  }
+}
+
+void CIoObject::TryAgain(const boost::intrusive_ptr<CIoEventHandler>& handler) noexcept {
+  try {
+    TryUntilPending(handler, true, true);
+    return;
+  } catch (const std::exception& failure) {
+    g_nfs_log.Error("Exception while handling I/O event.", failure);
+  }
+  // There is no room for its completion, so that it is completed here.
+  const boost::intrusive_ptr<CIoEventHandler> taken = TakeEvent(handler->Token());
+  try {
+    if (taken)
+      taken->OnComplete(*this, platform::error::NotEnoughMemory, 0);
+  } catch (const std::exception& failure) {
+    g_nfs_log.Error("Exception while handling I/O event.", failure);
+  }
 }
 
 void CIoObject::CompleteLater(const boost::intrusive_ptr<CIoEventHandler>& handler, SIoResult result) {
   RegisterEvent(handler);
-  port_->Post(this, handler->Token(), result);
+  try {
+    port_->Post(this, handler->Token(), result);
+  } catch (const std::exception&) {
+    UnregisterEvent(*handler);
+    throw;
+  }
 }
 
 void CIoObject::CompleteIn(std::chrono::milliseconds delay, const boost::intrusive_ptr<CIoEventHandler>& handler) {
   RegisterEvent(handler);
-  port_->PostIn(delay, this, handler->Token());
+  try {
+    port_->PostIn(delay, this, handler->Token());
+  } catch (const std::exception&) {
+    UnregisterEvent(*handler);
+    throw;
+  }
 }
 
 platform::error_t CIoObject::TryUntilPending(boost::intrusive_ptr<CIoEventHandler> handler, bool tryFirst,
@@ -108,7 +142,7 @@ void CIoObject::OnReady(io_direction_t direction, bool hungUp) {
   if (direction == io_direction_t::Write) {
     port_->WatchForRoom(*this, false);
   }
-  TryUntilPending(std::move(handler), true, true);
+  TryAgain(handler);
 }
 
 void CIoObject::CancelIo(io_direction_t direction) {
@@ -119,8 +153,14 @@ void CIoObject::CancelIo(io_direction_t direction) {
     side.cancelled = true;
     handler = std::move(side.pending);
   }
-  if (handler) {
+  if (!handler) {
+    return;
+  }
+  try {
     port_->Post(this, handler->Token(), {platform::error::OperationAborted, 0});
+  } catch (const std::exception&) {
+    // Without its completion it ends here; the handler's object may go with it.
+    UnregisterEvent(*handler);
   }
 }
 

@@ -76,7 +76,8 @@ class CIoObject : public CCounted {
   void CompleteLater(const boost::intrusive_ptr<CIoEventHandler>& handler, SIoResult result);
   /// The same after a delay.
   void CompleteIn(std::chrono::milliseconds delay, const boost::intrusive_ptr<CIoEventHandler>& handler);
-  /// Aborts the pending operation of that side, and each one that is started later: they end with 995.
+  /// Aborts the pending operation of that side, and each one that is started later: they end with 995, or without a
+  /// completion when there is no memory for it.
   void CancelIo(io_direction_t direction);
   /// Drops all that is in flight, without completions. Only while nobody runs the port.
   void AbandonIo();
@@ -96,6 +97,8 @@ class CIoObject : public CCounted {
     std::atomic<bool> cancelled{false};  ///< Nothing is started any more; set under the lock.
   };
 
+  /// The end of a wait, on the completion thread. A handler that cannot be tried again is completed with error 8.
+  void TryAgain(const boost::intrusive_ptr<CIoEventHandler>& handler) noexcept;
   platform::error_t TryUntilPending(boost::intrusive_ptr<CIoEventHandler> handler, bool tryFirst, bool isRetry);
   /// The port's notice about the descriptor, on the completion thread.
   void OnReady(io_direction_t direction, bool hungUp);

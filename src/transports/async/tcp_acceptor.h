@@ -7,6 +7,7 @@
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <functional>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -49,11 +50,31 @@ class CTcpAcceptor : public CTcpStream {
   /// Host order.
   std::uint16_t BoundPort() const { return boundPort_; }
 
-  /// Starts the next accept. The first one joins the listener to the port. Throws win_sys_exc_t.
+  /// How long accepting rests when there is no memory for the next accept.
+  static constexpr std::chrono::milliseconds MemoryPause{50};
+
+  /// Starts the next accept, once there is memory for it. The first one joins the listener to the port. Throws
+  /// win_sys_exc_t.
   void StartAccept() {
+    for (;;) {
+      try {
+        TryStartAccept();
+        return;
+      } catch (const std::bad_alloc&) {
+        // Without an accept nobody would ever be let in again.
+        if (completionPort_->Pause(MemoryPause)) {
+          throw;
+        }
+      }
+    }
+  }
+
+ private:
+  void TryStartAccept() {
     logging::quiet_log_scope_t scope(g_nfs_log, "Accepting incoming TCP connection.");
-    if (!std::exchange(associated_, true)) {
+    if (!associated_) {
       completionPort_->Associate(*this);
+      associated_ = true;
     }
     const connection_ptr connection(new TConnection());
     const boost::intrusive_ptr<CAcceptEvent> event(new CAcceptEvent(this, connection));
@@ -75,7 +96,6 @@ class CTcpAcceptor : public CTcpStream {
     scope.Success();
   }
 
- private:
   /// The pending accept; owns the connection to be.
   class CAcceptEvent : public CIoEventHandler {
    public:

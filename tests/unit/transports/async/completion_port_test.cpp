@@ -220,6 +220,9 @@ class AcceptTest : public testing::Test {
       }
       const SOutcome outcome = outcomes.front();
       outcomes.pop_front();
+      if (outcome.error == platform::error::NotEnoughMemory) {
+        throw std::bad_alloc();
+      }
       result.error = outcome.error;
       return outcome.attempt;
     };
@@ -279,6 +282,14 @@ TEST_F(AcceptTest, TriesAgainWhenSomethingHasRunOut) {
   Run({{win::io_attempt_t::Exhausted, 10024}, {win::io_attempt_t::Exhausted, 10024}});
   ExpectServing();
   EXPECT_EQ(log_.Texts("Warning").size(), 1U);
+}
+
+TEST_F(AcceptTest, GoesOnOnceThereIsMemoryForTheNextAccept) {
+  const SOutcome noMemory{win::io_attempt_t::Done, platform::error::NotEnoughMemory};
+  // In the start, and then when a connection is there.
+  Run({noMemory, noMemory, {win::io_attempt_t::WouldBlock, 0}, noMemory, noMemory});
+  ExpectServing();
+  EXPECT_TRUE(Logged(log_, "Failed to accept connection."));
 }
 
 TEST_F(AcceptTest, RaisesWhatItCannotHelp) {
