@@ -85,10 +85,10 @@ error_t CreateTables(sqlite_db_t& db) {
 }
 
 /// Looks before it changes anything.
-error_t SetUp(sqlite_db_t& db) {
+error_t SetUp(sqlite_db_t& db, bool wait) {
   std::int64_t version = 0;
   std::int64_t tables = 0;
-  error_t result = db.Execute(BusyTimeout);
+  error_t result = wait ? db.Execute(BusyTimeout) : error::Success;
   if (result == error::Success)
     result = db.QueryNumber("PRAGMA user_version", version);
   if (result == error::Success && version == 0)
@@ -114,6 +114,8 @@ error_t SetUp(sqlite_db_t& db) {
     result = db.Execute(Settings);
   if (result == error::Success && version == 0)
     result = CreateTables(db);
+  if (result == error::Success && !wait)
+    result = db.Execute(BusyTimeout);
   return result;
 }
 
@@ -124,7 +126,7 @@ bool Exists(const std::string& path) {
 
 }  // namespace
 
-error_t OpenRegistryFile(const std::string& path, bool create, sqlite_db_t& db) {
+error_t OpenRegistryFile(const std::string& path, bool create, bool wait, sqlite_db_t& db) {
   if (!Exists(path)) {
     const error_t created = create ? CreateFile(path) : error::FileNotFound;
     if (created != error::Success)
@@ -136,7 +138,7 @@ error_t OpenRegistryFile(const std::string& path, bool create, sqlite_db_t& db) 
   // The change to WAL does not wait for other processes as everything else does.
   clock_source_t& clock = SystemClock();
   const std::uint64_t end = clock.MonotonicMilliseconds() + OpenTimeoutMilliseconds;
-  while ((result = SetUp(db)) == error::LockViolation && clock.MonotonicMilliseconds() < end)
+  while ((result = SetUp(db, wait)) == error::LockViolation && wait && clock.MonotonicMilliseconds() < end)
     clock.Sleep(OpenRetryMilliseconds);
   return result;
 }

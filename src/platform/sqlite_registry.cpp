@@ -3,12 +3,15 @@
 #include <mutex>
 #include <new>
 
+#include "platform/clock.h"
 #include "platform/registry_file.h"
 #include "platform/registry_tables.h"
 #include "platform/text.h"
 
 namespace platform {
 namespace {
+
+constexpr std::uint64_t NoWaitMilliseconds = 30000;
 
 error_t CheckName(std::string_view name) {
   if (name.find('\0') != std::string_view::npos)
@@ -61,13 +64,19 @@ class sqlite_registry_t::impl_t {
   unsigned depth_ = 0;
   error_t error_ = error::Success;  // Why the open transaction cannot succeed.
   bool reading_ = false;            // A visitor or another reader is on the stack.
+  // A process that holds the file is waited for once, and not again for each of many values that are read in a row.
+  std::uint64_t waitAgainFrom_ = 0;
 };
 
 error_t sqlite_registry_t::impl_t::Open(bool create) {
   if (tables_ != nullptr)
     return error::Success;
+  const std::uint64_t now = SystemClock().MonotonicMilliseconds();
+  const bool wait = now >= waitAgainFrom_;
   auto tables = std::make_unique<registry_tables_t>();
-  const error_t result = OpenRegistryFile(path_, create, tables->Db());
+  const error_t result = OpenRegistryFile(path_, create, wait, tables->Db());
+  if (result == error::LockViolation && wait)
+    waitAgainFrom_ = SystemClock().MonotonicMilliseconds() + NoWaitMilliseconds;
   if (result == error::Success)
     tables_ = std::move(tables);
   return result;

@@ -1,6 +1,7 @@
 #include "service/start_advice.h"
 
 #include "foundation/exc.h"
+#include "platform/environment.h"
 
 namespace {
 
@@ -42,12 +43,36 @@ std::optional<std::string> AdviceForMounts(const exc::exc_base_t& failure) {
   return std::nullopt;
 }
 
+/// Why the registry's file cannot be used stands in the failure, but not which file that is.
+std::optional<std::string> AdviceForRegistry(const exc::exc_base_t& failure) {
+  const auto* const system = dynamic_cast<const exc::win_sys_exc_t*>(&failure);
+  if (system == nullptr)
+    return std::nullopt;
+  const std::string file = platform::CommonAppDataFolder() + "/Kelvo/registry.db";
+  switch (system->Code()) {
+    case platform::error::BadDatabase:
+      return exc::FormatText(
+          "The registry file cannot be read and was not changed: %1. Put a copy of it back, or move it away to start "
+          "with an empty one.",
+          file);
+    case platform::error::RevisionMismatch:
+      return exc::FormatText(
+          "The registry file is of a newer version of KelvoNfsSvc and was not changed: %1. Start that version.", file);
+    case platform::error::LockViolation:
+      return exc::FormatText("Another process holds the registry file: %1. Start again when it has ended.", file);
+    default:
+      return std::nullopt;
+  }
+}
+
 }  // namespace
 
 std::optional<std::string> AdviceForFailedStart(const std::exception& failure) {
   const auto* const known = dynamic_cast<const exc::exc_base_t*>(&failure);
   if (known == nullptr)
     return std::nullopt;
-  const auto advice = AdviceForBinding(*known);
-  return advice ? advice : AdviceForMounts(*known);
+  auto advice = AdviceForBinding(*known);
+  if (!advice)
+    advice = AdviceForMounts(*known);
+  return advice ? advice : AdviceForRegistry(*known);
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "foundation/exc.h"
+#include "platform/environment.h"
 
 namespace {
 
@@ -21,6 +22,17 @@ TEST(StartAdvice, WhoHasAMountWithoutFolderIsToldHowToBeRidOfIt) {
   EXPECT_EQ(AdviceForFailedStart(failure),
             "Make the folder of the backup mount again, or withdraw the mount: "
             "kelvo-reg delete 'SOFTWARE/KelvO/Kelvo NFS/Dynamic mounts/{1-2}'");
+}
+
+TEST(StartAdvice, WhoHasAnUnfitRegistryIsToldWhichFileItIs) {
+  const std::string file = platform::CommonAppDataFolder() + "/Kelvo/registry.db";
+  for (const platform::error_t code : {1009U, 1306U, 33U}) {
+    exc::win_sys_exc_t failure("Failed to open registry key [SOFTWARE].", code);
+    failure.AddMessage("Failed to initialize");
+    const auto advice = AdviceForFailedStart(failure);
+    ASSERT_TRUE(advice) << code;
+    EXPECT_NE(advice->find(file), std::string::npos) << *advice;
+  }
 }
 
 TEST(StartAdvice, OtherFailuresSpeakForThemselves) {
