@@ -31,7 +31,8 @@ TEST_P(KillServiceTest, WhatWasAnsweredOutlivesEveryKill) {
     loads.push_back(std::make_unique<CMixedLoad>(root_, "load" + std::to_string(i), campaign.Below(1U << 30)));
   client_.reset();
   unsigned killedStarts = 0;
-  for (unsigned round = 0; round < campaign.Rounds() && !HasFailure(); ++round) {
+  unsigned round = 0;
+  for (; round < campaign.Rounds() && !HasFailure(); ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     for (const auto& load : loads)
       load->Start();
@@ -63,7 +64,7 @@ TEST_P(KillServiceTest, WhatWasAnsweredOutlivesEveryKill) {
   std::printf(
       "%u kills at work, %u in the start; %zu calls answered, %zu of them writes, %zu cut off; %zu handles looked at, "
       "%zu of renamed items stale\n",
-      campaign.Rounds(), killedStarts, all.answered, all.writes, all.unanswered, all.handles, all.stale);
+      round, killedStarts, all.answered, all.writes, all.unanswered, all.handles, all.stale);
   EXPECT_GT(all.writes, 0U);
   EXPECT_GT(all.unanswered, 0U);
 }

@@ -70,11 +70,13 @@ bool IsMemoryRefused(std::size_t size) {
   const std::uint32_t oneIn = faults == nullptr ? 0 : faults->memoryOneIn.load(std::memory_order_relaxed);
   if (oneIn == 0 || size < faults->memoryFrom.load(std::memory_order_relaxed))
     return false;
-  thread_local std::uint32_t state = static_cast<std::uint32_t>(syscall(SYS_gettid)) * 2654435761U | 1U;
-  state ^= state << 13U;
-  state ^= state >> 17U;
-  state ^= state << 5U;
-  if (state % oneIn != 0)
+  // Nothing of the thread's own, which would take memory itself.
+  static std::atomic<std::uint32_t> requests{0};
+  std::uint32_t mixed = requests.fetch_add(1, std::memory_order_relaxed) * 2654435761U;
+  mixed ^= mixed >> 15U;
+  mixed *= 2246822519U;
+  mixed ^= mixed >> 13U;
+  if (mixed % oneIn != 0)
     return false;
   faults->failed.fetch_add(1);
   errno = ENOMEM;

@@ -101,7 +101,8 @@ class CWriter {
 };
 
 /// Waits until every writer has got so many answers more.
-inline void WaitForProgress(const std::vector<std::unique_ptr<CWriter>>& writers, std::size_t answers) {
+inline void WaitForProgress(const std::vector<std::unique_ptr<CWriter>>& writers, std::size_t answers,
+                            std::chrono::milliseconds limit = 60s) {
   std::vector<std::size_t> goals;
   for (const auto& writer : writers)
     goals.push_back(writer->Answered() + answers);
@@ -113,7 +114,7 @@ inline void WaitForProgress(const std::vector<std::unique_ptr<CWriter>>& writers
         }
         return true;
       },
-      60s));
+      limit));
 }
 
 }  // namespace test
