@@ -12,6 +12,7 @@ help:
 	@echo "make test     install what is missing, build, run all tests"
 	@echo "make build    build the release preset into build/release"
 	@echo "make bench    measure the server beside the limit of this machine and its peers"
+	@echo "make bench-growth  how cost grows with connections, entries and items"
 	@echo "make asan     unit tests with address, undefined-behaviour and leak sanitizers"
 	@echo "make tsan     unit tests with the thread sanitizer"
 	@echo "make fuzz     run every fuzz target, TIME=60 seconds each"
@@ -66,6 +67,11 @@ bench:
 	@scripts/install-packages build bench
 	@scripts/build-preset release
 	@bench/compare build/release/bin
+
+bench-growth:
+	@scripts/install-packages build bench
+	@scripts/build-preset release
+	@bench/growth build/release/bin
 
 format:
 	@scripts/install-packages check
