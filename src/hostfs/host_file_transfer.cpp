@@ -49,12 +49,48 @@ platform::error_t WriteRest(platform::file_t& file, const std::string& path, std
   return platform::error::Success;
 }
 
+[[noreturn]] void ThrowReadFailure(const std::string& path, platform::error_t failure) {
+  throw exc::win_sys_exc_t(exc::FormatText("Failed to read data from the file [%1].", path), failure);
+}
+
+/// Reads into the pipe that the reader lends. False when the bytes have to be read into memory, which has no more than
+/// those that are there already.
+bool ReadIntoPipe(platform::file_t& file, const std::string& path, std::uint64_t offset, std::uint32_t count,
+                  SFsReadBuffer& buffer) {
+  if (buffer.pipe == nullptr || count < platform::kernel_pipe_t::Least || count > platform::kernel_pipe_t::Largest) {
+    return false;
+  }
+  while (buffer.length < count) {
+    std::size_t done = 0;
+    const platform::error_t failure =
+        file.ReadIntoPipe(offset + buffer.length, count - buffer.length, *buffer.pipe, done);
+    if (failure == platform::error::PipeBusy || failure == platform::error::CallNotImplemented) {
+      buffer.data.resize(buffer.length);
+      std::size_t moved = 0;
+      if (buffer.pipe->Read(buffer.data, moved) != platform::error::Success) {
+        throw exc::runtime_exc_t("Failed to read data from the file [%1].", path);
+      }
+      return false;
+    }
+    if (failure != platform::error::Success) {
+      ThrowReadFailure(path, failure);
+    }
+    if (done == 0) {
+      break;
+    }
+    buffer.length += static_cast<std::uint32_t>(done);
+  }
+  buffer.isInPipe = true;
+  return true;
+}
+
 }  // namespace
 
 void ReadHostFile(platform::file_t& file, const std::string& path, std::uint64_t offset, std::uint32_t count,
                   SFsReadBuffer& buffer) {
   buffer.length = 0;
   buffer.eof = false;
+  buffer.isInPipe = false;
   if (count >= InvalidReadCount) {
     throw exc::runtime_exc_t("Specified  length of the file buffer is invalid: [%1].", count);
   }
@@ -67,6 +103,10 @@ void ReadHostFile(platform::file_t& file, const std::string& path, std::uint64_t
     buffer.eof = offset >= SizeOf(file, path);
     return;
   }
+  if (ReadIntoPipe(file, path, offset, count, buffer)) {
+    buffer.eof = buffer.length < count;
+    return;
+  }
   const bool isWorthAsking = count > UnaskedReadCount;
   while (buffer.length < count) {
     const std::uint32_t room = isWorthAsking ? Room(file, path, offset, count, buffer.length) : count;
@@ -75,7 +115,7 @@ void ReadHostFile(platform::file_t& file, const std::string& path, std::uint64_t
     const platform::error_t failure =
         file.ReadAt(offset + buffer.length, buffer.data.data() + buffer.length, room - buffer.length, done);
     if (failure != platform::error::Success) {
-      throw exc::win_sys_exc_t(exc::FormatText("Failed to read data from the file [%1].", path), failure);
+      ThrowReadFailure(path, failure);
     }
     if (done == 0) {
       break;

@@ -12,6 +12,7 @@
 
 #include "platform/error.h"
 #include "platform/file_attributes.h"
+#include "platform/kernel_pipe.h"
 #include "platform/location.h"
 
 namespace platform {
@@ -43,6 +44,12 @@ class file_t {
 
   /// One read. Fewer bytes than asked for are not yet the end of the file; none are.
   virtual error_t ReadAt(std::uint64_t offset, void* data, std::size_t length, std::size_t& outRead) = 0;
+  /// One read whose bytes stay in the kernel. 231 and 120 as TakeFromFile says them: then they have to be read.
+  virtual error_t ReadIntoPipe(std::uint64_t /*offset*/, std::size_t /*length*/, kernel_pipe_t& /*pipe*/,
+                               std::size_t& outRead) {
+    outRead = 0;
+    return error::CallNotImplemented;
+  }
   /// One write, which may take fewer bytes than given. A file opened for reading alone is error 5.
   virtual error_t WriteAt(std::uint64_t offset, const void* data, std::size_t length, std::size_t& outWritten) = 0;
   virtual error_t GetSize(std::uint64_t& size) = 0;

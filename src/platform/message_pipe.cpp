@@ -70,31 +70,43 @@ error_t SendAll(int socket, std::span<iovec> parts, int flags, const pipe_wait_t
   return error::Success;
 }
 
-/// Looks before the sleep: the answer of a peer is mostly on its way. More while that pays, fewer while it does not;
-/// none on a machine where the peer could not run meanwhile.
+/// Looks before the sleep: the answer of a peer is mostly on its way. More while that pays, fewer while it does not, or
+/// while others want this processor; none on a machine where the peer could not run meanwhile.
 class looks_t {
  public:
   /// False when it is time to sleep.
   bool Another() noexcept {
     if (AvailableProcessors() < 2 || done_ == next_)
       return false;
-    ++done_;
+    if (done_++ == 0)
+      begin_ = NowNs();
     for (int i = 0; i < PausesOfLook; ++i)
       SpinPause();
     return true;
   }
   void Tell(bool found) noexcept {
-    if (done_ != 0)
-      next_ = found ? std::min(next_ * 2, Most) : std::max(next_ / 2, Least);
+    if (done_ == 0)
+      return;
+    const bool wasInterrupted = NowNs() - begin_ > done_ * LongLookNs;
+    next_ = found && !wasInterrupted ? std::min(next_ * 2, Most) : std::max(next_ / 2, Least);
   }
 
  private:
   static constexpr std::uint32_t Least = 4;
   static constexpr std::uint32_t Most = 64;
   static constexpr int PausesOfLook = 8;
+  /// Several times what a look takes; looks that take longer were interrupted by another thread's turn.
+  static constexpr std::uint64_t LongLookNs = 5000;
+
+  static std::uint64_t NowNs() noexcept {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+  }
 
   static thread_local constinit std::uint32_t next_;
   std::uint32_t done_ = 0;
+  std::uint64_t begin_ = 0;
 };
 
 thread_local constinit std::uint32_t looks_t::next_ = looks_t::Most / 2;
@@ -364,6 +376,62 @@ error_t message_pipe_t::Transact(std::span<const std::uint8_t> head, std::span<c
   if (result == error::Success)
     result = Write(head, rest, wait);
   return result == error::Success ? Read(reply, count, wait) : result;
+}
+
+error_t message_pipe_t::Transact(std::span<const std::uint8_t> request, std::span<std::uint8_t> reply,
+                                 kernel_pipe_t& pipe, std::size_t& count, const pipe_wait_t& wait) {
+  count = 0;
+  error_t result = LookForUnread();
+  if (result == error::Success)
+    result = Write(request, wait);
+  // Alone, so that what follows is still at the socket.
+  if (result == error::Success)
+    result = ReadHeader({}, count, wait);
+  if (result != error::Success)
+    return result;
+  const bool fits = left_ >= kernel_pipe_t::Least && left_ <= std::min(reply.size(), kernel_pipe_t::Largest);
+  if (!fits || !ahead_.empty())
+    return Read(reply, count, wait);
+  result = ReceiveIntoPipe(reply, pipe, count, wait);
+  if (result == error::Success)
+    headerSize_ = 0;
+  return result;
+}
+
+/// Takes the rest of the message at hand, which is not longer than the buffer. A peer that sends it in small pieces
+/// fills the pipe with these: then the buffer takes all.
+error_t message_pipe_t::ReceiveIntoPipe(std::span<std::uint8_t> buffer, kernel_pipe_t& pipe, std::size_t& count,
+                                        const pipe_wait_t& wait) {
+  bool mustHaveSome = false;
+  looks_t looks;
+  while (left_ > 0) {
+    std::size_t moved = 0;
+    error_t result = pipe.TakeFromSocket(socket_.Get(), left_, moved);
+    if (result == error::PipeBusy && mustHaveSome) {
+      result = pipe.Read(buffer.first(count), moved);
+      if (result != error::Success)
+        return result;
+      result = Receive(buffer.subspan(count, left_), moved, wait);
+      count += moved;
+      left_ -= moved;
+      return result;
+    }
+    if (result == error::PipeBusy) {
+      if (looks.Another())
+        continue;
+      looks.Tell(false);
+      result = WaitForReadiness(socket_.Get(), POLLIN, wait);
+      mustHaveSome = true;
+    } else if (result == error::Success) {
+      looks.Tell(true);
+      mustHaveSome = false;
+    }
+    if (result != error::Success)
+      return result;
+    count += moved;
+    left_ -= moved;
+  }
+  return error::Success;
 }
 
 }  // namespace platform

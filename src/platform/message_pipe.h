@@ -14,6 +14,7 @@
 
 #include "platform/error.h"
 #include "platform/futex.h"
+#include "platform/kernel_pipe.h"
 #include "platform/location.h"
 
 namespace platform {
@@ -106,6 +107,12 @@ class message_pipe_t {
   error_t Transact(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest,
                    std::span<std::uint8_t> reply, std::size_t& count, const pipe_wait_t& wait);
 
+  /// The same with room in the kernel too: the bytes of a reply that is neither small nor longer than the reply's
+  /// memory can be left in the pipe, which is empty before; `count` tells how many wherever they are, and the pipe what
+  /// it holds: all of them or none.
+  error_t Transact(std::span<const std::uint8_t> request, std::span<std::uint8_t> reply, kernel_pipe_t& pipe,
+                   std::size_t& count, const pipe_wait_t& wait);
+
   /// For waiting on several things: readable when a message begins, or the peer has gone. Owned by the pipe; not to be
   /// read or written.
   int Descriptor() const noexcept { return socket_.Get(); }
@@ -120,6 +127,8 @@ class message_pipe_t {
   error_t ReceiveOnce(std::span<std::uint8_t> first, std::span<std::uint8_t> rest, std::size_t& count,
                       const pipe_wait_t& wait);
   error_t ReadHeader(std::span<std::uint8_t> room, std::size_t& count, const pipe_wait_t& wait);
+  error_t ReceiveIntoPipe(std::span<std::uint8_t> buffer, kernel_pipe_t& pipe, std::size_t& count,
+                          const pipe_wait_t& wait);
   std::size_t TakeAhead(std::span<std::uint8_t> buffer);
   error_t LookForUnread() const;
 

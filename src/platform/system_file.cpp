@@ -57,6 +57,16 @@ error_t system_file_t::ReadAt(std::uint64_t offset, void* data, std::size_t leng
   }
 }
 
+error_t system_file_t::ReadIntoPipe(std::uint64_t offset, std::size_t length, kernel_pipe_t& pipe,
+                                    std::size_t& outRead) {
+  CheckNoBriefLock("ReadIntoPipe");
+  outRead = 0;
+  if (!IsOffset(offset)) {
+    return error::InvalidParameter;
+  }
+  return pipe.TakeFromFile(file_.Get(), offset, std::min<std::uint64_t>(length, MaxOffset - offset), outRead);
+}
+
 error_t system_file_t::WriteAt(std::uint64_t offset, const void* data, std::size_t length, std::size_t& outWritten) {
   CheckNoBriefLock("WriteAt");
   outWritten = 0;

@@ -17,6 +17,7 @@ class system_file_t : public file_t {
   error_t Reserve(file_share_t share);
 
   error_t ReadAt(std::uint64_t offset, void* data, std::size_t length, std::size_t& outRead) override;
+  error_t ReadIntoPipe(std::uint64_t offset, std::size_t length, kernel_pipe_t& pipe, std::size_t& outRead) override;
   error_t WriteAt(std::uint64_t offset, const void* data, std::size_t length, std::size_t& outWritten) override;
   error_t GetSize(std::uint64_t& size) override;
   error_t SetSize(std::uint64_t size) override;

@@ -9,11 +9,15 @@
 
 /// The buffer that the backend filled is itself a piece of the reply; the reply keeps it alive.
 inline void SetReadResult(READ3res& result, const boost::shared_ptr<SFsReadBuffer>& buffer) {
+  result.count = buffer->length;
+  result.eof = buffer->eof;
+  if (buffer->isInPipe) {
+    result.pipe = buffer->pipe;
+    return;
+  }
   if (buffer->data.size() < buffer->length) {
     SetFailedResult(result, NFS3ERR_SERVERFAULT);
     return;
   }
-  result.count = buffer->length;
-  result.eof = buffer->eof;
   result.data = boost::shared_ptr<const io::byte_buffer_t>(buffer, &buffer->data);
 }

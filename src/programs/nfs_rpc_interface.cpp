@@ -44,6 +44,8 @@ void Read(SProcedureCall& call) {
   args.Decode(call.reader);
   io_trace::Begin(perf::event::ReadBegin, args.file, args.offset, args.count);
   const auto buffer = boost::make_shared<SFsReadBuffer>();
+  if (call.writer.TakesPipes() && args.count >= platform::kernel_pipe_t::Least)
+    buffer->pipe = platform::kernel_pipe_t::Acquire();
   READ3res result;
   result.status = call.fs.Read(args.file, args.offset, args.count, *buffer);
   if (result.status == NFS3_OK)

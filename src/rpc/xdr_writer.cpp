@@ -102,7 +102,19 @@ void CXDRWriter::SharedVarLenData(boost::shared_ptr<const io::byte_buffer_t> dat
   UInt(static_cast<std::uint32_t>(length));
   if (length == 0)
     return;
-  shared_.push_back({used_, std::move(data), length});
+  shared_.push_back({used_, std::move(data), length, {}});
+  sharedBytes_ += length;
+  Padding(length);
+}
+
+void CXDRWriter::PipedVarLenData(boost::shared_ptr<platform::kernel_pipe_t> pipe) {
+  if (!takesPipes_)
+    throw exc::runtime_exc_t("The data to be sent is out of reach.");
+  const std::size_t length = pipe->Held();
+  UInt(static_cast<std::uint32_t>(length));
+  if (length == 0)
+    return;
+  shared_.push_back({used_, {}, length, std::move(pipe)});
   sharedBytes_ += length;
   Padding(length);
 }
@@ -146,7 +158,7 @@ void CXDRWriter::ForEachPiece(Visit&& visit) const {
   std::size_t done = 0;
   for (const SShared& shared : shared_) {
     visit(buffer_->data() + done, shared.position - done, nullptr);
-    visit(shared.buffer->data(), shared.length, &shared.buffer);
+    visit(shared.buffer == nullptr ? nullptr : shared.buffer->data(), shared.length, &shared);
     done = shared.position;
   }
   if (done < used_)
@@ -172,14 +184,13 @@ std::vector<SXdrSegment> CXDRWriter::TakeSegments(bool lastFragment) {
   StoreWord(buffer_->data(), mark);
   std::vector<SXdrSegment> segments;
   segments.reserve(2 * shared_.size() + 1);
-  ForEachPiece(
-      [&](const std::uint8_t* bytes, std::size_t length, const boost::shared_ptr<const io::byte_buffer_t>* holder) {
-        if (holder != nullptr) {
-          segments.push_back({*holder, 0, length});
-        } else {
-          segments.push_back({buffer_, static_cast<std::size_t>(bytes - buffer_->data()), length});
-        }
-      });
+  ForEachPiece([&](const std::uint8_t* bytes, std::size_t length, const SShared* shared) {
+    if (shared != nullptr) {
+      segments.push_back({shared->buffer, 0, length, shared->pipe});
+    } else {
+      segments.push_back({buffer_, static_cast<std::size_t>(bytes - buffer_->data()), length, {}});
+    }
+  });
   buffer_.reset();
   used_ = MarkSize;
   shared_.clear();

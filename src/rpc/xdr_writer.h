@@ -10,12 +10,15 @@
 
 #include "foundation/byte_buffer.h"
 #include "foundation/io_dev.h"
+#include "platform/kernel_pipe.h"
 
 /// A piece of a finished record. The buffer is shared with whoever made it and is not changed any more.
 struct SXdrSegment {
   boost::shared_ptr<const io::byte_buffer_t> buffer;
   std::size_t offset = 0;
   std::size_t length = 0;
+  /// In the place of a buffer: a pipe that holds exactly the length.
+  boost::shared_ptr<platform::kernel_pipe_t> pipe{};
 };
 
 /// Grows one message. The first four bytes are the room of the record mark, so the message begins at offset 4 and
@@ -41,6 +44,12 @@ class CXDRWriter {
   /// As VarLenData of the buffer's first length bytes, without copying them: the buffer goes out as a segment of
   /// its own and must not change any more. Throws runtime_exc_t when the buffer is shorter.
   void SharedVarLenData(boost::shared_ptr<const io::byte_buffer_t> data, std::size_t length);
+
+  /// The same with bytes that are in the kernel, all that the pipe holds. For a writer that takes pipes.
+  void PipedVarLenData(boost::shared_ptr<platform::kernel_pipe_t> pipe);
+  /// Set by who will call TakeSegments and can send from pipes: the other ways to finish a record cannot.
+  void TakePipes() noexcept { takesPipes_ = true; }
+  bool TakesPipes() const noexcept { return takesPipes_; }
 
   /// The five words that follow the xid of an accepted success (RFC 5531, section 9).
   void AcceptedReply();
@@ -69,6 +78,7 @@ class CXDRWriter {
     std::size_t position = 0;
     boost::shared_ptr<const io::byte_buffer_t> buffer;
     std::size_t length = 0;
+    boost::shared_ptr<platform::kernel_pipe_t> pipe{};
   };
 
   /// Room for length bytes at the end, which count as used from then on.
@@ -77,8 +87,8 @@ class CXDRWriter {
   void Padding(std::size_t dataLength);
   /// The mark of the message as it stands.
   std::uint32_t Mark(bool lastFragment) const;
-  /// Calls visit(bytes, length, holder) for each piece in order, the mark's room included. holder is null for pieces
-  /// of the own buffer.
+  /// Calls visit(bytes, length, shared) for each piece in order, the mark's room included. shared is null for pieces of
+  /// the own buffer; bytes are null for those in a pipe.
   template <typename Visit>
   void ForEachPiece(Visit&& visit) const;
 
@@ -86,6 +96,7 @@ class CXDRWriter {
   std::size_t used_ = MarkSize;
   std::vector<SShared> shared_;
   std::size_t sharedBytes_ = 0;
+  bool takesPipes_ = false;
 };
 
 /// The capacity of a new writer, bytes, at most 1 MiB: the option XDRBufInitialSize. Set once at start.

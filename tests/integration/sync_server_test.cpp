@@ -10,6 +10,7 @@
 #include <memory>
 #include <thread>
 
+#include "integration/support/footprint.h"
 #include "integration/support/sockets.h"
 #include "integration/support/wire_fixture.h"
 
@@ -58,10 +59,7 @@ class SyncServerTest : public testing::Test {
   }
   std::size_t Threads() { return OfStatus("Threads:"); }
   std::size_t ResidentKiB() { return OfStatus("VmRSS:"); }
-  std::size_t Descriptors() {
-    const fs::directory_iterator all("/proc/" + std::to_string(service_.Process().Pid()) + "/fd");
-    return static_cast<std::size_t>(std::distance(fs::begin(all), fs::end(all)));
-  }
+  std::size_t Descriptors() { return FootprintOf(service_.Process().Pid()).descriptors; }
   /// A file of the share with this content, by its handle.
   bytes_t MakeFile(const std::string& name, const std::string& content) {
     WriteFile(service_.Root() + "/" + name, content);

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <thread>
 
+#include "integration/support/footprint.h"
 #include "integration/support/wire_fixture.h"
 
 namespace {
@@ -300,10 +301,7 @@ TEST_P(BadInputTest, AFolderThatBecomesALinkUnderAHandleDoesNotLeadOut) {
 }
 
 TEST_P(BadInputTest, FiveHundredConnectionsThatComeAndGoLeaveNoDescriptorBehind) {
-  const auto descriptors = [this] {
-    const fs::directory_iterator all("/proc/" + std::to_string(service_.Process().Pid()) + "/fd");
-    return std::distance(fs::begin(all), fs::end(all));
-  };
+  const auto descriptors = [this] { return FootprintOf(service_.Process().Pid()).descriptors; };
   const auto before = descriptors();
   for (int i = 0; i < 500; ++i) {
     CConnection connection(2049);

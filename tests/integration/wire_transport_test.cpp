@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "integration/support/footprint.h"
 #include "integration/support/sockets.h"
 #include "integration/support/wire_fixture.h"
 
@@ -19,10 +20,7 @@ class TransportTest : public CWireTest {
  protected:
   bool Logged(const std::string& text) const { return service_.LogText().find(text) != std::string::npos; }
 
-  std::size_t Descriptors() {
-    const fs::directory_iterator all("/proc/" + std::to_string(service_.Process().Pid()) + "/fd");
-    return static_cast<std::size_t>(std::distance(fs::begin(all), fs::end(all)));
-  }
+  std::size_t Descriptors() { return FootprintOf(service_.Process().Pid()).descriptors; }
   /// The service may open no descriptor above this number; 0 is what it had before.
   void LimitDescriptors(rlim_t number) {
     rlimit limit{};

@@ -63,12 +63,13 @@ void CRemoteFsFile::Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffe
   remotevfs::Buffer reply(std::move(buffer.data));
   {
     const CRemoteVfsClientHolder client = connector_->GetClient();
-    client->Read(HandleOn(client), offset, count, reply);
+    client->Read(HandleOn(client), offset, count, reply, buffer.pipe.get());
   }
   const std::size_t size = reply.ActualSize();
   if (size > count)
     throw exc::runtime_exc_t("The restore agent has read [%1] bytes of item [%2] where [%3] were asked for.", size,
                              path_, count);
+  buffer.isInPipe = buffer.pipe != nullptr && buffer.pipe->Held() != 0;
   buffer.data = reply.Release();
   buffer.length = static_cast<std::uint32_t>(size);
   buffer.eof = buffer.length != count;

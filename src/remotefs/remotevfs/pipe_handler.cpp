@@ -44,13 +44,13 @@ PipeHandler::PipeHandler(boost::shared_ptr<message_pipe_t> pipe, boost::shared_p
       abandonEvent_(std::move(abandonEvent)),
       maxReplySize_(maxReplySize) {}
 
-bool PipeHandler::Transact(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply,
-                           std::uint32_t timeoutMs) {
+bool PipeHandler::Transact(const SExchange& exchange, std::uint32_t timeoutMs) {
   const std::lock_guard<std::mutex> guard(lock_);
+  Buffer& reply = exchange.reply;
   if (reply.Capacity() == 0)
     reply.Reserve(LeastReplyCapacity);
   bool moreData = false;
-  if (!ReceiveFirst(request, data, reply, timeoutMs, moreData))
+  if (!ReceiveFirst(exchange, timeoutMs, moreData))
     return false;
   if (!moreData)
     return true;
@@ -61,17 +61,20 @@ bool PipeHandler::Transact(const Buffer& request, std::span<const std::uint8_t> 
   return true;
 }
 
-bool PipeHandler::ReceiveFirst(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply,
-                               std::uint32_t timeoutMs, bool& moreData) {
+bool PipeHandler::ReceiveFirst(const SExchange& exchange, std::uint32_t timeoutMs, bool& moreData) {
   platform::CheckNoBriefLock("a request to a mount agent");
   const deadline_t deadline = deadline_t::After(timeoutMs);
   const std::array<int, 2> cancels{stopEvent_->PollDescriptor(), abandonEvent_->PollDescriptor()};
   std::size_t count = 0;
-  const platform::error_t result = pipe_->Transact(request.Bytes(), data, reply.Room(), count, {deadline, cancels});
+  const platform::pipe_wait_t wait{deadline, cancels};
+  const std::span<std::uint8_t> room = exchange.reply.Room();
+  const platform::error_t result = exchange.pipe != nullptr
+                                       ? pipe_->Transact(exchange.request, room, *exchange.pipe, count, wait)
+                                       : pipe_->Transact(exchange.request, exchange.data, room, count, wait);
   switch (result) {
     case error::Success:
     case error::MoreData:
-      reply.SetActualSize(count);
+      exchange.reply.SetActualSize(count);
       moreData = result == error::MoreData;
       return true;
     case error::WaitTimeout:

@@ -40,11 +40,25 @@ class PipeHandler {
     return Transact(request, {}, reply, timeoutMs);
   }
   /// The same for a request that goes on with data that lies elsewhere.
-  bool Transact(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply, std::uint32_t timeoutMs);
+  bool Transact(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply, std::uint32_t timeoutMs) {
+    return Transact({request.Bytes(), data, reply, nullptr}, timeoutMs);
+  }
+  /// The same with a pipe that may get the bytes of the reply in the place of its buffer, whose actual size tells how
+  /// many they are.
+  bool Transact(const Buffer& request, Buffer& reply, platform::kernel_pipe_t* pipe, std::uint32_t timeoutMs) {
+    return Transact({request.Bytes(), {}, reply, pipe}, timeoutMs);
+  }
 
  private:
-  bool ReceiveFirst(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply, std::uint32_t timeoutMs,
-                    bool& moreData);
+  struct SExchange {
+    std::span<const std::uint8_t> request;
+    std::span<const std::uint8_t> data;
+    Buffer& reply;
+    platform::kernel_pipe_t* pipe;
+  };
+
+  bool Transact(const SExchange& exchange, std::uint32_t timeoutMs);
+  bool ReceiveFirst(const SExchange& exchange, std::uint32_t timeoutMs, bool& moreData);
   bool Read(Buffer& out, std::size_t limit, std::uint32_t timeoutMs);
   platform::error_t ReadChunk(std::span<std::uint8_t> chunk, std::size_t& count, const platform::deadline_t& deadline);
 

@@ -39,9 +39,17 @@ RemoteVfsClient::RemoteVfsClient(const std::string& pipeName, std::uint32_t conn
 }
 
 void RemoteVfsClient::Ask(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply) {
+  CheckUsable();
+  CheckAnswered(pipeHandler_->Transact(request, data, reply, responseTimeoutMs_));
+}
+
+void RemoteVfsClient::CheckUsable() const {
   if (IsBroken())
     throw exc::runtime_exc_t("Restore agent is not available.");
-  if (pipeHandler_->Transact(request, data, reply, responseTimeoutMs_))
+}
+
+void RemoteVfsClient::CheckAnswered(bool isAnswered) {
+  if (isAnswered)
     return;
   broken_.store(true, std::memory_order_relaxed);
   throw exc::runtime_exc_t("Timed out waiting for the response from restore agent.");
@@ -70,14 +78,16 @@ std::int32_t RemoteVfsClient::Open(std::string_view path) {
   }
 }
 
-void RemoteVfsClient::Read(std::int32_t handle, std::uint64_t offset, std::uint32_t length, Buffer& out) {
+void RemoteVfsClient::Read(std::int32_t handle, std::uint64_t offset, std::uint32_t length, Buffer& out,
+                           platform::kernel_pipe_t* pipe) {
   Buffer request(SmallCapacity);
   Begin(request, Command::Read, handle);
   request.AppendU64(offset);
   request.AppendU32(length);
   out.Clear();
   out.Reserve(DataCapacity);
-  Ask(request, out);
+  CheckUsable();
+  CheckAnswered(pipeHandler_->Transact(request, out, pipe, responseTimeoutMs_));
 }
 
 std::int32_t RemoteVfsClient::Write(std::int32_t handle, std::uint64_t offset, std::uint32_t length, const void* data) {

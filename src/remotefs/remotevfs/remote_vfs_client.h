@@ -37,7 +37,9 @@ class RemoteVfsClient {
   /// -1: the item was not found. Failures are told as "Failed to open backup item [%1]." with their cause.
   std::int32_t Open(std::string_view path);
   /// Gives what the agent read, which may be less than the length, or, of a wrong agent, more.
-  void Read(std::int32_t handle, std::uint64_t offset, std::uint32_t length, Buffer& out);
+  /// With a pipe, the bytes can be left in there: all of them, `out` counting them, or none.
+  void Read(std::int32_t handle, std::uint64_t offset, std::uint32_t length, Buffer& out,
+            platform::kernel_pipe_t* pipe = nullptr);
   /// Returns the count that the agent tells, unchecked.
   std::int32_t Write(std::int32_t handle, std::uint64_t offset, std::uint32_t length, const void* data);
   std::uint64_t GetSize(std::int32_t handle);
@@ -48,6 +50,8 @@ class RemoteVfsClient {
  private:
   void Ask(const Buffer& request, Buffer& reply) { Ask(request, {}, reply); }
   void Ask(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply);
+  void CheckAnswered(bool isAnswered);
+  void CheckUsable() const;
 
   const boost::shared_ptr<synch::manual_event_t> stopEvent_;
   const std::uint32_t responseTimeoutMs_;

@@ -142,25 +142,37 @@ void CAsyncConnection::FailSend(platform::error_t error) {
 win::io_attempt_t CAsyncConnection::AttemptSend(int handle, win::SIoResult& result) {
   std::array<iovec, MaxPieces> pieces;
   std::size_t count = 0;
+  bool more = false;
+  const SXdrSegment* piped = nullptr;
+  std::size_t left = 0;
   {
     const std::lock_guard guard(sendLock_);
-    count = GatherLocked(pieces.data(), pieces.size());
+    if (sendQueue_.front().pipe != nullptr) {
+      piped = &sendQueue_.front();
+      left = piped->length - sendOffset_;
+      more = sendQueue_.size() > 1;
+    } else {
+      count = GatherLocked(pieces.data(), pieces.size());
+      more = count < sendQueue_.size();
+    }
   }
   // The segments stay where they are: only the sender takes them out, and there is one at a time.
-  return TrySend(handle, pieces.data(), count, result);
+  return piped != nullptr ? TrySendPipe(handle, *piped->pipe, left, more, result)
+                          : TrySend(handle, pieces.data(), count, more, result);
 }
 
 std::size_t CAsyncConnection::GatherLocked(iovec* pieces, std::size_t room) {
-  const std::size_t count = std::min(room, sendQueue_.size());
+  const std::size_t most = std::min(room, sendQueue_.size());
   std::size_t offset = sendOffset_;
-  for (std::size_t i = 0; i < count; ++i) {
-    const SXdrSegment& segment = sendQueue_[i];
+  std::size_t count = 0;
+  for (; count < most && sendQueue_[count].pipe == nullptr; ++count) {
+    const SXdrSegment& segment = sendQueue_[count];
     if (offset >= segment.length) {
       throw std::logic_error("Attempting to send already sent buffer");
     }
     // sendmsg only reads what the pieces point at.
-    pieces[i] = {const_cast<std::uint8_t*>(segment.buffer->data() + segment.offset + offset),  // NOLINT
-                 segment.length - offset};
+    pieces[count] = {const_cast<std::uint8_t*>(segment.buffer->data() + segment.offset + offset),  // NOLINT
+                     segment.length - offset};
     offset = 0;
   }
   return count;

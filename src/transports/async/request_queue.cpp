@@ -178,6 +178,9 @@ void CRequestQueue::Answer(SItem& item, reply_t reply) noexcept {
   try {
     CXDRReader reader(std::move(item.record));
     CXDRWriter writer;
+    if (item.sender->TakesPipes()) {
+      writer.TakePipes();
+    }
     handler_(item.sender->IsFsAccessAllowed(), item.sender->GetPeerAddress(), reader, writer);
     Reply(item, writer, reply);
     return;

@@ -30,6 +30,8 @@ class CResponseSender : public CCounted {
   /// False while the client leaves so many replies untaken that its requests have to wait: its transport calls
   /// CRequestQueue::ContinueParked once that is over.
   virtual bool MayAnswer() { return true; }
+  /// Whether replies may hold data that is still in the kernel.
+  virtual bool TakesPipes() const { return false; }
   /// The same for all requests of one client, whose order is kept.
   virtual const void* Client() const { return this; }
 };

@@ -19,6 +19,7 @@ class CTcpResponseSender : public CResponseSender {
   void Close() override { connection_->Close(); }
   void Hold(CXDRWriter& writer, completion_ptr completion) override;
   bool MayAnswer() override { return connection_->MayAnswer(); }
+  bool TakesPipes() const override { return true; }
   const void* Client() const override { return connection_.get(); }
 
  private:

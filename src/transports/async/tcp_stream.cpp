@@ -75,9 +75,15 @@ io_attempt_t CTcpStream::TryReceive(int handle, iovec* pieces, std::size_t count
   return Move([&] { return ::recvmsg(handle, &message, MSG_DONTWAIT); }, result);
 }
 
-io_attempt_t CTcpStream::TrySend(int handle, iovec* pieces, std::size_t count, SIoResult& result) noexcept {
+io_attempt_t CTcpStream::TrySend(int handle, iovec* pieces, std::size_t count, bool more, SIoResult& result) noexcept {
   const msghdr message = Message(pieces, count);
-  return Move([&] { return ::sendmsg(handle, &message, MSG_DONTWAIT | MSG_NOSIGNAL); }, result);
+  const int flags = MSG_DONTWAIT | MSG_NOSIGNAL | (more ? MSG_MORE : 0);
+  return Move([&] { return ::sendmsg(handle, &message, flags); }, result);
+}
+
+io_attempt_t CTcpStream::TrySendPipe(int handle, platform::kernel_pipe_t& pipe, std::size_t length, bool more,
+                                     SIoResult& result) noexcept {
+  return Move([&] { return pipe.GiveToSocket(handle, length, more); }, result);
 }
 
 }  // namespace win

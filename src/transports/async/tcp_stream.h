@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "platform/kernel_pipe.h"
 #include "transports/async/socket.h"
 
 namespace win {
@@ -37,8 +38,11 @@ class CTcpStream : public CSocket {
 
   /// One receive into up to count pieces; 64 when the peer has gone.
   static io_attempt_t TryReceive(int handle, iovec* pieces, std::size_t count, SIoResult& result) noexcept;
-  /// One gather send of count pieces.
-  static io_attempt_t TrySend(int handle, iovec* pieces, std::size_t count, SIoResult& result) noexcept;
+  /// One gather send of count pieces; more may follow them at once.
+  static io_attempt_t TrySend(int handle, iovec* pieces, std::size_t count, bool more, SIoResult& result) noexcept;
+  /// One send of what a pipe holds, at most length bytes.
+  static io_attempt_t TrySendPipe(int handle, platform::kernel_pipe_t& pipe, std::size_t length, bool more,
+                                  SIoResult& result) noexcept;
 };
 
 }  // namespace win

@@ -13,6 +13,7 @@
 #include "foundation/byte_buffer.h"
 #include "platform/file_attributes.h"
 #include "platform/guid.h"
+#include "platform/kernel_pipe.h"
 
 class IFsProcCompletionCallback;
 
@@ -51,6 +52,11 @@ struct SFsReadBuffer {
   io::byte_buffer_t data;    ///< At least length bytes after a read.
   std::uint32_t length = 0;  ///< Bytes delivered.
   bool eof = false;          ///< The read reached the end of the file.
+
+  /// What a reader lends who passes the bytes on without looking at them. Empty before a read.
+  boost::shared_ptr<platform::kernel_pipe_t> pipe;
+  /// After a read: the pipe holds the bytes, and data none.
+  bool isInPipe = false;
 };
 
 /// An item of the tree. Any thread may call any operation at any time; every failure is an exception.

@@ -90,7 +90,10 @@ void READ3res::Encode(CXDRWriter& writer) const {
   if (status != NFS3_OK)
     return;
   PutAll(writer, count, eof);
-  writer.SharedVarLenData(data, count);
+  if (pipe != nullptr)
+    writer.PipedVarLenData(pipe);
+  else
+    writer.SharedVarLenData(data, count);
 }
 
 void WRITE3res::Decode(CXDRReader& reader) {

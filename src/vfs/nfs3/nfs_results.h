@@ -67,7 +67,10 @@ struct READ3res {
   bool eof = false;
   /// Holds at least count bytes. Goes out uncopied, so it does not change once encoded; may be empty when count is 0.
   boost::shared_ptr<const io::byte_buffer_t> data;
+  /// Holds exactly count bytes in the place of data.
+  boost::shared_ptr<platform::kernel_pipe_t> pipe{};
 
+  /// Of what is in memory.
   bool operator==(const READ3res& other) const;
   void Decode(CXDRReader& reader);
   void Encode(CXDRWriter& writer) const;

@@ -78,6 +78,53 @@ TEST_F(HostFsFile, ShortReadsAreNotTheEnd) {
   EXPECT_FALSE(buffer.eof);
 }
 
+std::string ContentOf(platform::kernel_pipe_t& pipe) {
+  std::string content(pipe.Held(), '\0');
+  std::size_t read = 0;
+  EXPECT_EQ(pipe.Read({reinterpret_cast<std::uint8_t*>(content.data()), content.size()}, read), 0U);
+  EXPECT_EQ(read, content.size());
+  return content;
+}
+
+TEST_F(HostFsFile, LargeReadsLeaveTheBytesInAPipeThatIsLent) {
+  std::string content(100000, 'a');
+  for (std::size_t i = 0; i < content.size(); i += 7)
+    content[i] = static_cast<char>('b' + i % 20);
+  Put("file", content);
+  // A file as the system gives it: injected faults read into memory.
+  const auto file = AsFile(CHostFsFolder::Create(dir / "share", invoker, allocator, {}, true)->OpenChild("file"));
+  ASSERT_TRUE(file);
+  SFsReadBuffer buffer;
+  buffer.pipe = platform::kernel_pipe_t::Acquire();
+  for (const auto& [offset, count] :
+       {std::pair<std::uint64_t, std::uint32_t>{0, 65536}, {4095, 16384}, {50000, 50001}}) {
+    file->Read(offset, count, buffer);
+    EXPECT_TRUE(buffer.isInPipe);
+    EXPECT_EQ(buffer.length, std::min<std::size_t>(count, content.size() - offset));
+    EXPECT_EQ(buffer.eof, count == 50001);
+    EXPECT_EQ(ContentOf(*buffer.pipe), content.substr(offset, count));
+  }
+  for (const auto& [offset, count] : {std::pair<std::uint64_t, std::uint32_t>{0, 16383}, {0, 196609}}) {
+    file->Read(offset, count, buffer);
+    EXPECT_FALSE(buffer.isInPipe) << count;
+    EXPECT_EQ(std::string(buffer.data.begin(), buffer.data.begin() + buffer.length), content.substr(offset, count));
+    EXPECT_EQ(buffer.pipe->Held(), 0U);
+  }
+  file->Read(100000, 65536, buffer);
+  EXPECT_EQ(buffer.length, 0U);
+  EXPECT_TRUE(buffer.eof);
+}
+
+TEST_F(HostFsFile, FilesWhoseBytesCannotBeLeftAreReadIntoMemory) {
+  Put("file", std::string(70000, 'x'));
+  const auto file = File("file");
+  SFsReadBuffer buffer;
+  buffer.pipe = platform::kernel_pipe_t::Acquire();
+  file->Read(0, 65536, buffer);
+  EXPECT_FALSE(buffer.isInPipe);
+  EXPECT_EQ(std::string(buffer.data.begin(), buffer.data.begin() + buffer.length), std::string(65536, 'x'));
+}
+
 TEST_F(HostFsFile, LargeReadOfAFileThatGrowsMeanwhile) {
   Put("file", "0123456789");
   bool hasGrown = false;

@@ -1,6 +1,8 @@
 #include "rpc/xdr_writer.h"
 
 #include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <boost/make_shared.hpp>
 #include <string>
@@ -183,6 +185,50 @@ TEST_F(XdrWriter, SharedDataGoesOutUncopied) {
     EXPECT_EQ(segments[1].buffer, data);
     EXPECT_EQ(segments[1].length, length);
   }
+}
+
+/// A pipe that holds so many bytes of the value.
+boost::shared_ptr<platform::kernel_pipe_t> PipeOf(std::size_t length, std::uint8_t value) {
+  const platform::descriptor_t file(::memfd_create("data", MFD_CLOEXEC));
+  const bytes_t content(length, value);
+  EXPECT_EQ(::pwrite(file.Get(), content.data(), length, 0), static_cast<ssize_t>(length));
+  const auto pipe = platform::kernel_pipe_t::Acquire();
+  std::size_t moved = 0;
+  EXPECT_EQ(pipe->TakeFromFile(file.Get(), 0, length, moved), 0U);
+  EXPECT_EQ(moved, length);
+  return pipe;
+}
+
+TEST_F(XdrWriter, PipedDataIsASegmentOfItsOwn) {
+  const auto pipe = PipeOf(5, 0xBB);
+  CXDRWriter writer;
+  writer.TakePipes();
+  writer.UInt(1);
+  writer.PipedVarLenData(pipe);
+  writer.UInt(2);
+  EXPECT_EQ(writer.Used(), 4U + 4 + 4 + 8 + 4);
+  const std::vector<SXdrSegment> segments = writer.TakeSegments(true);
+  ASSERT_EQ(segments.size(), 3U);
+  EXPECT_EQ(Joined({segments[0]}), (bytes_t{0x80, 0, 0, 20, 0, 0, 0, 1, 0, 0, 0, 5}));
+  EXPECT_EQ(segments[1].pipe, pipe);
+  EXPECT_EQ(segments[1].length, 5U);
+  EXPECT_EQ(segments[1].buffer, nullptr);
+  EXPECT_EQ(Joined({segments[2]}), (bytes_t{0, 0, 0, 0, 0, 0, 2}));
+  bytes_t data(6);
+  std::size_t read = 0;
+  EXPECT_EQ(pipe->Read(data, read), 0U);
+  EXPECT_EQ(read, 5U) << "it still holds them";
+}
+
+TEST_F(XdrWriter, PipedDataIsNotForAWriterThatDoesNotTakeIt) {
+  const auto pipe = PipeOf(4, 1);
+  CXDRWriter writer;
+  EXPECT_FALSE(writer.TakesPipes());
+  EXPECT_THROW(writer.PipedVarLenData(pipe), exc::runtime_exc_t);
+  EXPECT_EQ(writer.Used(), 4U);
+  writer.TakePipes();
+  writer.PipedVarLenData(platform::kernel_pipe_t::Acquire());
+  EXPECT_EQ(test::MessageOf(writer), (bytes_t{0, 0, 0, 0})) << "an empty one is a zero word";
 }
 
 TEST_F(XdrWriter, SharedDataMayEndTheRecord) {

@@ -307,6 +307,37 @@ TEST_F(FileTest, PassesOnOffsetsOfEverySize) {
   }
 }
 
+TEST_F(FileTest, LargeReadsLeaveTheBytesInAPipeThatIsLent) {
+  const Bytes content = Counting(200000);
+  agent->SetFile("disk", content);
+  const auto file = OpenFile("disk");
+  buffer.pipe = platform::kernel_pipe_t::Acquire();
+  for (const std::uint32_t count : {16384U, 65536U, 65568U}) {
+    file->Read(1, count, buffer);
+    EXPECT_TRUE(buffer.isInPipe) << count;
+    EXPECT_EQ(buffer.length, count);
+    EXPECT_EQ(buffer.pipe->Held(), count);
+    Bytes came(count);
+    std::size_t read = 0;
+    EXPECT_EQ(buffer.pipe->Read(came, read), 0U);
+    EXPECT_EQ(came, Bytes(content.begin() + 1, content.begin() + 1 + count));
+  }
+  for (const std::uint32_t count : {10U, 65569U}) {
+    file->Read(1, count, buffer);
+    EXPECT_FALSE(buffer.isInPipe) << count;
+    EXPECT_EQ(Delivered(buffer), Bytes(content.begin() + 1, content.begin() + 1 + count));
+  }
+}
+
+TEST_F(FileTest, RefusesMoreThanItAskedForAlsoInAPipe) {
+  agent->SetFile("disk", Counting(100));
+  const auto file = OpenFile("disk");
+  buffer.pipe = platform::kernel_pipe_t::Acquire();
+  AnswerTo(ReadCommand, AgentReply::Message(Bytes(20000)));
+  EXPECT_EQ(FailureOf([&] { file->Read(0, 16384, buffer); }),
+            "The restore agent has read [20000] bytes of item [disk] where [16384] were asked for.");
+}
+
 TEST_F(FileTest, RefusesMoreThanItAskedFor) {
   agent->SetFile("disk", Counting(100));
   const auto file = OpenFile("disk");
