@@ -102,8 +102,8 @@ class CStored {
       fuzz::Require(transaction.Commit() == 0, "what was stored is stored");
     }
     CheckExport();
-    Load();
-    Resume();
+    if (Load())
+      Resume();
   }
 
  private:
@@ -287,7 +287,8 @@ class CStored {
     }
   }
 
-  void Load() {
+  /// True when there is something to bring back.
+  static bool Load() {
     // Their failures are told by log lines alone.
     CRegOptions(true);
     CRegConfigPorts(true);
@@ -303,6 +304,7 @@ class CStored {
     for (const auto& [fid, item] : loaded.items)
       fuzz::Require(item.fid == fid && fid != InvalidFid, "an item has its FID");
     CheckSaved(config, loaded);
+    return !loaded.shares.empty() || !loaded.mounts.empty();
   }
 
   /// What was loaded is stored again as it was.
