@@ -70,6 +70,7 @@ void BeginNfsRead(const SAsyncProcedureCall& call) {
   args.Decode(*call.reader);
   const auto callback = boost::make_shared<CNfsAsyncReadCompletionCallback>();
   callback->SetRecord(call.completionQueue.Reserve(call.writer, CallWeight + args.count));
+  LendPipe(callback->Buffer(), *call.writer, args.count);
   try {
     call.fs.AsyncRead(args.file, args.offset, args.count, callback->Buffer(), callback);
   } catch (const std::exception& failure) {

@@ -44,8 +44,7 @@ void Read(SProcedureCall& call) {
   args.Decode(call.reader);
   io_trace::Begin(perf::event::ReadBegin, args.file, args.offset, args.count);
   const auto buffer = boost::make_shared<SFsReadBuffer>();
-  if (call.writer.TakesPipes() && args.count >= platform::kernel_pipe_t::Least)
-    buffer->pipe = platform::kernel_pipe_t::Acquire();
+  LendPipe(*buffer, call.writer, args.count);
   READ3res result;
   result.status = call.fs.Read(args.file, args.offset, args.count, *buffer);
   if (result.status == NFS3_OK)
@@ -140,6 +139,8 @@ void CNfsRpcInterface::ProcessAsyncCall(bool isClientAllowed, const sockaddr_in&
                                         const boost::shared_ptr<CXDRReader>& reader,
                                         const boost::shared_ptr<CXDRCompletionQueue>& completionQueue, CVirtualFs& fs) {
   const auto writer = boost::make_shared<CXDRWriter>();
+  if (completionQueue->TakesPipes())
+    writer->TakePipes();
   const SProcedure* const procedure = OpenCall(NfsProgram, isClientAllowed, *reader, *writer);
   if (procedure != nullptr) {
     const SAsyncProcedureCall asyncCall{reader, writer, *completionQueue, fs};

@@ -28,6 +28,8 @@ void CReadBufferPool::Release(std::unique_ptr<SFsReadBuffer> buffer) noexcept {
   buffer->data.clear();
   buffer->length = 0;
   buffer->eof = false;
+  buffer->pipe.reset();
+  buffer->isInPipe = false;
   const std::lock_guard guard(lock_);
   if (free_.size() < MaxFree)
     free_.push_back(std::move(buffer));

@@ -87,6 +87,10 @@ class CXDRCompletionQueue {
   /// Appends to the list the replies up to the first that is not ready.
   void TakeFinished(xdr_replies_t& out) { internal_->TakeFinished(out); }
 
+  /// Before the first call: replies may hold data that is still in the kernel, as whoever takes them sends segments.
+  void TakePipes() noexcept { takesPipes_ = true; }
+  bool TakesPipes() const noexcept { return takesPipes_; }
+
   /// Set exactly while there is something to take.
   synch::manual_event_t& Event() const noexcept { return *internal_->Event(); }
   /// Bytes that the calls and replies in the queue keep or may keep.
@@ -96,4 +100,5 @@ class CXDRCompletionQueue {
 
  private:
   const boost::shared_ptr<CXDRCompletionQueueInternal> internal_;
+  bool takesPipes_ = false;
 };

@@ -119,6 +119,10 @@ void CXDRWriter::PipedVarLenData(boost::shared_ptr<platform::kernel_pipe_t> pipe
   Padding(length);
 }
 
+bool CXDRWriter::HasPipes() const noexcept {
+  return std::ranges::any_of(shared_, [](const SShared& shared) { return shared.pipe != nullptr; });
+}
+
 void CXDRWriter::AcceptedReply() {
   for (const std::uint32_t word : {1U, 0U, 0U, 0U, 0U})
     UInt(word);

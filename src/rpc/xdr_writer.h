@@ -50,6 +50,8 @@ class CXDRWriter {
   /// Set by who will call TakeSegments and can send from pipes: the other ways to finish a record cannot.
   void TakePipes() noexcept { takesPipes_ = true; }
   bool TakesPipes() const noexcept { return takesPipes_; }
+  /// Whether the record has such data, so that only TakeSegments gives it.
+  bool HasPipes() const noexcept;
 
   /// The five words that follow the xid of an accepted success (RFC 5531, section 9).
   void AcceptedReply();

@@ -212,18 +212,18 @@ std::uint64_t CSocketIP::Read(void* data, std::uint64_t length) {
 }
 
 /// All of the pieces, which are used up on the way. function: the caller's, for the failure's text.
-void CSocketIP::WritePieces(std::span<iovec> pieces, const char* function) {
+void CSocketIP::WritePieces(std::span<iovec> pieces, const char* function, int moreFlags) {
   msghdr message = {};
   message.msg_iov = pieces.data();
   message.msg_iovlen = pieces.size();
   // With a limit a send takes only what fits at once, so that no wait hides in it.
-  const int flags = MSG_NOSIGNAL | (TimeoutSec() != 0 ? MSG_DONTWAIT : 0);
+  const int flags = MSG_NOSIGNAL | moreFlags | (TimeoutSec() != 0 ? MSG_DONTWAIT : 0);
   for (;;) {
     for (; message.msg_iovlen != 0 && message.msg_iov->iov_len == 0; --message.msg_iovlen)
       ++message.msg_iov;
     if (message.msg_iovlen == 0)
       return;
-    ssize_t sent = Repeat([&] { return ::sendmsg(socket_, &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
+    ssize_t sent = Repeat([&] { return ::sendmsg(socket_, &message, flags | MSG_DONTWAIT); });
     if (sent < 0 && MustWait()) {
       WaitToWrite();
       sent = Repeat([&] { return ::sendmsg(socket_, &message, flags); });
@@ -332,7 +332,7 @@ void CSocketIP::Send(const void* data, std::uint64_t length, std::uint32_t timeo
     throw exc::runtime_exc_t("CSosketIP::Send has failed.");
 }
 
-void CSocketIP::SendPieces(std::span<const iovec> pieces) {
+void CSocketIP::SendPieces(std::span<const iovec> pieces, bool more) {
   std::uint64_t length = 0;
   for (const iovec& piece : pieces)
     length += piece.iov_len;
@@ -351,7 +351,34 @@ void CSocketIP::SendPieces(std::span<const iovec> pieces) {
   SetTimeoutSec(0);
   CSocketTransferEvent event(perf::event::SocketSend, length, perfEvents_);
   std::vector<iovec> left(pieces.begin(), pieces.end());
-  WritePieces(left, __PRETTY_FUNCTION__);
+  WritePieces(left, __PRETTY_FUNCTION__, more ? MSG_MORE : 0);
+  event.SetDone(length);
+}
+
+void CSocketIP::SendPipe(platform::kernel_pipe_t& pipe, bool more) {
+  const std::size_t length = pipe.Held();
+  if (secondDevice_ != nullptr) {
+    io::byte_buffer_t whole(length);
+    std::size_t read = 0;
+    if (const platform::error_t failure = pipe.Read(whole, read); failure != platform::error::Success)
+      throw exc::win_sys_exc_t("Cannot read what is to be sent.", failure);
+    Send(whole.data(), whole.size());
+    return;
+  }
+  if (!connected_)
+    throw exc::runtime_exc_t("Trying to send over not connected socket.");
+  SetTimeoutSec(0);
+  CSocketTransferEvent event(perf::event::SocketSend, length, perfEvents_);
+  while (pipe.Held() > 0) {
+    const ssize_t sent = Repeat([&] { return pipe.GiveToSocket(socket_, pipe.Held(), more); });
+    if (sent == 0)
+      throw CCloseTCPConnection();
+    if (sent < 0 && MustWait())
+      WaitToWrite();
+    else if (sent < 0)
+      // Never a reason to try again: that was looked at before.
+      CheckTransferFailure(__PRETTY_FUNCTION__);
+  }
   event.SetDone(length);
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "foundation/io_dev.h"
+#include "platform/kernel_pipe.h"
 
 /// Calls of NonBlockingRead and NonBlockingWrite in the whole process, and the bytes that they moved.
 struct SSocketStatistics {
@@ -53,8 +54,10 @@ class CSocketIP : public io::INonBlockingIoDev {
   /// All bytes, through the second device when one is set. timeoutSec: seconds, 0 for no limit.
   void Send(const void* data, std::uint64_t length, std::uint32_t timeoutSec = 0);
   /// The same for bytes that lie in several places, with one call to the system as long as that takes all. At most
-  /// IOV_MAX pieces, without a limit of time.
-  void SendPieces(std::span<const iovec> pieces);
+  /// IOV_MAX pieces, without a limit of time. More may follow at once.
+  void SendPieces(std::span<const iovec> pieces, bool more = false);
+  /// The same for all that a pipe holds.
+  void SendPipe(platform::kernel_pipe_t& pipe, bool more);
   void Recv(void* data, std::uint64_t length);
   void Recv(void* data, std::uint64_t length, std::uint32_t timeoutSec);
   /// At least one byte, and as many as have arrived; without a limit of time, and past the devices.
@@ -92,7 +95,7 @@ class CSocketIP : public io::INonBlockingIoDev {
 
  private:
   std::uint64_t ReadOnce(void* data, std::uint64_t length, const char* function);
-  void WritePieces(std::span<iovec> pieces, const char* function);
+  void WritePieces(std::span<iovec> pieces, const char* function, int moreFlags = 0);
   void WaitToRead();
   void WaitToWrite();
 

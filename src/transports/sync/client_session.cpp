@@ -67,7 +67,9 @@ CClientSession::CClientSession(ClientThreadArgs args)
       completionQueue_(boost::make_shared<CXDRCompletionQueue>()),
       writerQueue_(boost::make_shared<xdr_writer_queue_t>()),
       calls_(boost::make_shared<CXdrBacklog>(MaxCalls, MaxCallBytes)),
-      replies_(boost::make_shared<CXdrBacklog>(MaxReplies, MaxReplyBytes)) {}
+      replies_(boost::make_shared<CXdrBacklog>(MaxReplies, MaxReplyBytes)) {
+  completionQueue_->TakePipes();
+}
 
 int CClientSession::Run() noexcept {
   try {

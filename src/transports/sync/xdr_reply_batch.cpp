@@ -15,6 +15,10 @@ CXdrReplyBatch::CXdrReplyBatch(boost::shared_ptr<CSocketIP> socket) : socket_(st
 
 void CXdrReplyBatch::Add(CXDRWriter& reply) {
   for (SXdrSegment& segment : reply.TakeSegments(true)) {
+    if (segment.pipe != nullptr) {
+      AddPipe(segment);
+      continue;
+    }
     const std::uint8_t* data = segment.buffer->data() + segment.offset;
     std::size_t length = segment.length;
     held_.push_back(std::move(segment));
@@ -58,9 +62,18 @@ void CXdrReplyBatch::Put(const std::uint8_t* data, std::size_t length) {
   pieces_.push_back({const_cast<std::uint8_t*>(data), length});
 }
 
+void CXdrReplyBatch::AddPipe(const SXdrSegment& segment) {
+  SendGathered(true);
+  socket_->SendPipe(*segment.pipe, false);
+}
+
 void CXdrReplyBatch::Flush() {
+  SendGathered(false);
+}
+
+void CXdrReplyBatch::SendGathered(bool more) {
   if (fill_ != 0)
-    socket_->SendPieces(pieces_);
+    socket_->SendPieces(pieces_, more);
   pieces_.clear();
   held_.clear();
   fill_ = 0;

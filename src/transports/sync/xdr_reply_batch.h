@@ -13,7 +13,8 @@
 #include "transports/sockets/socket_ip.h"
 
 /// Gathers replies and sends them in pieces of exactly BatchSize bytes and a rest, cut without regard to where a reply
-/// ends. Large data goes out from where it lies, small data is put together first. One thread.
+/// ends. Large data goes out from where it lies, small data is put together first; data in the kernel leaves from
+/// there, behind what was gathered before. One thread.
 class CXdrReplyBatch {
  public:
   /// Bytes that leave with one send.
@@ -29,6 +30,8 @@ class CXdrReplyBatch {
   void Flush();
 
  private:
+  void AddPipe(const SXdrSegment& segment);
+  void SendGathered(bool more);
   void AddPiece(const std::uint8_t* data, std::size_t length);
   void Put(const std::uint8_t* data, std::size_t length);
 

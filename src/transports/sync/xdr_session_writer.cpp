@@ -86,7 +86,7 @@ void CXdrSessionWriter::WaitForReplies() {
 }
 
 void CXdrSessionWriter::SendAll(replies_t& replies) {
-  if (replies.size() == 1) {
+  if (replies.size() == 1 && !replies.front()->HasPipes()) {
     SendAlone(*replies.front());
     return;
   }
