@@ -70,13 +70,16 @@ error_t SendAll(int socket, std::span<iovec> parts, int flags, const pipe_wait_t
   return error::Success;
 }
 
-/// Looks before the sleep: the answer of a peer is mostly on its way. More while that pays, fewer while it does not, or
-/// while others want this processor; none on a machine where the peer could not run meanwhile.
+/// Looks of who has asked, before the sleep: the answer of a peer is mostly on its way. Who waits for requests sleeps at
+/// once: a processor that both ends spend on looking is one less for all others. More while that pays, fewer while it
+/// does not, or while others want this processor; none on a machine where the peer could not run meanwhile.
 class looks_t {
  public:
+  explicit looks_t(bool hasAsked) noexcept : hasAsked_(hasAsked) {}
+
   /// False when it is time to sleep.
   bool Another() noexcept {
-    if (AvailableProcessors() < 2 || done_ == next_)
+    if (!hasAsked_ || AvailableProcessors() < 2 || done_ == next_)
       return false;
     if (done_++ == 0)
       begin_ = NowNs();
@@ -105,6 +108,7 @@ class looks_t {
   }
 
   static thread_local constinit std::uint32_t next_;
+  const bool hasAsked_;
   std::uint32_t done_ = 0;
   std::uint64_t begin_ = 0;
 };
@@ -256,7 +260,7 @@ error_t message_pipe_t::ReceiveOnce(std::span<std::uint8_t> first, std::span<std
   msghdr message{};
   message.msg_iov = parts.data();
   message.msg_iovlen = parts.size();
-  looks_t looks;
+  looks_t looks(hasAsked_);
   for (;;) {
     const ssize_t received = ::recvmsg(socket_.Get(), &message, MSG_DONTWAIT);
     if (received > 0) {
@@ -372,6 +376,7 @@ error_t message_pipe_t::LookForUnread() const {
 error_t message_pipe_t::Transact(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest,
                                  std::span<std::uint8_t> reply, std::size_t& count, const pipe_wait_t& wait) {
   count = 0;
+  hasAsked_ = true;
   error_t result = LookForUnread();
   if (result == error::Success)
     result = Write(head, rest, wait);
@@ -381,6 +386,7 @@ error_t message_pipe_t::Transact(std::span<const std::uint8_t> head, std::span<c
 error_t message_pipe_t::Transact(std::span<const std::uint8_t> request, std::span<std::uint8_t> reply,
                                  kernel_pipe_t& pipe, std::size_t& count, const pipe_wait_t& wait) {
   count = 0;
+  hasAsked_ = true;
   error_t result = LookForUnread();
   if (result == error::Success)
     result = Write(request, wait);
@@ -403,7 +409,7 @@ error_t message_pipe_t::Transact(std::span<const std::uint8_t> request, std::spa
 error_t message_pipe_t::ReceiveIntoPipe(std::span<std::uint8_t> buffer, kernel_pipe_t& pipe, std::size_t& count,
                                         const pipe_wait_t& wait) {
   bool mustHaveSome = false;
-  looks_t looks;
+  looks_t looks(hasAsked_);
   while (left_ > 0) {
     std::size_t moved = 0;
     error_t result = pipe.TakeFromSocket(socket_.Get(), left_, moved);

@@ -144,6 +144,7 @@ class message_pipe_t {
   /// What came with the end of a message and belongs to those behind it. Mostly empty: who asks waits for the answer.
   std::vector<std::uint8_t> ahead_;
   std::size_t aheadBegin_ = 0;
+  bool hasAsked_ = false;  ///< What comes to this end are answers.
 };
 
 /// A pipe's owner. Its name is free again when it goes; the pipes that it accepted live on.
