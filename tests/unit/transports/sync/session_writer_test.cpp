@@ -2,6 +2,8 @@
 #include "transports/sync/xdr_session_writer.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <boost/make_shared.hpp>
 #include <memory>
@@ -9,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/xdr_record.h"
 #include "unit/transports/sockets/socket_pair.h"
 #include "unit/transports/sync/rig.h"
 
@@ -60,6 +63,24 @@ class SessionWriterTest : public CSocketPairTest {
     backlog_->Add(reply->Used());
     return reply;
   }
+  /// One whose data is in a pipe; its record.
+  std::string PushPiped(xdr_writer_queue_t::items_t& replies, const std::string& data) {
+    const platform::descriptor_t file(::memfd_create("data", MFD_CLOEXEC));
+    EXPECT_EQ(::pwrite(file.Get(), data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
+    const auto pipe = platform::kernel_pipe_t::Acquire();
+    std::size_t moved = 0;
+    EXPECT_EQ(pipe->TakeFromFile(file.Get(), 0, data.size(), moved), 0U);
+    EXPECT_EQ(moved, data.size());
+    const auto reply = boost::make_shared<CXDRWriter>();
+    reply->TakePipes();
+    reply->PipedVarLenData(pipe);
+    backlog_->Add(reply->Used());
+    replies.push_back(reply);
+    CXDRWriter copy;
+    copy.VarLenData(data.data(), data.size());
+    const bytes_t record = WithMark(MessageOf(copy));
+    return {record.begin(), record.end()};
+  }
   static std::string Record(std::size_t size, char fill) {
     const bytes_t record = WithMark(bytes_t(size, static_cast<std::uint8_t>(fill)));
     return {record.begin(), record.end()};
@@ -100,6 +121,26 @@ TEST_F(SessionWriterTest, SeveralSmallRepliesLeaveInOneSend) {
   Start();
   ASSERT_TRUE(Eventually([&] { return !device_->Sends().empty(); }));
   EXPECT_EQ(device_->Sends(), (std::vector<std::string>{all}));
+  EXPECT_TRUE(Eventually([&] { return backlog_->HasRoom(); }));
+}
+
+TEST_F(SessionWriterTest, DataInAPipeLeavesAloneAndInItsPlaceAmongOthers) {
+  xdr_writer_queue_t::items_t replies;
+  std::string all = PushPiped(replies, std::string(20001, 'p'));
+  queue_->PushList(replies);
+  Start();
+  ASSERT_TRUE(Eventually([&] { return device_->All().size() == all.size(); }));
+  replies.clear();
+  for (char fill = 'a'; fill < 'e'; ++fill) {
+    replies.push_back(Reply(64, fill));
+    all += Record(64, fill);
+    all += PushPiped(replies, std::string(16384, fill));
+  }
+  replies.push_back(Reply(64, 'z'));
+  all += Record(64, 'z');
+  queue_->PushList(replies);
+  ASSERT_TRUE(Eventually([&] { return device_->All().size() == all.size(); }));
+  EXPECT_TRUE(device_->All() == all);
   EXPECT_TRUE(Eventually([&] { return backlog_->HasRoom(); }));
 }
 
