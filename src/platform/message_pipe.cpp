@@ -70,9 +70,9 @@ error_t SendAll(int socket, std::span<iovec> parts, int flags, const pipe_wait_t
   return error::Success;
 }
 
-/// Looks of who has asked, before the sleep: the answer of a peer is mostly on its way. Who waits for requests sleeps at
-/// once: a processor that both ends spend on looking is one less for all others. More while that pays, fewer while it
-/// does not, or while others want this processor; none on a machine where the peer could not run meanwhile.
+/// Looks of who has asked, before the sleep: the answer of a peer is mostly on its way. Who waits for requests sleeps
+/// at once: a processor that both ends spend on looking is one less for all others. More while that pays, fewer while
+/// it does not, or while others want this processor; none on a machine where the peer could not run meanwhile.
 class looks_t {
  public:
   explicit looks_t(bool hasAsked) noexcept : hasAsked_(hasAsked) {}
