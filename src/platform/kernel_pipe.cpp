@@ -28,6 +28,25 @@ ssize_t Uninterrupted(Move move) noexcept {
   return moved;
 }
 
+/// What errno says of a move that took nothing. Some kinds of files cannot be spliced from, and some walls around a
+/// process leave it no splice at all.
+error_t WhyNothing() noexcept {
+  switch (errno) {
+    case EAGAIN:
+      return error::PipeBusy;
+    case EINVAL:
+    case ENOSYS:
+    case EOPNOTSUPP:
+    case EPERM:
+      return error::CallNotImplemented;
+    case ECONNRESET:
+    case EPIPE:
+      return error::BrokenPipe;
+    default:
+      return LastError();
+  }
+}
+
 }  // namespace
 
 /// The pipes that are not in use, and how many there are at all.
@@ -111,11 +130,8 @@ error_t kernel_pipe_t::TakeFromFile(int file, std::uint64_t offset, std::size_t 
   auto position = static_cast<loff_t>(offset);
   const ssize_t moved =
       Uninterrupted([&] { return ::splice(file, &position, writeEnd_.Get(), nullptr, length, SPLICE_F_NONBLOCK); });
-  if (moved < 0) {
-    if (errno == EAGAIN)
-      return error::PipeBusy;
-    return errno == EINVAL ? error::CallNotImplemented : LastError();
-  }
+  if (moved < 0)
+    return WhyNothing();
   outMoved = static_cast<std::size_t>(moved);
   held_ += outMoved;
   return error::Success;
@@ -125,11 +141,8 @@ error_t kernel_pipe_t::TakeFromSocket(int socket, std::size_t length, std::size_
   outMoved = 0;
   const ssize_t moved =
       Uninterrupted([&] { return ::splice(socket, nullptr, writeEnd_.Get(), nullptr, length, SPLICE_F_NONBLOCK); });
-  if (moved < 0) {
-    if (errno == EAGAIN)
-      return error::PipeBusy;
-    return errno == ECONNRESET || errno == EPIPE ? error::BrokenPipe : LastError();
-  }
+  if (moved < 0)
+    return WhyNothing();
   if (moved == 0)
     return error::BrokenPipe;
   outMoved = static_cast<std::size_t>(moved);

@@ -35,7 +35,7 @@ class kernel_pipe_t {
   /// so many pieces, 120 when this file's bytes cannot be had in this way.
   error_t TakeFromFile(int file, std::uint64_t offset, std::size_t length, std::size_t& outMoved) noexcept;
   /// Takes up to so many bytes of those that have arrived at a socket. 109 when the peer has gone; 231 when there are
-  /// none, or no room.
+  /// none, or no room; 120 as above.
   error_t TakeFromSocket(int socket, std::size_t length, std::size_t& outMoved) noexcept;
   /// Gives up to so many of the bytes to a socket that does not block; more will follow them. The result and errno are
   /// those of splice(2). SIGPIPE is ignored or blocked.

@@ -413,7 +413,7 @@ error_t message_pipe_t::ReceiveIntoPipe(std::span<std::uint8_t> buffer, kernel_p
   while (left_ > 0) {
     std::size_t moved = 0;
     error_t result = pipe.TakeFromSocket(socket_.Get(), left_, moved);
-    if (result == error::PipeBusy && mustHaveSome) {
+    if ((result == error::PipeBusy && mustHaveSome) || result == error::CallNotImplemented) {
       result = pipe.Read(buffer.first(count), moved);
       if (result != error::Success)
         return result;

@@ -91,6 +91,7 @@ TEST(KernelPipe, TellsWhatItCannotTake) {
   std::size_t moved = 0;
   const descriptor_t event(::eventfd(1, EFD_CLOEXEC));
   EXPECT_EQ(pipe->TakeFromFile(event.Get(), 0, 8, moved), error::CallNotImplemented);
+  EXPECT_EQ(pipe->TakeFromSocket(event.Get(), 8, moved), error::CallNotImplemented);
   EXPECT_EQ(pipe->TakeFromFile(-1, 0, 8, moved), error::InvalidHandle);
   const descriptor_t file = FileOf(Pattern(4096));
   platform::error_t result = 0;
