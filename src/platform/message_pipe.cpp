@@ -79,7 +79,7 @@ class looks_t {
 
   /// False when it is time to sleep.
   bool Another() noexcept {
-    if (!hasAsked_ || AvailableProcessors() < 2 || done_ == next_)
+    if (!hasAsked_ || AvailableProcessors() < 2 || done_ >= next_)
       return false;
     if (done_++ == 0)
       begin_ = NowNs();
@@ -87,11 +87,13 @@ class looks_t {
       SpinPause();
     return true;
   }
+  /// Ends the looks for one thing; the next ones are for another.
   void Tell(bool found) noexcept {
     if (done_ == 0)
       return;
     const bool wasInterrupted = NowNs() - begin_ > done_ * LongLookNs;
     next_ = found && !wasInterrupted ? std::min(next_ * 2, Most) : std::max(next_ / 2, Least);
+    done_ = 0;
   }
 
  private:

@@ -119,8 +119,12 @@ void CAsyncConnection::PumpReplies() {
 }
 
 void CAsyncConnection::StartSend(bool tryFirst) {
-  const platform::error_t error =
-      StartIo(new CIOEvent<CSendCall>(this, win::io_direction_t::Write, CSendCall(*this)), tryFirst);
+  platform::error_t error = platform::error::NotEnoughMemory;
+  try {
+    error = StartIo(new CIOEvent<CSendCall>(this, win::io_direction_t::Write, CSendCall(*this)), tryFirst);
+  } catch (const std::exception&) {
+    // What was sent on the way, if anything, is not known any more.
+  }
   if (error != platform::error::Success) {
     FailSend(error);
   }
@@ -136,6 +140,8 @@ void CAsyncConnection::FailSend(platform::error_t error) {
   if (continueParked) {
     queue_->ContinueParked();
   }
+  // Nothing is sent any more; a peer that gets no answers learns of it by the end of the connection.
+  CancelIo(win::io_direction_t::Read);
   throw exc::win_sys_exc_t("Send failed", error);
 }
 
@@ -200,7 +206,8 @@ bool CAsyncConnection::AccountSent(platform::error_t error, std::uint32_t bytes)
     const std::lock_guard guard(sendLock_);
     if (error != platform::error::Success) {
       broken_ = true;
-      end = closing_;
+      // A failure for want of memory is none that the receiving side would see, too.
+      end = true;
     } else {
       DropSentLocked(bytes);
       more = !sendQueue_.empty();

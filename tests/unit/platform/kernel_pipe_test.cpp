@@ -233,6 +233,12 @@ TEST_F(MessagesIntoKernelPipes, WaitsNoLongerThanItMay) {
   EXPECT_EQ(Transact(cut, 40000, {deadline_t::After(20), {}}), error::WaitTimeout);
 }
 
+TEST_F(MessagesIntoKernelPipes, WaitsNoLongerThanItMayBehindManyPieces) {
+  bytes_t cut = Message(Pattern(65536));
+  cut.resize(40000);
+  EXPECT_EQ(Transact(cut, 500, {deadline_t::After(50), {}}), error::WaitTimeout);
+}
+
 TEST_F(MessagesIntoKernelPipes, APeerThatGoesInTheMiddleBreaksThePipe) {
   bytes_t cut = Message(Pattern(65536));
   cut.resize(40000);
