@@ -54,7 +54,7 @@ class CHostFsTree {
 CHostFsNodePtr CHostFsNode::CreateRoot(const std::string& path, platform::files_t& files) {
   auto tree = std::make_unique<CHostFsTree>(path, files);
   CHostFsNodePtr root(new CHostFsNode(tree.get(), nullptr, std::string()));
-  tree.release();
+  static_cast<void>(tree.release());  // The root's from here on.
   return root;
 }
 
