@@ -206,8 +206,8 @@ bool CAsyncConnection::AccountSent(platform::error_t error, std::uint32_t bytes)
     const std::lock_guard guard(sendLock_);
     if (error != platform::error::Success) {
       broken_ = true;
-      // A failure for want of memory is none that the receiving side would see, too.
-      end = true;
+      // The receiving side learns by itself that the peer went away, and of nothing else.
+      end = error != platform::error::NetnameDeleted;
     } else {
       DropSentLocked(bytes);
       more = !sendQueue_.empty();

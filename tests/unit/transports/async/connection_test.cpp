@@ -157,6 +157,19 @@ TEST_F(ConnectionTest, SaysNothingOfAPeerThatResetsInARecord) {
   EXPECT_EQ(server_.program.begun, 1);
 }
 
+TEST_F(ConnectionTest, SaysOfAPeerThatResetsBelowAReplyNoMoreThanThatSendingFailed) {
+  for (int i = 0; i < 20; ++i) {
+    Client client(server_.port, 8192);
+    const std::string name = client.Name();
+    client.Call(Request(order_t::Blow, 0, 4U << 20));
+    ASSERT_TRUE(Eventually([&] { return server_.program.handled > 2 * i; }));
+    client.Reset();
+    ExpectServing();
+    ASSERT_TRUE(Eventually([&] { return Logged(log_, "Client " + name + ": send error " + name); }));
+  }
+  EXPECT_EQ(log_.Texts("Error").size(), 20U);
+}
+
 TEST_F(ConnectionTest, AnswersAPeerThatHasEndedItsSide) {
   Client client(server_.port);
   client.Call(Request(order_t::Wait, 1));
