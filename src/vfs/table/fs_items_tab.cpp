@@ -45,11 +45,12 @@ std::uint64_t CFsItemsTab::AddOne(std::uint64_t parentFid, const std::string& na
   std::uint64_t fid = InvalidFid;
   {
     const lock_t lock(mutex_);
-    WriteAgain(again_t::Deletions);
+    DeleteAllAgain();
     fid = AddPrepared(parentFid, prepared, found, changes, removed);
   }
   LogRemoved(removed);
   LogAdded(changes);
+  RequireStored(fid);
   return fid;
 }
 
@@ -76,7 +77,7 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
     changes_t removed;
     {
       const lock_t lock(mutex_);
-      WriteAgain(again_t::Deletions);
+      DeleteAllAgain();
       // Outside of the transaction, with which it would come to nothing.
       for (std::size_t i = begin; i < end && !movedFrom_.empty(); ++i)
         FreeStoredPlace(parentFid, items[i].name, InvalidFid);
@@ -93,6 +94,8 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
     }
     LogRemoved(removed);
     LogAdded(changes);
+    for (std::size_t i = begin; i < end; ++i)
+      RequireStored(items[i].fid);
     begin = end;
   }
 }
@@ -115,7 +118,6 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   const bool wasFound = entry != listing_.end();
   const std::uint64_t fid = wasFound ? entry->fid : GenerateFid();
   if (wasFound && found == found_t::Keep) {
-    WriteAgain(fid);
     g_nfs_log.Info("Item [%1] was found. ID: [%2].", prepared.name, fid);
     return fid;
   }

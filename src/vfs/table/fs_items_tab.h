@@ -234,10 +234,10 @@ class CFsItemsTab {
   template <typename Write>
   void WriteRecord(std::uint64_t fid, const Write& write);
   void NoteUnwritten(std::uint64_t fid);
-  enum class again_t { All, Deletions };
-  /// Throws at the first that fails.
-  void WriteAgain(again_t which);
-  void WriteAgain(std::uint64_t fid);
+  void NoteWritten(std::uint64_t fid);
+  void DeleteAgain(std::uint64_t fid);
+  /// What the registry still has of items that are none any more. Throws at the first that fails.
+  void DeleteAllAgain();
   void Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot, changes_t& removed);
   void DeleteChildren(std::uint64_t fid, const GUID* mountUid, changes_t& removed);
   void DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t& removed);

@@ -48,6 +48,6 @@ void CFsItemsTab::WriteRecord(std::uint64_t fid, const Write& write) {
     NoteUnwritten(fid);
     throw;
   }
-  if (!unwritten_.empty() && unwritten_.erase(fid) > 0)
-    hasUnwritten_.store(!unwritten_.empty(), std::memory_order_relaxed);
+  if (!unwritten_.empty())
+    NoteWritten(fid);
 }

@@ -1,5 +1,8 @@
 // Items: adding, finding, moving, removing.
+#include <functional>
 #include <set>
+#include <thread>
+#include <utility>
 
 #include "table_fixture.h"
 
@@ -158,6 +161,37 @@ TEST_F(FsItemsTab, AnItemThatCouldNotBeStoredIsStoredBeforeItsHandleIsGivenOut) 
   const int writes = sink->writes;
   table.RequireAllStored();
   EXPECT_EQ(sink->writes, writes) << "once is enough";
+}
+
+/// Does something when it is asked what the registry is to say of it.
+class CAskedFile : public CFakeFile {
+ public:
+  using CFakeFile::CFakeFile;
+  void GetItemSpec(SFsItemSpec& spec) override {
+    if (const auto action = std::exchange(whenAsked, {}))
+      action();
+    CFakeFile::GetItemSpec(spec);
+  }
+  std::function<void()> whenAsked;
+};
+
+TEST_F(FsItemsTab, AnItemThatIsToBeStoredAgainIsAskedWithoutTheLock) {
+  const auto first = boost::make_shared<CAskedFile>(host, host->Put("first", false), "first");
+  sink->isBroken = true;
+  EXPECT_THROW(table.AddItem(root, "disk", first), exc::win_sys_exc_t);
+  sink->isBroken = false;
+  const auto fid = table.LookupChild(root, "disk");
+  // Another thread's work, which the item waits for: it could not be done if the lock were held.
+  first->whenAsked = [&] {
+    std::thread([&] {
+      sink->isBroken = true;
+      EXPECT_THROW(table.AddItem(root, "disk", MakeFile("second")), exc::win_sys_exc_t);
+      sink->isBroken = false;
+    }).join();
+  };
+  table.RequireStored(fid);
+  EXPECT_FALSE(first->whenAsked);
+  EXPECT_EQ(sink->records.at(fid).backings.at(GUID{}).path, "second") << "the item that it is by now";
 }
 
 TEST_F(FsItemsTab, ItemsOfATransactionThatFailedAreStoredLater) {
