@@ -105,11 +105,13 @@ error_t registry_path_t::Parse(std::string_view key) {
 }
 
 error_t registry_tables_t::BeginWrite() {
+  EndLeftover();
   const error_t begun = sqlite_query_t(beginWrite_).Run();
   return begun == error::Success ? Refresh() : begun;
 }
 
 error_t registry_tables_t::BeginRead() {
+  EndLeftover();
   const error_t begun = sqlite_query_t(beginRead_).Run();
   return begun == error::Success ? Refresh() : begun;
 }
@@ -124,6 +126,11 @@ void registry_tables_t::Rollback() noexcept {
   createdPath_.clear();
   if (db_.InTransaction())
     db_.Execute("ROLLBACK");
+}
+
+void registry_tables_t::EndLeftover() noexcept {
+  if (db_.InTransaction())
+    Rollback();
 }
 
 error_t registry_tables_t::Refresh() {

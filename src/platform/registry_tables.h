@@ -62,6 +62,8 @@ class registry_tables_t {
   error_t ReadTree(std::int64_t id, registry_node_t& node, unsigned depth);
 
  private:
+  /// A transaction whose end lacked memory is still open, and nothing can be begun inside it.
+  void EndLeftover() noexcept;
   error_t Refresh();
   error_t Walk(const registry_path_t& path, bool create, std::int64_t& id);
   error_t FindChild(std::int64_t parent, std::string_view name, std::int64_t& id);

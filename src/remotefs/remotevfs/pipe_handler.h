@@ -31,33 +31,24 @@ class PipeHandler {
   PipeHandler(const PipeHandler&) = delete;
   PipeHandler& operator=(const PipeHandler&) = delete;
 
+  struct SExchange {
+    std::span<const std::uint8_t> request;
+    std::span<const std::uint8_t> data;  ///< What the request goes on with, from where it lies.
+    Buffer& reply;
+    /// May get the bytes of the reply in the place of its buffer, whose actual size tells how many they are. Or null.
+    platform::kernel_pipe_t* pipe = nullptr;
+  };
   /// Sends the request and receives its reply whole, however long: the reply's buffer grows beyond its capacity, which
   /// is made 1,024 bytes when it is 0. False when the reply did not come within the time: for want of an answer, for an
   /// event, or because the agent has gone, of which a caller learns no sooner than of an agent that is silent. What
   /// does not fit the buffer has some more time, as long as it keeps coming. A reply beyond the largest size, and
   /// something unasked that lies in the pipe, are no answer either. win_sys_exc_t for every other failure.
+  bool Transact(const SExchange& exchange, std::uint32_t timeoutMs);
   bool Transact(const Buffer& request, Buffer& reply, std::uint32_t timeoutMs) {
-    return Transact(request, {}, reply, timeoutMs);
-  }
-  /// The same for a request that goes on with data that lies elsewhere.
-  bool Transact(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply, std::uint32_t timeoutMs) {
-    return Transact({request.Bytes(), data, reply, nullptr}, timeoutMs);
-  }
-  /// The same with a pipe that may get the bytes of the reply in the place of its buffer, whose actual size tells how
-  /// many they are.
-  bool Transact(const Buffer& request, Buffer& reply, platform::kernel_pipe_t* pipe, std::uint32_t timeoutMs) {
-    return Transact({request.Bytes(), {}, reply, pipe}, timeoutMs);
+    return Transact({request.Bytes(), {}, reply}, timeoutMs);
   }
 
  private:
-  struct SExchange {
-    std::span<const std::uint8_t> request;
-    std::span<const std::uint8_t> data;
-    Buffer& reply;
-    platform::kernel_pipe_t* pipe;
-  };
-
-  bool Transact(const SExchange& exchange, std::uint32_t timeoutMs);
   bool ReceiveFirst(const SExchange& exchange, std::uint32_t timeoutMs, bool& moreData);
   bool Read(Buffer& out, std::size_t limit, std::uint32_t timeoutMs);
   platform::error_t ReadChunk(std::span<std::uint8_t> chunk, std::size_t& count, const platform::deadline_t& deadline);

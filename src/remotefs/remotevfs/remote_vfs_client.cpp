@@ -2,7 +2,6 @@
 
 #include <boost/make_shared.hpp>
 #include <exception>
-#include <span>
 
 #include "foundation/exc.h"
 #include "remotefs/remotevfs/reply_reader.h"
@@ -38,18 +37,10 @@ RemoteVfsClient::RemoteVfsClient(const std::string& pipeName, std::uint32_t conn
   }
 }
 
-void RemoteVfsClient::Ask(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply) {
-  CheckUsable();
-  CheckAnswered(pipeHandler_->Transact(request, data, reply, responseTimeoutMs_));
-}
-
-void RemoteVfsClient::CheckUsable() const {
+void RemoteVfsClient::Ask(const PipeHandler::SExchange& exchange) {
   if (IsBroken())
     throw exc::runtime_exc_t("Restore agent is not available.");
-}
-
-void RemoteVfsClient::CheckAnswered(bool isAnswered) {
-  if (isAnswered)
+  if (pipeHandler_->Transact(exchange, responseTimeoutMs_))
     return;
   broken_.store(true, std::memory_order_relaxed);
   throw exc::runtime_exc_t("Timed out waiting for the response from restore agent.");
@@ -86,8 +77,7 @@ void RemoteVfsClient::Read(std::int32_t handle, std::uint64_t offset, std::uint3
   request.AppendU32(length);
   out.Clear();
   out.Reserve(DataCapacity);
-  CheckUsable();
-  CheckAnswered(pipeHandler_->Transact(request, out, pipe, responseTimeoutMs_));
+  Ask({request.Bytes(), {}, out, pipe});
 }
 
 std::int32_t RemoteVfsClient::Write(std::int32_t handle, std::uint64_t offset, std::uint32_t length, const void* data) {
@@ -97,7 +87,7 @@ std::int32_t RemoteVfsClient::Write(std::int32_t handle, std::uint64_t offset, s
   request.AppendU64(offset);
   request.AppendU32(length);
   Buffer reply(SmallCapacity);
-  Ask(request, {static_cast<const std::uint8_t*>(data), length}, reply);
+  Ask({request.Bytes(), {static_cast<const std::uint8_t*>(data), length}, reply});
   return static_cast<std::int32_t>(ReplyReader(reply.Bytes()).U32());
 }
 

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -48,10 +47,8 @@ class RemoteVfsClient {
   const boost::shared_ptr<synch::manual_event_t>& StopEvent() const { return stopEvent_; }
 
  private:
-  void Ask(const Buffer& request, Buffer& reply) { Ask(request, {}, reply); }
-  void Ask(const Buffer& request, std::span<const std::uint8_t> data, Buffer& reply);
-  void CheckAnswered(bool isAnswered);
-  void CheckUsable() const;
+  void Ask(const Buffer& request, Buffer& reply) { Ask({request.Bytes(), {}, reply}); }
+  void Ask(const PipeHandler::SExchange& exchange);
 
   const boost::shared_ptr<synch::manual_event_t> stopEvent_;
   const std::uint32_t responseTimeoutMs_;

@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "platform/registry_file.h"
+#include "platform/registry_tables.h"
 #include "registry_fixture.h"
 
 namespace {
@@ -121,6 +123,29 @@ TEST_F(RegistryTransactionTest, AnInnerRollbackMakesTheWholeFail) {
   EXPECT_FALSE(Has("A"));
   EXPECT_FALSE(Has("B"));
   EXPECT_EQ(registry_.CreateKey("C"), 0U);
+}
+
+TEST_F(RegistryTransactionTest, OneWhoseEndFailedEndsBeforeTheNext) {
+  platform::registry_tables_t tables;
+  ASSERT_EQ(platform::OpenRegistryFile(path_, true, true, tables.Db()), 0U);
+  const auto create = [&](const char* key) {
+    platform::registry_path_t path;
+    std::int64_t id = 0;
+    ASSERT_EQ(path.Parse(key), 0U);
+    ASSERT_EQ(tables.FindOrCreate(path, id), 0U);
+  };
+  ASSERT_EQ(tables.BeginWrite(), 0U);
+  create("A");
+  ASSERT_EQ(tables.BeginWrite(), 0U);
+  create("B");
+  ASSERT_EQ(tables.Commit(), 0U);
+  ASSERT_EQ(tables.BeginWrite(), 0U);
+  create("C");
+  ASSERT_EQ(tables.BeginRead(), 0U);
+  tables.Rollback();
+  EXPECT_FALSE(Has("A"));
+  EXPECT_TRUE(Has("B"));
+  EXPECT_FALSE(Has("C"));
 }
 
 TEST_F(RegistryTransactionTest, WhatIsNotThereDoesNotMakeItFail) {

@@ -121,6 +121,24 @@ TEST_F(NfsProgram, ReadSendsTheBackendsBufferUncopied) {
   EXPECT_EQ(segments[1].length, 65536U);
 }
 
+TEST_F(NfsProgram, LargeReadsAreLentAPipeByAWriterThatTakesThem) {
+  MakeFile("big", std::string(65536, 'x'));
+  const nfs_fh3 file = Lookup("big").object;
+  for (const std::uint32_t count : {16383U, 16384U, 65536U}) {
+    CXDRReader reader = test::ReaderOf(CallBytes(6, test::BytesOf(READ3args{file, 0, count})));
+    CXDRWriter writer;
+    writer.TakePipes();
+    DispatchNfsCall(true, peer_, reader, writer, *fs_);
+    EXPECT_EQ(writer.HasPipes(), count >= 16384) << count;
+    const auto segments = writer.TakeSegments(true);
+    ASSERT_GE(segments.size(), 2U);
+    EXPECT_EQ(segments[1].length, count);
+    if (segments[1].pipe) {
+      EXPECT_EQ(segments[1].pipe->Held(), count);
+    }
+  }
+}
+
 TEST_F(NfsProgram, ReadOfAFolderAndOfNothing) {
   EXPECT_EQ((Run<READ3res>(6, READ3args{Root(), 0, 5}).status), NFS3ERR_NOTSUPP);
   EXPECT_EQ((Run<READ3res>(6, READ3args{HandleFromFid(0x7777777777ULL), 0, 5}).status), NFS3ERR_NOENT);
