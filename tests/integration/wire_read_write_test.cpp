@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "integration/support/footprint.h"
 #include "integration/support/wire_fixture.h"
 
 namespace {
@@ -55,6 +56,21 @@ TEST_P(ReadWriteTest, ReadsOfEachLengthAndPlaceGiveTheFile) {
       EXPECT_EQ(result.eof, offset + count > content.size()) << offset << " " << count;
     }
   }
+}
+
+TEST_P(ReadWriteTest, LargeReadsAreNotBroughtIntoTheServicesMemory) {
+  constexpr std::uint32_t Count = 65536;
+  constexpr std::size_t Reads = 100;
+  WriteFile(HostPath("file"), Pattern(Count));
+  const bytes_t handle = HandleOf("file");
+  const auto copied = [&](std::uint32_t count) {
+    const std::uint64_t before = BytesReadBy(service_.Process().Pid());
+    for (std::size_t i = 0; i < Reads; ++i)
+      EXPECT_EQ(Client().Read(handle, 0, count).data.size(), count);
+    return BytesReadBy(service_.Process().Pid()) - before;
+  };
+  EXPECT_GE(copied(Count / 8), Reads * (Count / 8)) << "the figure counts reads at all";
+  EXPECT_LT(copied(Count), Reads * Count / 2);
 }
 
 TEST_P(ReadWriteTest, ManyLargeReadsInFlightComeInOrderAndWhole) {

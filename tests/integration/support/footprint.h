@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -35,6 +36,15 @@ inline SFootprint FootprintOf(pid_t pid) {
       ++now.descriptors;
   }
   return now;
+}
+
+/// What the process has read by read and its like into its memory so far, bytes; sockets count only partly.
+inline std::uint64_t BytesReadBy(pid_t pid) {
+  std::ifstream io("/proc/" + std::to_string(pid) + "/io");
+  std::string name;
+  std::uint64_t bytes = 0;
+  io >> name >> bytes;
+  return bytes;
 }
 
 }  // namespace test
