@@ -8,92 +8,20 @@
 #include <stdexcept>
 #include <thread>
 
-#include "recording_file.h"
 #include "support/captured_log.h"
+#include "unit/vfs/items/wrapper_fixture.h"
 #include "vfs/items/completion_events_allocator.h"
 #include "vfs/items/fs_proc_invoker.h"
 #include "vfs/items/fs_procs.h"
 #include "vfs/items/virtual_fs_exc.h"
 
 using test::CapturedLog;
-using test::FunctionProc;
 using test::Gate;
 using test::PatientMs;
 using test::RecordingCallback;
-using test::RecordingFile;
+using test::WrapperTest;
 
 namespace {
-
-class WrapperTest : public testing::Test {
- protected:
-  void Make(std::int32_t threads = 1, const SFsInvocationLimits& limits = {}) {
-    invoker = CFsProcInvoker::Create("hostfs", threads, allocator, limits);
-    wrapper = boost::make_shared<CAsyncFsFileWrapper>(file, invoker, allocator);
-  }
-  /// Keeps the pool's threads busy until the gate opens.
-  void Occupy(Gate& gate) {
-    invoker->Invoke(boost::make_shared<FunctionProc>([&gate] { gate.Enter(); }),
-                    boost::make_shared<RecordingCallback>());
-    ASSERT_TRUE(gate.WaitEntered());
-  }
-  /// Whether the next call finds the invoker idle.
-  bool IsIdle() {
-    const CFsProcInvoker::CLoan loan(*invoker);
-    return static_cast<bool>(loan);
-  }
-  void WaitQueued(std::size_t count) {
-    while (invoker->Waiting() != count)
-      std::this_thread::yield();
-  }
-  void WaitIdle() {
-    while (!IsIdle())
-      std::this_thread::yield();
-  }
-  /// A stop that soon says when it has to wait.
-  static SFsInvocationLimits TellingLimits() {
-    SFsInvocationLimits limits;
-    limits.stopLimitMs = 10;
-    limits.longStopLimitMs = PatientMs;
-    return limits;
-  }
-  static void WaitUntilStopWaits(const CapturedLog& log) {
-    while (!log.Has("Invocation thread for 'hostfs' didn't stop in 3 minutes. Waiting for stop."))
-      std::this_thread::yield();
-  }
-  /// Every operation, with its result.
-  void CallAll() {
-    SFsItemSpec spec;
-    wrapper->GetItemSpec(spec);
-    EXPECT_EQ(spec.path, "/a/path");
-    WIN32_FILE_ATTRIBUTE_DATA attributes = {};
-    wrapper->GetAttributes(attributes);
-    EXPECT_EQ(attributes.sizeLow, 77u);
-    wrapper->SetPermissions(true, false);
-    const FILETIME time = {};
-    wrapper->SetTimes(nullptr, &time, nullptr);
-    EXPECT_TRUE(wrapper->Exists());
-    GUID uid;
-    EXPECT_TRUE(wrapper->GetMountUid(uid));
-    sockaddr_in address = {};
-    address.sin_port = 5;
-    EXPECT_TRUE(wrapper->IsAddressAllowed(address));
-    EXPECT_EQ(wrapper->GetAllowedHostAddr(), "10.0.0.1");
-    SFsReadBuffer buffer;
-    wrapper->Read(10, 4, buffer);
-    EXPECT_EQ(buffer.length, 4u);
-    EXPECT_TRUE(buffer.eof);
-    wrapper->Write(20, 3, "abc");
-    wrapper->Resize(9);
-  }
-
-  const std::vector<std::string> allCalls = {"spec",      "attributes",   "permissions 10", "times 010",
-                                             "exists",    "mount",        "allowed 5",      "addresses",
-                                             "read 10 4", "write 20 abc", "resize 9"};
-  const boost::shared_ptr<CCompletionEventsAllocator> allocator = boost::make_shared<CCompletionEventsAllocator>();
-  const boost::shared_ptr<RecordingFile> file = boost::make_shared<RecordingFile>();
-  boost::shared_ptr<CFsProcInvoker> invoker;
-  boost::shared_ptr<CAsyncFsFileWrapper> wrapper;
-};
 
 TEST_F(WrapperTest, PassesEachCallOnWhileIdleOnTheCallersThread) {
   Make();
@@ -357,103 +285,6 @@ TEST_F(WrapperTest, AStuckLoanFillsTheQueueAsAStuckThreadDoes) {
   WaitIdle();
   EXPECT_EQ(callback->completed, 1000);
   EXPECT_EQ(file->MostAtOnce(), 1);
-}
-
-TEST_F(WrapperTest, StopCancelsWhatIsQueuedBehindAThread) {
-  const CapturedLog log;
-  Make(1, TellingLimits());
-  Gate gate;
-  Occupy(gate);
-  const auto callback = boost::make_shared<RecordingCallback>();
-  wrapper->AsyncWrite(0, 1, "x", callback);
-  std::string failure;
-  std::thread caller([&] {
-    try {
-      wrapper->Exists();
-    } catch (const exc::runtime_exc_t& cancelled) {
-      failure = cancelled.what();
-    }
-  });
-  WaitQueued(2);
-  std::thread stopper([&] { invoker->Stop(); });
-  WaitUntilStopWaits(log);
-  // What runs comes to its end first.
-  EXPECT_FALSE(callback->told.Wait(0));
-  gate.Open();
-  stopper.join();
-  caller.join();
-  EXPECT_EQ(callback->Failure(), "Procedure is cancelled.");
-  EXPECT_EQ(failure, "Procedure is cancelled.");
-  EXPECT_TRUE(file->Calls().empty());
-}
-
-TEST_F(WrapperTest, StopCancelsWhatIsQueuedBehindALoanAfterItsEnd) {
-  const CapturedLog log;
-  Make(1, TellingLimits());
-  Gate gate;
-  file->action = [&](const std::string&) { gate.Enter(); };
-  std::thread lender([&] { EXPECT_NO_THROW(wrapper->Resize(1)); });
-  ASSERT_TRUE(gate.WaitEntered());
-  const auto callback = boost::make_shared<RecordingCallback>();
-  wrapper->AsyncWrite(0, 1, "x", callback);
-  std::thread stopper([&] { invoker->Stop(); });
-  WaitUntilStopWaits(log);
-  EXPECT_FALSE(callback->told.Wait(0));
-  gate.Open();
-  lender.join();
-  stopper.join();
-  EXPECT_EQ(callback->Failure(), "Procedure is cancelled.");
-  EXPECT_EQ(file->Calls(), (std::vector<std::string>{"resize 1"}));
-}
-
-TEST_F(WrapperTest, AfterTheStopEachCallIsCancelled) {
-  Make();
-  invoker->Stop();
-  invoker->Stop();
-  EXPECT_FALSE(IsIdle());
-  try {
-    wrapper->Exists();
-    ADD_FAILURE();
-  } catch (const exc::runtime_exc_t& failure) {
-    EXPECT_STREQ(failure.what(), "Procedure is cancelled.");
-  }
-  EXPECT_TRUE(file->Calls().empty());
-}
-
-TEST_F(WrapperTest, DestructionFailsWhatIsQueued) {
-  Make();
-  Gate gate;
-  Occupy(gate);
-  const auto callback = boost::make_shared<RecordingCallback>();
-  wrapper->AsyncWrite(0, 1, "x", callback);
-  wrapper.reset();
-  std::thread opener([&] {
-    EXPECT_FALSE(callback->told.Wait(20));
-    gate.Open();
-  });
-  invoker.reset();
-  opener.join();
-  EXPECT_EQ(callback->failed, 1);
-  EXPECT_EQ(callback->Failure(), "Procedure is cancelled.");
-}
-
-TEST_F(WrapperTest, AThreadThatStopsLateIsToldOfAndWaitedFor) {
-  const CapturedLog log;
-  const SFsInvocationLimits limits;
-  EXPECT_EQ(limits.stopLimitMs, 180000u);
-  EXPECT_EQ(limits.longStopLimitMs, 1814400000u);
-  EXPECT_EQ(limits.callLimitMs, 1814400000u);
-  Make(1, TellingLimits());
-  Gate gate;
-  Occupy(gate);
-  std::thread stopper([&] { invoker->Stop(); });
-  WaitUntilStopWaits(log);
-  gate.Open();
-  stopper.join();
-  const auto texts = log.Texts();
-  EXPECT_TRUE(std::any_of(texts.begin(), texts.end(), [](const std::string& text) {
-    return text.find("Thread finished. Role: 'FsInvocation hostfs - 0'.") != std::string::npos;
-  }));
 }
 
 TEST_F(WrapperTest, ThreadsAreNamedAndSayThatTheyStart) {
