@@ -17,6 +17,8 @@ namespace {
 
 /// About the time that waking a thread costs: a worker that finds work within it has gained.
 constexpr std::chrono::microseconds SpinTime{30};
+/// A client that has so much to take is not back with its next call within that time.
+constexpr std::size_t LargeReply = std::size_t{16} << 10;
 
 std::string NumericHost(const sockaddr_in& peer) {
   std::array<char, INET_ADDRSTRLEN> text{};
@@ -95,7 +97,9 @@ void CRequestQueue::SpinForWork() const noexcept {
 }
 
 bool CRequestQueue::Take(std::vector<SItem>& batch) {
-  SpinForWork();
+  if (lastReply_ < LargeReply) {
+    SpinForWork();
+  }
   std::unique_lock guard(lock_);
   while (items_.empty() && !continueParked_) {
     if (stopping_) {
@@ -182,6 +186,7 @@ void CRequestQueue::Answer(SItem& item, reply_t reply) noexcept {
       writer.TakePipes();
     }
     handler_(item.sender->IsFsAccessAllowed(), item.sender->GetPeerAddress(), reader, writer);
+    lastReply_ = writer.Used();
     Reply(item, writer, reply);
     return;
   } catch (const std::exception& failure) {

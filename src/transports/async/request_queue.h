@@ -92,6 +92,7 @@ class CRequestQueue {
   std::size_t held_ = 0;
   std::size_t heldBytes_ = 0;
   clock_t::time_point heldSince_{};
+  std::size_t lastReply_ = 0;  ///< Its size, bytes.
 
   std::unique_ptr<synch::thread_t> thread_;
 };
