@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "vfs/items/fs_item.h"
@@ -15,3 +16,6 @@ struct SNfsNodeResumeInfo {
   std::vector<SFsItemSpec> instances;   ///< One for each backing, in the order of their keys: the host's first.
   std::vector<std::uint64_t> children;  ///< FIDs of the entries whose parent this one is, each once, in order.
 };
+
+/// By FID. Without an order: most of the time to bring a large one back would be spent on it.
+using resume_items_t = std::unordered_map<std::uint64_t, SNfsNodeResumeInfo>;

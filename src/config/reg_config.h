@@ -14,7 +14,7 @@
 struct SRegConfigData {
   std::map<GUID, boost::shared_ptr<CNfsShareCfg>> shares;
   std::map<GUID, boost::shared_ptr<CBackupMountCfg>> mounts;
-  std::map<std::uint64_t, SNfsNodeResumeInfo> items;
+  resume_items_t items;
 };
 
 /// Reads and writes the three tree-shaped parts of the configuration in the process's registry. Without state and

@@ -1,4 +1,5 @@
 // Reading the configuration at start.
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <functional>
 #include <list>
@@ -48,12 +49,14 @@ void LogMount(const GUID& uid, const CBackupMountCfg& cfg) {
   g_nfs_log.Info("        Allowed ESX host address: [%1].", cfg.allowedHostAddr);
 }
 
-void LinkChildren(std::map<std::uint64_t, SNfsNodeResumeInfo>& items) {
+void LinkChildren(resume_items_t& items) {
   for (const auto& [fid, item] : items) {
     const auto parent = items.find(item.parentFid);
     if (parent != items.end())
       parent->second.children.push_back(fid);
   }
+  for (auto& [fid, item] : items)
+    std::ranges::sort(item.children);
 }
 
 }  // namespace

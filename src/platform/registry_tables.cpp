@@ -9,6 +9,7 @@ namespace {
 
 constexpr std::size_t LargestDepth = 512;
 constexpr std::size_t MostKnownKeys = 1024;
+constexpr std::size_t UsualValues = 4;
 constexpr std::int64_t RootId = 0;
 
 // The numbers of REG_SZ, REG_DWORD and REG_QWORD.
@@ -71,6 +72,7 @@ class key_rows_t {
   std::int64_t Take(registry_node_t& node) {
     const std::int64_t id = query_.Number(0);
     node.name = query_.Text(1);
+    node.values.reserve(UsualValues);
     do {
       AppendValue(query_, 2, node.values);
       more_ = query_.Next();

@@ -1,6 +1,7 @@
 #include "platform/text.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <charconv>
 #include <cstring>
@@ -101,6 +102,12 @@ std::string FoldAscii(std::string_view text) {
 
 bool EqualIgnoringCase(std::string_view left, std::string_view right) noexcept {
   return left.size() == right.size() && CompareIgnoringCase(left, right) == 0;
+}
+
+std::uint64_t FoldedBegin(std::string_view text) noexcept {
+  std::array<char, sizeof(std::uint64_t)> begin{};
+  std::copy_n(text.begin(), std::min(text.size(), begin.size()), begin.begin());
+  return FoldWord(LoadWord(begin.data()));
 }
 
 int CompareIgnoringCase(std::string_view left, std::string_view right) noexcept {

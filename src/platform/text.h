@@ -22,6 +22,8 @@ std::uint64_t HashIgnoringCase(std::string_view text, std::uint64_t seed) noexce
 bool EqualIgnoringCase(std::string_view left, std::string_view right) noexcept;
 /// Below, at or above zero, as the folded bytes compare (as unsigned).
 int CompareIgnoringCase(std::string_view left, std::string_view right) noexcept;
+/// The first eight bytes, folded: of two texts that differ in it, the lower one has the lower number.
+std::uint64_t FoldedBegin(std::string_view text) noexcept;
 
 /// Order of a map whose keys are equal when they differ only by ASCII case.
 struct less_ignoring_case_t {

@@ -151,6 +151,11 @@ void CFsItemsTab::TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t&
   rec.Folder()->mirrors.insert(rec.Folder()->mirrors.end(), mirrors.begin() + 1, mirrors.end());
 }
 
+void CFsItemsTab::Expect(std::size_t items) {
+  const lock_t lock(mutex_);
+  items_.reserve(items);
+}
+
 void CFsItemsTab::ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,
                              const boost::shared_ptr<IFsItem>& item, const GUID& mountUid) {
   {

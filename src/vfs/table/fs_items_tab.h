@@ -88,6 +88,8 @@ class CFsItemsTab {
   /// those that the table keeps; what is not added has neither. The registry is written in few transactions, and the
   /// lock is given up between them, so that other calls go on while a large folder comes in.
   void AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& items, const IFsFolder* from = nullptr);
+  /// Makes room for so many items, which costs less than to make it again and again.
+  void Expect(std::size_t items);
   /// Brings an item back under its stored FID; writes nothing to the registry. mountUid: the mount that backs it, nil
   /// for the host.
   void ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,

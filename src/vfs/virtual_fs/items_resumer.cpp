@@ -1,12 +1,13 @@
 #include "vfs/virtual_fs/items_resumer.h"
 
+#include <algorithm>
 #include <boost/smart_ptr/shared_ptr.hpp>
 #include <optional>
 #include <vector>
 
-#include "config/nfs_node_resume_info.h"
 #include "foundation/log.h"
 #include "platform/lookup_scope.h"
+#include "platform/text.h"
 #include "vfs/table/fs_items_tab.h"
 #include "vfs/virtual_fs/operation.h"
 
@@ -15,13 +16,41 @@ namespace {
 /// As many as are looked up while a scope is believed.
 constexpr std::size_t ChildrenInScope = 256;
 
+bool IsHostFolder(const SFsItemSpec& spec) {
+  return spec.isFolder && !spec.isRfsItem;
+}
+
+bool IsHostFolder(const SNfsNodeResumeInfo& node) {
+  return std::ranges::any_of(node.instances, [](const SFsItemSpec& spec) { return IsHostFolder(spec); });
+}
+
 }  // namespace
 
-CItemsResumer::CItemsResumer(CFsItemsTab& itemsTab, const catalogue_t& catalogue)
+CItemsResumer::CItemsResumer(CFsItemsTab& itemsTab, const resume_items_t& catalogue)
     : itemsTab_(itemsTab), catalogue_(catalogue) {}
 
+CItemsResumer::nodes_t CItemsResumer::ChildrenByName(const SNfsNodeResumeInfo& parent, wanted_t wanted) const {
+  nodes_t nodes;
+  nodes.reserve(wanted == wanted_t::All ? parent.children.size() : 0);
+  for (const std::uint64_t fid : parent.children) {
+    const auto node = catalogue_.find(fid);
+    if (node == catalogue_.end() || fid == InvalidFid ||
+        (wanted == wanted_t::HostFolders && !IsHostFolder(node->second)))
+      continue;
+    nodes.push_back({platform::FoldedBegin(node->second.itemName), &node->second});
+  }
+  // The table's own order: what comes next stands beside what came last, where the processor still has it. Of two with
+  // one name the lower FID stays first.
+  std::stable_sort(nodes.begin(), nodes.end(), [](const SNamed& left, const SNamed& right) {
+    if (left.begin != right.begin)
+      return left.begin < right.begin;
+    return platform::CompareIgnoringCase(left.node->itemName, right.node->itemName) < 0;
+  });
+  return nodes;
+}
+
 template <typename Resume>
-void CItemsResumer::Walk(std::uint64_t rootFid, const Resume& resume) {
+void CItemsResumer::Walk(std::uint64_t rootFid, wanted_t wanted, const Resume& resume) {
   // With a stack of its own, since the registry tells how deep it goes. Every node has one parent, so below a root
   // there is no way round in a circle.
   std::vector<std::uint64_t> folders{rootFid};
@@ -33,38 +62,35 @@ void CItemsResumer::Walk(std::uint64_t rootFid, const Resume& resume) {
       continue;
     std::optional<platform::lookup_scope_t> scope;  // Most of what is asked of the host is asked of one folder.
     std::size_t count = 0;
-    for (const std::uint64_t childFid : parent->second.children) {
+    for (const auto& [begin, node] : ChildrenByName(parent->second, wanted)) {
       if (count++ % ChildrenInScope == 0) {
         scope.reset();
         scope.emplace();
       }
-      const auto node = catalogue_.find(childFid);
-      if (node == catalogue_.end() || childFid == InvalidFid)
-        continue;
       try {
-        if (resume(parentFid, node->second))
-          folders.push_back(childFid);
+        if (resume(parentFid, *node))
+          folders.push_back(node->fid);
       } catch (const std::exception& failure) {
-        g_nfs_log.Warning(
-            exc::FormatText("Failed to resume NFS item [%1]. FID: [%2].", node->second.itemName, childFid), failure);
+        g_nfs_log.Warning(exc::FormatText("Failed to resume NFS item [%1]. FID: [%2].", node->itemName, node->fid),
+                          failure);
       }
     }
   }
 }
 
 void CItemsResumer::ResumeHostFolders(std::uint64_t rootFid) {
-  Walk(rootFid,
+  Walk(rootFid, wanted_t::HostFolders,
        [this](std::uint64_t parentFid, const SNfsNodeResumeInfo& node) { return ResumeHostFolder(parentFid, node); });
 }
 
 void CItemsResumer::ResumeNodeChildren(std::uint64_t rootFid) {
-  Walk(rootFid,
+  Walk(rootFid, wanted_t::All,
        [this](std::uint64_t parentFid, const SNfsNodeResumeInfo& node) { return ResumeNode(parentFid, node); });
 }
 
 bool CItemsResumer::ResumeHostFolder(std::uint64_t parentFid, const SNfsNodeResumeInfo& node) {
   for (const SFsItemSpec& spec : node.instances) {
-    if (!spec.isFolder || spec.isRfsItem)
+    if (!IsHostFolder(spec))
       continue;
     const auto folder = AsFolder(OpenInstance(parentFid, node, spec));
     if (!folder || IsPlaceTaken(parentFid, node))

@@ -1,5 +1,6 @@
 #include "vfs/virtual_fs/virtual_fs.h"
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <set>
 #include <utility>
@@ -65,6 +66,7 @@ void CVirtualFs::Initialize() {
 
   updateSink_ = boost::make_shared<CRegConfigUpdateSink>(regConfig_);
   itemsTab_ = boost::make_shared<CFsItemsTab>(updateSink_);
+  itemsTab_->Expect(catalogue.items.size());
   ResumeShares(catalogue);
   mounter_ = boost::make_shared<CRemoteFsMounter>(catalogue.mounts, itemsTab_, completionEventsAllocator_, logFilter_);
   ResumeRemoteItems(catalogue);
@@ -84,14 +86,13 @@ void CVirtualFs::ResumeShares(const SRegConfigData& catalogue) {
 
 void CVirtualFs::ResumeShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg,
                              const SRegConfigData& catalogue) {
+  std::uint64_t rootFid = InvalidFid;  // Of several the lowest.
   for (const auto& [fid, node] : catalogue.items) {
-    if (node.parentFid != InvalidFid || !platform::EqualIgnoringCase(node.itemName, cfg->nfsFolderName))
-      continue;
-    MountShare(uid, cfg, fid);
-    CItemsResumer(*itemsTab_, catalogue.items).ResumeHostFolders(fid);
-    return;
+    if (node.parentFid == InvalidFid && platform::EqualIgnoringCase(node.itemName, cfg->nfsFolderName))
+      rootFid = std::min(rootFid, fid);
   }
-  MountShare(uid, cfg, InvalidFid);
+  MountShare(uid, cfg, rootFid);
+  CItemsResumer(*itemsTab_, catalogue.items).ResumeHostFolders(rootFid);
 }
 
 void CVirtualFs::ResumeRemoteItems(const SRegConfigData& catalogue) {
@@ -130,6 +131,7 @@ void CVirtualFs::ClearStaleItems(const SRegConfigData& catalogue) {
       if (!itemsTab_->GetItem(node.first))
         staleFids.push_back(node.first);
     }
+    std::ranges::sort(staleFids);
     CRegConfigUpdateSink::CBatch batch(*updateSink_);
     for (const std::uint64_t fid : staleFids) {
       g_nfs_log.Info("Item [%1] will be removed from the cache.", fid);

@@ -35,6 +35,17 @@ TEST(Text, ComparisonIgnoresAsciiCaseAlone) {
   EXPECT_LT(CompareIgnoringCase("ab", "ABC"), 0);
   EXPECT_GT(CompareIgnoringCase("B", "a"), 0);
   EXPECT_GT(CompareIgnoringCase("\xC3", "z"), 0);
+  const std::string_view texts[] = {"",         "a",         "AB", "ab",  std::string_view("ab\0", 3),
+                                    "abcdefgh", "ABCDEFGHI", "b",  "\xC3"};
+  for (const std::string_view left : texts) {
+    for (const std::string_view right : texts) {
+      const auto a = platform::FoldedBegin(left);
+      const auto b = platform::FoldedBegin(right);
+      EXPECT_TRUE(a == b || (a < b) == (CompareIgnoringCase(left, right) < 0)) << left << " " << right;
+    }
+  }
+  EXPECT_LT(platform::FoldedBegin("A"), platform::FoldedBegin("b"));
+  EXPECT_EQ(platform::FoldedBegin("abcdefgh"), platform::FoldedBegin("ABCDEFGHI"));
 }
 
 TEST(Text, EveryByteComparesAlikeAnywhereInAText) {
