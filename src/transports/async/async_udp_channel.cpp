@@ -29,7 +29,6 @@ void CAsyncUdpChannel::OnDatagramReceived(const win::SDatagramAddress& source, s
                                                         receiveBuffer_.begin() + static_cast<std::ptrdiff_t>(size));
     queue_->Post(new CAsyncUdpSender(this, source, size), std::move(record));
   }
-  Start();
   scope.Success();
 }
 

@@ -29,7 +29,7 @@ class CAsyncUdpChannel : public win::CUdpSocket, public win::IUdpEventsHandler {
   /// Binds. Throws win_sys_exc_t.
   CAsyncUdpChannel(const win::SPortBinding& binding, boost::shared_ptr<CRequestQueue> queue);
 
-  /// After the channel has joined the port: arms the first receive. Throws win_sys_exc_t.
+  /// After the channel has joined the port: starts to receive. Throws win_sys_exc_t.
   void Start();
   /// Worker thread: queues one reply, whose first four bytes do not go out. Throws win_sys_exc_t.
   void SendReply(const win::SDatagramAddress& target, boost::shared_ptr<io::byte_buffer_t> reply);

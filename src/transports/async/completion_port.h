@@ -10,6 +10,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -25,6 +26,8 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
  public:
   /// How long an operation rests that found the process out of descriptors or memory.
   static constexpr std::chrono::milliseconds ExhaustedRest{100};
+  /// How long the completion thread rests when there is no memory for what must be started.
+  static constexpr std::chrono::milliseconds MemoryPause{50};
 
   /// Throws win_sys_exc_t. The owner is a boost::shared_ptr.
   completion_port_t();
@@ -44,6 +47,21 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   void PostIn(std::chrono::milliseconds delay, boost::intrusive_ptr<win::CIoObject> object, const void* token);
   /// Waits on the completion thread; ends early at Stop, and is true then.
   bool Pause(std::chrono::milliseconds duration);
+  /// Starts what nobody would ever start again, trying until there is memory for it. Completion thread. Throws what the
+  /// start throws, but bad_alloc only when the port stops.
+  template <typename Start>
+  void StartDespiteShortage(const Start& start) {
+    for (;;) {
+      try {
+        start();
+        return;
+      } catch (const std::bad_alloc&) {
+        if (Pause(MemoryPause)) {
+          throw;
+        }
+      }
+    }
+  }
   /// After Run has returned and nothing starts operations any more: drops all pending ones and with them the objects
   /// that nobody else holds. The second call finds nothing to do.
   void Abandon();

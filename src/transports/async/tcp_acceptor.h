@@ -7,7 +7,6 @@
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <functional>
-#include <new>
 #include <string>
 #include <utility>
 
@@ -50,23 +49,10 @@ class CTcpAcceptor : public CTcpStream {
   /// Host order.
   std::uint16_t BoundPort() const { return boundPort_; }
 
-  /// How long accepting rests when there is no memory for the next accept.
-  static constexpr std::chrono::milliseconds MemoryPause{50};
-
   /// Starts the next accept, once there is memory for it. The first one joins the listener to the port. Throws
   /// win_sys_exc_t.
   void StartAccept() {
-    for (;;) {
-      try {
-        TryStartAccept();
-        return;
-      } catch (const std::bad_alloc&) {
-        // Without an accept nobody would ever be let in again.
-        if (completionPort_->Pause(MemoryPause)) {
-          throw;
-        }
-      }
-    }
+    completionPort_->StartDespiteShortage([this] { TryStartAccept(); });
   }
 
  private:
@@ -124,18 +110,19 @@ class CTcpAcceptor : public CTcpStream {
   void OnAccepted(platform::error_t error, const sockaddr* peer, socklen_t peerLength,
                   const connection_ptr& connection) {
     logging::quiet_log_scope_t scope(g_nfs_log, "On TCP connection accepted.");
-    if (error != platform::error::Success) {
-      g_nfs_log.Error("Failed to accept connection.", exc::win_sys_exc_t(name_, error));
-    } else {
-      Welcome(peer, peerLength, connection);
-    }
+    Welcome(error, peer, peerLength, connection);
     StartAccept();
     scope.Success();
   }
 
-  /// The failure of one connection is its own.
-  void Welcome(const sockaddr* peer, socklen_t peerLength, const connection_ptr& connection) noexcept {
+  /// The failure of one connection is its own, and so is one of telling of it.
+  void Welcome(platform::error_t error, const sockaddr* peer, socklen_t peerLength,
+               const connection_ptr& connection) noexcept {
     try {
+      if (error != platform::error::Success) {
+        g_nfs_log.Error("Failed to accept connection.", exc::win_sys_exc_t(name_, error));
+        return;
+      }
       completionPort_->Associate(*connection);
       onConnection_(peer, peerLength, connection);
     } catch (const std::exception& failure) {

@@ -9,6 +9,7 @@
 
 #include "foundation/exc.h"
 #include "foundation/log.h"
+#include "transports/async/completion_port.h"
 
 namespace win {
 namespace {
@@ -89,12 +90,16 @@ class CUdpSocket::CReceiveEvent : public CIoEventHandler {
   }
 
   void OnComplete(CIoObject&, platform::error_t error, std::uint32_t bytes) override {
-    if (error == platform::error::Success) {
-      socket_.handler_.OnDatagramReceived(source_, bytes);
-      return;
+    // What fails here, or is said about an earlier datagram, costs one datagram; the socket is well.
+    try {
+      if (error == platform::error::Success) {
+        socket_.handler_.OnDatagramReceived(source_, bytes);
+      } else {
+        g_nfs_log.Error("UDP receive failed.", exc::win_sys_exc_t("UDP receive failed.", error));
+      }
+    } catch (const std::exception& failure) {
+      g_nfs_log.Error("Exception while handling I/O event.", failure);
     }
-    // What the network says about an earlier datagram; the socket is well.
-    g_nfs_log.Error("UDP receive failed.", exc::win_sys_exc_t("UDP receive failed.", error));
     socket_.Receive(buffer_, size_);
   }
 
@@ -115,8 +120,12 @@ class CUdpSocket::CIOEvent : public CIoEventHandler {
     return TrySendTo(handle, target_, data_, size_, result);
   }
   void OnComplete(CIoObject&, platform::error_t error, std::uint32_t) override {
-    if (error != platform::error::Success) {
-      g_nfs_log.Error("Exception while handling I/O event.", SendFailure(target_, error));
+    try {
+      if (error != platform::error::Success) {
+        g_nfs_log.Error("Exception while handling I/O event.", SendFailure(target_, error));
+      }
+    } catch (const std::exception&) {
+      // There is no memory for the line; those behind this datagram wait for its end.
     }
     socket_.handler_.OnDatagramSent();
   }
@@ -132,7 +141,8 @@ CUdpSocket::CUdpSocket(IUdpEventsHandler& handler, const SPortBinding& binding)
     : CSocket(MakeSocket()), handler_(handler), boundPort_(BindUdpPort(GetHandle(), binding)) {}
 
 void CUdpSocket::Receive(std::uint8_t* buffer, std::size_t size) {
-  const platform::error_t error = StartIo(new CReceiveEvent(*this, buffer, size));
+  platform::error_t error = platform::error::Success;
+  Port()->StartDespiteShortage([&] { error = StartIo(new CReceiveEvent(*this, buffer, size)); });
   if (error != platform::error::Success) {
     throw exc::win_sys_exc_t("UDP receive failed.", error);
   }

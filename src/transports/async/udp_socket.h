@@ -21,6 +21,7 @@ struct SDatagramAddress {
 /// Told of the datagrams of a socket, on the completion thread.
 class IUdpEventsHandler {
  public:
+  /// The datagram is in the buffer until this returns. What it throws costs this datagram alone.
   virtual void OnDatagramReceived(const SDatagramAddress& source, std::size_t size) = 0;
   virtual void OnDatagramSent() = 0;
 
@@ -37,7 +38,8 @@ class CUdpSocket : public CSocket {
   /// Host order.
   std::uint16_t BoundPort() const { return boundPort_; }
 
-  /// Starts the receive of one datagram; the buffer lives as long as the object. Throws win_sys_exc_t.
+  /// Starts to receive, one datagram after the other, into a buffer that lives as long as the object. After the socket
+  /// has joined its port. Throws win_sys_exc_t.
   void Receive(std::uint8_t* buffer, std::size_t size);
   /// Sends one datagram. True: it is out. False: it waits, OnDatagramSent follows, and the data stays until then.
   /// Throws win_sys_exc_t for one that cannot be sent.

@@ -1,6 +1,10 @@
 // Datagrams in and out.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
+#include <new>
+
 #include "support/captured_log.h"
 #include "transports/async/async_udp_channel.h"
 #include "unit/transports/async/rig.h"
@@ -93,6 +97,54 @@ TEST_F(UdpChannelTest, GoesOnAfterAReplyThatDoesNotFit) {
   EXPECT_TRUE(std::any_of(errors.begin(), errors.end(), [](const std::string& line) {
     return line.find("Failed to send data using UDP socket. Target address: \"127.0.0.1:") != std::string::npos;
   }));
+}
+
+/// Has no memory for its first datagram.
+class CForgetfulSocket : public win::CUdpSocket, public win::IUdpEventsHandler {
+ public:
+  explicit CForgetfulSocket(const win::SPortBinding& binding)
+      : CUdpSocket(static_cast<win::IUdpEventsHandler&>(*this), binding) {}
+  void Start() { Receive(buffer_.data(), buffer_.size()); }
+  void OnDatagramReceived(const win::SDatagramAddress&, std::size_t size) override {
+    if (first.exchange(false))
+      throw std::bad_alloc();
+    received = size;
+  }
+  void OnDatagramSent() override {}
+
+  std::atomic<bool> first{true};
+  std::atomic<std::size_t> received{0};
+
+ private:
+  std::array<std::uint8_t, 100> buffer_;
+};
+
+TEST(UdpSocketTest, ReceivesOnAfterADatagramThatFailed) {
+  const CapturedLog log;
+  const auto port = boost::make_shared<synch::completion_port_t>();
+  win::SPortBinding binding;
+  binding.label = "test";
+  boost::intrusive_ptr<CForgetfulSocket> socket(new CForgetfulSocket(binding));
+  port->Associate(*socket);
+  socket->Start();
+  std::thread loop([&] { port->Run(); });
+  const int client = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(socket->BoundPort());
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  for (const std::size_t size : {1, 2, 3}) {
+    EXPECT_EQ(::sendto(client, "abc", size, 0, reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+              static_cast<ssize_t>(size));
+  }
+  EXPECT_TRUE(Eventually([&] { return socket->received == 3; }));
+  ::close(client);
+  port->Stop();
+  loop.join();
+  EXPECT_FALSE(log.Texts("Error").empty());
+  socket->AbandonIo();
+  socket.reset();
+  port->Abandon();
 }
 
 TEST(UdpPortTest, IsTakenOnce) {
