@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include "fault/support/fault_fixture.h"
@@ -29,6 +31,24 @@ class ExhaustionTest : public CFaultTest {
     while (std::filesystem::is_symlink(folder + std::to_string(number)))
       ++number;
     return number;
+  }
+  /// Connections of others that are still open, or were closed by their peers alone, take descriptors and give them
+  /// back at any time.
+  void AwaitNoOtherConnections() {
+    constexpr std::size_t EndsOfOurs = 2;  // Both are in the test's network.
+    EXPECT_TRUE(WaitUntil([&] {
+      std::ifstream table("/proc/" + std::to_string(service_.Process().Pid()) + "/net/tcp");
+      std::size_t established = 0;
+      std::size_t halfClosed = 0;
+      std::string line;
+      for (std::getline(table, line); std::getline(table, line);) {
+        std::string number, local, remote, state;
+        std::istringstream(line) >> number >> local >> remote >> state;
+        established += state == "01";
+        halfClosed += state == "08";
+      }
+      return established == EndsOfOurs && halfClosed == 0;
+    }));
   }
   std::size_t AddressSpace() {
     std::ifstream status("/proc/" + std::to_string(service_.Process().Pid()) + "/statm");
@@ -65,6 +85,7 @@ TEST_P(ExhaustionTest, WithoutDescriptorsFilesCannotBeOpenedAndConnectionsWait) 
   WriteFile(HostPath("closed"), "closed");
   ASSERT_NO_FATAL_FAILURE(Begin());
   const bytes_t closed = HandleOf("closed");
+  AwaitNoOtherConnections();
   const std::size_t before = Descriptors();
   Limit(RLIMIT_NOFILE, FirstFreeDescriptor());
   EXPECT_EQ(Client().Read(closed, 0, 10).status, TooManyOpenFiles);

@@ -126,7 +126,8 @@ TEST_F(FilesBelowRoot, SwappingAFolderForALinkNeverLeaks) {
   });
   const file_request_t request{file_access_t::Read, file_share_t::ReadWrite, file_disposition_t::OpenExisting};
   int opened = 0;
-  for (int round = 0; round < 3000; ++round) {
+  // On a busy machine the other thread may rest for long where the folder is not.
+  for (int round = 0; round < 3000 || opened == 0; ++round) {
     boost::shared_ptr<platform::file_t> file;
     if (files.Open(At("folder/secret"), request, file) == error::Success) {
       std::uint64_t size = 0;
@@ -137,7 +138,6 @@ TEST_F(FilesBelowRoot, SwappingAFolderForALinkNeverLeaks) {
   }
   stop = true;
   swapper.join();
-  EXPECT_GT(opened, 0);
 }
 
 TEST_F(FilesBelowRoot, WithoutLinksNoneIsFollowedFromThereOn) {
