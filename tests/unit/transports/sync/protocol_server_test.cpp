@@ -6,6 +6,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <deque>
 #include <future>
 #include <mutex>
@@ -273,9 +274,16 @@ TEST_F(ProtocolServerTest, TellsWhatItDoes) {
 }
 
 TEST_F(ProtocolServerTest, ABusyPortMovesItUpwardAndIsStored) {
-  const COccupant mount(true);
-  const COccupant nfs(false);
-  StorePorts(mount.port, nfs.port);
+  std::optional<COccupant> mount;
+  std::optional<COccupant> nfs;
+  // Two searches that begin close together would end at one port.
+  const auto areApart = [](int left, int right) { return std::abs(left - right) > 16; };
+  do {
+    mount.emplace(true);
+    nfs.emplace(false);
+  } while (!areApart(mount->port, nfs->port) || !areApart(mount->port, params_.portmapPort) ||
+           !areApart(nfs->port, params_.portmapPort));
+  StorePorts(mount->port, nfs->port);
   std::atomic<std::uint16_t> registeredMount{0};
   std::atomic<std::uint16_t> registeredNfs{0};
   params_.registrationProc = [&] {
@@ -284,14 +292,14 @@ TEST_F(ProtocolServerTest, ABusyPortMovesItUpwardAndIsStored) {
     Note("register");
   };
   Start();
-  EXPECT_GT(StoredMountPort(), mount.port);
-  EXPECT_GT(StoredNfsPort(), nfs.port);
+  EXPECT_GT(StoredMountPort(), mount->port);
+  EXPECT_GT(StoredNfsPort(), nfs->port);
   EXPECT_EQ(registeredMount, StoredMountPort());
   EXPECT_EQ(registeredNfs, StoredNfsPort());
   ExpectEcho(StoredMountPort());
   ExpectEchoOfDatagram(StoredNfsPort());
   EXPECT_TRUE(Logged(log_, "The Mount or NFS ports have been changed. Trying to perform new values."));
-  EXPECT_TRUE(Logged(log_, "Port [" + std::to_string(mount.port) + "] is busy. Trying to bind to next one."));
+  EXPECT_TRUE(Logged(log_, "Port [" + std::to_string(mount->port) + "] is busy. Trying to bind to next one."));
 }
 
 TEST_F(ProtocolServerTest, PortsThatAreFreeAreNotStoredAgain) {
