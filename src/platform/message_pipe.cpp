@@ -183,15 +183,19 @@ error_t message_pipe_t::Write(std::span<const std::uint8_t> message, const pipe_
 }
 
 error_t message_pipe_t::Write(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest,
-                              const pipe_wait_t& wait) {
-  if (head.size() > MaxPipeMessage || rest.size() > MaxPipeMessage - head.size())
+                              const pipe_wait_t& wait, kernel_pipe_t* tail) {
+  const std::size_t held = tail == nullptr ? 0 : tail->Held();
+  if (head.size() > MaxPipeMessage || rest.size() > MaxPipeMessage - head.size() ||
+      held > MaxPipeMessage - head.size() - rest.size())
     return error::InvalidParameter;
   if (writeBroken_)
     return error::BrokenPipe;
-  const header_t header = HeaderOf(head.size() + rest.size());
+  const header_t header = HeaderOf(head.size() + rest.size() + held);
   std::array<iovec, 3> parts{Part(header), Part(head), Part(rest)};
   bool sent = false;
-  const error_t result = SendAll(socket_.Get(), parts, 0, wait, sent);
+  error_t result = SendAll(socket_.Get(), parts, held == 0 ? 0 : MSG_MORE, wait, sent);
+  if (result == error::Success && held != 0)
+    result = SendHeld(*tail, wait);
   writeBroken_ = result == error::BrokenPipe || (result != error::Success && sent);
   return result;
 }
@@ -224,6 +228,15 @@ error_t message_pipe_t::WriteFiles(std::span<const file_part_t> parts, const pip
   return result;
 }
 
+void message_pipe_t::WaitInSocket() noexcept {
+  const int flags = ::fcntl(socket_.Get(), F_GETFL);
+  waitsInSocket_ = flags >= 0 && ::fcntl(socket_.Get(), F_SETFL, flags & ~O_NONBLOCK) == 0;
+}
+
+void message_pipe_t::End() noexcept {
+  ::shutdown(socket_.Get(), SHUT_RDWR);
+}
+
 error_t message_pipe_t::SendFile(file_part_t part, const pipe_wait_t& wait) {
   auto offset = static_cast<off_t>(part.offset);
   while (part.length > 0) {
@@ -237,6 +250,22 @@ error_t message_pipe_t::SendFile(file_part_t part, const pipe_wait_t& wait) {
       if (waited != error::Success)
         return waited;
     } else if (errno != EINTR) {
+      return TransferError();
+    }
+  }
+  return error::Success;
+}
+
+error_t message_pipe_t::SendHeld(kernel_pipe_t& pipe, const pipe_wait_t& wait) {
+  while (pipe.Held() > 0) {
+    const ssize_t count = pipe.GiveToSocket(socket_.Get(), pipe.Held(), false);
+    if (count == 0)
+      return error::IoDevice;
+    if (count < 0 && WouldBlock()) {
+      const error_t waited = WaitForReadiness(socket_.Get(), POLLOUT, wait);
+      if (waited != error::Success)
+        return waited;
+    } else if (count < 0 && errno != EINTR) {
       return TransferError();
     }
   }
@@ -263,8 +292,9 @@ error_t message_pipe_t::ReceiveOnce(std::span<std::uint8_t> first, std::span<std
   message.msg_iov = parts.data();
   message.msg_iovlen = parts.size();
   looks_t looks(hasAsked_);
+  const int flags = waitsInSocket_ && wait.IsEndless() ? 0 : MSG_DONTWAIT;
   for (;;) {
-    const ssize_t received = ::recvmsg(socket_.Get(), &message, MSG_DONTWAIT);
+    const ssize_t received = ::recvmsg(socket_.Get(), &message, flags);
     if (received > 0) {
       looks.Tell(true);
       count = static_cast<std::size_t>(received);
@@ -376,12 +406,13 @@ error_t message_pipe_t::LookForUnread() const {
 }
 
 error_t message_pipe_t::Transact(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest,
-                                 std::span<std::uint8_t> reply, std::size_t& count, const pipe_wait_t& wait) {
+                                 std::span<std::uint8_t> reply, std::size_t& count, const pipe_wait_t& wait,
+                                 kernel_pipe_t* tail) {
   count = 0;
   hasAsked_ = true;
   error_t result = LookForUnread();
   if (result == error::Success)
-    result = Write(head, rest, wait);
+    result = Write(head, rest, wait, tail);
   return result == error::Success ? Read(reply, count, wait) : result;
 }
 

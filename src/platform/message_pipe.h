@@ -24,6 +24,8 @@ namespace platform {
 struct pipe_wait_t {
   deadline_t deadline = deadline_t::Never();
   std::span<const int> cancels = {};
+
+  bool IsEndless() const noexcept { return deadline.monotonicNs == deadline_t::NeverNs && cancels.empty(); }
 };
 
 /// Bytes that lie in a file.
@@ -81,8 +83,10 @@ class message_pipe_t {
   /// Writes one message. 109 when the peer has gone, 87 for a message that is too long. A write that failed in the
   /// middle of the message leaves nothing that could be written after it: every later one is 109.
   error_t Write(std::span<const std::uint8_t> message, const pipe_wait_t& wait = {});
-  /// Writes one message whose bytes lie in two places.
-  error_t Write(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest, const pipe_wait_t& wait = {});
+  /// Writes one message whose bytes lie in several places, the last of them in `tail` unless that is null: all that it
+  /// holds. A write that fails leaves it with what it has not given.
+  error_t Write(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest, const pipe_wait_t& wait = {},
+                kernel_pipe_t* tail = nullptr);
 
   /// Writes one message whose bytes lie in files, without bringing them into this process's memory. 1117 when a file is
   /// shorter. The calling thread has SIGPIPE blocked or ignored.
@@ -103,15 +107,24 @@ class message_pipe_t {
                    const pipe_wait_t& wait = {}) {
     return Transact(request, {}, reply, count, wait);
   }
-  /// The same with a request whose bytes lie in two places.
+  /// The same with a request whose bytes lie in several places, as for Write.
   error_t Transact(std::span<const std::uint8_t> head, std::span<const std::uint8_t> rest,
-                   std::span<std::uint8_t> reply, std::size_t& count, const pipe_wait_t& wait);
+                   std::span<std::uint8_t> reply, std::size_t& count, const pipe_wait_t& wait,
+                   kernel_pipe_t* tail = nullptr);
 
   /// The same with room in the kernel too: the bytes of a reply that is neither small nor longer than the reply's
   /// memory can be left in the pipe, which is empty before; `count` tells how many wherever they are, and the pipe what
   /// it holds: all of them or none.
   error_t Transact(std::span<const std::uint8_t> request, std::span<std::uint8_t> reply, kernel_pipe_t& pipe,
                    std::size_t& count, const pipe_wait_t& wait);
+
+  /// For an end that waits for its peer again and again: waits without an end are left to the socket, at half the calls
+  /// of the system. What is written from files then waits without an end, too; End ends all of them. Before the first
+  /// operation.
+  void WaitInSocket() noexcept;
+  /// Nothing is to be read or written any more: whoever waits for the peer finds it gone, and so does the peer. Any
+  /// thread.
+  void End() noexcept;
 
   /// For waiting on several things: readable when a message begins, or the peer has gone. Owned by the pipe; not to be
   /// read or written.
@@ -124,6 +137,7 @@ class message_pipe_t {
   static header_t HeaderOf(std::size_t length) noexcept;
   error_t Receive(std::span<std::uint8_t> buffer, std::size_t& count, const pipe_wait_t& wait);
   error_t SendFile(file_part_t part, const pipe_wait_t& wait);
+  error_t SendHeld(kernel_pipe_t& pipe, const pipe_wait_t& wait);
   error_t ReceiveOnce(std::span<std::uint8_t> first, std::span<std::uint8_t> rest, std::size_t& count,
                       const pipe_wait_t& wait);
   error_t ReadHeader(std::span<std::uint8_t> room, std::size_t& count, const pipe_wait_t& wait);
@@ -133,6 +147,7 @@ class message_pipe_t {
   error_t LookForUnread() const;
 
   const descriptor_t socket_;
+  bool waitsInSocket_ = false;
 
   // The writer's.
   bool writeBroken_ = false;

@@ -24,6 +24,9 @@ CXDRReader::CXDRReader(std::size_t size) : data_(boost::make_shared<io::byte_buf
 
 CXDRReader::CXDRReader(boost::shared_ptr<io::byte_buffer_t> record) : data_(std::move(record)) {}
 
+CXDRReader::CXDRReader(boost::shared_ptr<io::byte_buffer_t> record, boost::shared_ptr<platform::kernel_pipe_t> rest)
+    : data_(std::move(record)), rest_(std::move(rest)) {}
+
 std::span<std::uint8_t> CXDRReader::Record() {
   if (data_ == nullptr)
     return {};
@@ -31,12 +34,25 @@ std::span<std::uint8_t> CXDRReader::Record() {
 }
 
 std::size_t CXDRReader::Remaining() const {
-  return data_ == nullptr ? 0 : data_->size() - position_;
+  return InMemory() + (rest_ == nullptr ? 0 : rest_->Held());
+}
+
+void CXDRReader::Gather() {
+  if (rest_ == nullptr)
+    return;
+  const boost::shared_ptr<platform::kernel_pipe_t> rest = std::move(rest_);
+  const std::size_t before = data_->size();
+  data_->resize(before + rest->Held());
+  std::size_t read = 0;
+  if (const platform::error_t failure = rest->Read(std::span(*data_).subspan(before), read);
+      failure != platform::error::Success)
+    throw exc::win_sys_exc_t("The rest of a record cannot be read", failure);
 }
 
 std::uint32_t CXDRReader::UInt() {
   if (Remaining() < 4)
     throw exc::win_sys_exc_t("Wrong SUNRPC format in UInt()", FormatErrorCode);
+  Need(4);
   const std::uint32_t value = LoadWord(data_->data() + position_);
   position_ += 4;
   return value;
@@ -45,16 +61,18 @@ std::uint32_t CXDRReader::UInt() {
 std::uint64_t CXDRReader::UInt64() {
   if (Remaining() < 8)
     throw exc::win_sys_exc_t("Wrong SUNRPC format in UInt64()", platform::LastError());
+  Need(8);
   const std::uint8_t* bytes = data_->data() + position_;
   const std::uint64_t value = (static_cast<std::uint64_t>(LoadWord(bytes)) << 32) | LoadWord(bytes + 4);
   position_ += 8;
   return value;
 }
 
-std::span<const std::uint8_t> CXDRReader::VarLenView() {
+/// The length of an opaque that is there; rounded up, too.
+std::uint32_t CXDRReader::OpaqueLength() {
   const std::uint32_t length = UInt();
   if (length == 0)
-    return {};
+    return 0;
   // Lengths above 0xFFFFFFFC wrap to 0 and pass the test. Such a record is no format error: it fails as the buffer that
   // it asks for would.
   const std::uint32_t rounded = (length + 3U) & ~3U;
@@ -63,9 +81,28 @@ std::span<const std::uint8_t> CXDRReader::VarLenView() {
   }
   if (length > Remaining())
     throw std::bad_alloc();
+  return length;
+}
+
+std::span<const std::uint8_t> CXDRReader::View(std::uint32_t length) {
+  if (length == 0)
+    return {};
+  const std::uint32_t rounded = (length + 3U) & ~3U;
+  Need(rounded);
   const std::uint8_t* bytes = data_->data() + position_;
   position_ += rounded;
   return {bytes, length};
+}
+
+std::span<const std::uint8_t> CXDRReader::LastVarLenView() {
+  const std::uint32_t length = OpaqueLength();
+  lastViewAt_ = position_;
+  // Only what is the opaque's to its last byte can be handed on as such.
+  if (rest_ == nullptr || length != Remaining())
+    return View(length);
+  const std::span<const std::uint8_t> inMemory = std::span(*data_).subspan(position_);
+  position_ += static_cast<std::uint32_t>(inMemory.size());
+  return inMemory;
 }
 
 void CXDRReader::VarLenData(io::byte_buffer_t& out) {
@@ -88,6 +125,7 @@ std::array<std::uint8_t, 8> CXDRReader::Fixed8() {
         "The size of the requested fixed length binary data (%1) exceeds the length of unprocessed SUN RPC frame (%2).",
         out.size(), Remaining());
   }
+  Need(out.size());
   std::memcpy(out.data(), data_->data() + position_, out.size());
   position_ += 8;
   return out;

@@ -27,7 +27,8 @@ TEST_P(KillAgentTest, AnAnsweredWriteIsInTheOverlayAndTheSourceIsUntouched) {
   for (const char* name : {"disk.img", "data.img"}) {
     const bytes_t handle = HandleOf(name);
     for (std::size_t part = 0; part < 2; ++part)
-      writers.push_back(std::make_unique<CWriter>(handle, part * Blocks / 2, Blocks / 2, campaign.Below(1U << 30)));
+      writers.push_back(std::make_unique<CWriter>(handle, part * Blocks / 2, Blocks / 2, campaign.Below(1U << 30),
+                                                  part == 0 ? 1 : 16));
   }
   client_.reset();
   unsigned killedStarts = 0;

@@ -272,6 +272,7 @@ void WriteRecords() {
   Write("records", "lookup", Record(7, LOOKUP3args{place}));
   Write("records", "read", Record(9, READ3args{handle, 65536, 4096}));
   Write("records", "write", Record(10, WRITE3args{handle, 0, 4, FILE_SYNC, data}));
+  Write("records", "write-split", bytes_t{33} + Record(28, WRITE3args{handle, 0, 4, FILE_SYNC, data}));
   Write("records", "create", Record(11, CREATE3args{place, GUARDED, changes, {}}));
   Write("records", "create-exclusive", Record(11, CREATE3args{place, EXCLUSIVE, {}, {1, 2, 3}}));
   Write("records", "rename", Record(15, RENAME3args{place, place}));

@@ -6,6 +6,7 @@
 #include "programs/ep_mapper_table.h"
 #include "programs/mount_rpc_interface.h"
 #include "rpc/rpc_message.h"
+#include "support/kernel_pipe_of.h"
 #include "support/memory_rpc_stream.h"
 #include "vfs/nfs3/nfs_args.h"
 #include "vfs/nfs3/nfs_results.h"
@@ -77,6 +78,26 @@ void AskPortmapper(fuzz::bytes_view_t bytes) {
   });
 }
 
+/// A WRITE whose data is still in the kernel, from wherever on, is the WRITE that it would be in memory.
+void CheckSplitWrite(fuzz::bytes_view_t bytes) {
+  fuzz::CInput input(bytes.data(), bytes.size());
+  const std::size_t first = input.Byte();
+  const fuzz::bytes_view_t record = input.Rest();
+  if (first > record.size())
+    return;
+  CXDRReader inMemory = ReaderOf(record);
+  WRITE3args expected;
+  const bool isSound = fuzz::Try([&] { expected.Decode(inMemory); });
+  CXDRReader split = test::SplitReaderOf(record, first);
+  WRITE3args args;
+  fuzz::Require(fuzz::Try([&] { args.Decode(split); }) == isSound, "what is in the kernel decodes alike");
+  if (!isSound)
+    return;
+  fuzz::Require(args.DataSize() == expected.data.size(), "what is in the kernel is counted");
+  args.data = args.GatherData();
+  fuzz::Require(args == expected, "what was in the kernel is the same");
+}
+
 using check_t = void (*)(fuzz::bytes_view_t);
 
 /// An input's first byte picks one. New ones come to the end, so that the corpus keeps its meaning.
@@ -114,6 +135,7 @@ constexpr check_t Checks[] = {
     Check<READDIRPLUS3res>,
     Check<FSSTAT3res>,
     Check<FSINFO3res>,
+    CheckSplitWrite,
 };
 
 }  // namespace

@@ -15,6 +15,8 @@ KELVO_WIRE_SUITE(BackupMountWritesTest);
 
 TEST_P(BackupMountWritesTest, AnAnsweredWriteOutlivesEveryKill) {
   constexpr std::size_t Blocks = 2048;
+  // Data of this size takes another way through the service.
+  constexpr std::size_t LargeWrite = 16;
   constexpr int Rounds = 5;
   const unsigned seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
@@ -28,9 +30,10 @@ TEST_P(BackupMountWritesTest, AnAnsweredWriteOutlivesEveryKill) {
   std::vector<std::unique_ptr<CWriter>> writers;
   for (const char* name : {"disk.img", "data.img"}) {
     const bytes_t handle = HandleOf(name);
-    for (std::size_t part = 0; part < 2; ++part)
-      writers.push_back(
-          std::make_unique<CWriter>(handle, part * Blocks / 2, Blocks / 2, static_cast<unsigned>(random())));
+    for (const std::size_t part : {0U, 1U}) {
+      writers.push_back(std::make_unique<CWriter>(handle, part * Blocks / 2, Blocks / 2,
+                                                  static_cast<unsigned>(random()), part == 0 ? 1 : LargeWrite));
+    }
   }
   const auto pause = [&random] { std::this_thread::sleep_for(std::chrono::milliseconds(random() % 300)); };
   for (int round = 0; round < 2 * Rounds; ++round) {
@@ -89,6 +92,52 @@ TEST_P(BackupMountWritesTest, AgentsThatTakeNoWritesSaySo) {
     EXPECT_EQ(agent.Stop(), 0) << agent.Output();
   }
   EXPECT_EQ(ReadFile(backup.File("disk.img")), "disk");
+}
+
+TEST_P(BackupMountWritesTest, WritesOfAllSizesInFlightArriveInOrderAndWhole) {
+  constexpr std::uint32_t Calls = 400;
+  constexpr std::size_t FileSize = 1 << 20;
+  const CBackupFolder backup{{"disk.img", std::string(FileSize, 's')}};
+  CMountAgent agent(service_, "vm1", backup.Path());
+  ASSERT_NO_FATAL_FAILURE(agent.Start());
+  Publish("vm1");
+  WriteFile(HostPath("host.img"), std::string(FileSize, 's'));
+  const std::vector<bytes_t> handles{HandleOf("disk.img"), HandleOf("host.img")};
+  std::vector<std::string> expected(2, std::string(FileSize, 's'));
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  std::vector<bytes_t> calls;
+  for (std::uint32_t i = 0; i < Calls; ++i) {
+    static constexpr std::size_t Sizes[] = {65536, 65536, 65536, 16384, 16383, 20001, 131072, 5, 4096};
+    // Mostly the same file as before: the service gets used to where the data of a client goes.
+    const std::size_t file = i / 40 % 2 == 0 ? std::min<std::size_t>(random() % 8, 1) ^ 1 : random() % 2;
+    const std::size_t size = Sizes[random() % std::size(Sizes)];
+    const std::size_t offset = random() % (FileSize - size);
+    std::string data(size, '\0');
+    for (std::size_t at = 0; at < size; ++at)
+      data[at] = static_cast<char>(at * 7 + at / 251 + i);
+    expected[file].replace(offset, size, data);
+    calls.push_back(CallMessage(
+        i, NfsProgram, 3, test::Write,
+        CEncoder().Opaque(handles[file]).U64(offset).U32(static_cast<std::uint32_t>(size)).U32(0).Opaque(data)));
+  }
+  CConnection connection(2049);
+  std::thread asking([&] {
+    for (const bytes_t& call : calls)
+      connection.SendRecord(call);
+  });
+  for (std::uint32_t i = 0; i < Calls; ++i) {
+    const SReply reply = ParseReply(connection.ReceiveRecord().value());
+    EXPECT_EQ(reply.xid, i);
+    EXPECT_EQ(CDecoder(reply.body).U32(), Ok) << i;
+  }
+  asking.join();
+  for (std::size_t file = 0; file < 2; ++file) {
+    for (std::uint32_t at = 0; at < FileSize; at += 65536)
+      EXPECT_TRUE(Client().Read(handles[file], at, 65536).data == expected[file].substr(at, 65536))
+          << file << " " << at;
+  }
 }
 
 TEST_P(BackupMountWritesTest, WriteThroughChangesTheSource) {

@@ -14,7 +14,9 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "foundation/exc.h"
 #include "vfs/items/fs_item.h"
@@ -48,6 +50,8 @@ struct SFakeBackend {
   std::atomic<bool> isAvailable{true};    ///< False: listing tells so, opening finds nothing, transfers fail.
   std::atomic<int> enumerations{0};       ///< Calls of Enumerate.
   std::atomic<int> specQuestions{0};      ///< Calls of GetItemSpec and GetMountUid of files.
+  std::atomic<bool> takesPipes{false};    ///< Whether files are written from pipes.
+  std::atomic<int> pipeWrites{0};         ///< Calls of WritePipe.
   std::atomic<int> state{0};              ///< Not 0: folders tell it as what they list from.
   std::uint64_t largestFile{1ULL << 40};  ///< Bytes; what would make a larger file fails, as on a full disk.
   std::atomic<int> failure{0};            ///< Not 0: the next change of a folder throws win_sys_exc_t with it.
@@ -197,6 +201,17 @@ class CFakeFile : public CFakeItem<IFsFile> {
       node_->content.resize(offset + count);
     if (count != 0)
       std::memcpy(node_->content.data() + offset, data, count);
+  }
+  bool TakesPipes() const noexcept override { return backend_->takesPipes; }
+  void WritePipe(std::uint64_t offset, std::uint32_t count, const void* data, platform::kernel_pipe_t& rest) override {
+    ++backend_->pipeWrites;
+    std::vector<std::uint8_t> all(count);
+    const std::size_t first = count - rest.Held();
+    std::copy_n(static_cast<const std::uint8_t*>(data), first, all.begin());
+    std::size_t read = 0;
+    if (rest.Read(std::span(all).subspan(first), read) != platform::error::Success)
+      throw exc::runtime_exc_t("The pipe cannot be read.");
+    Write(offset, count, all.data());
   }
   void Resize(std::uint64_t newSize) override {
     const auto lock = Lock();

@@ -43,17 +43,16 @@ platform::descriptor_t MakeSignal() {
 }  // namespace
 
 struct CAgentServer::SConnection {
-  explicit SConnection(pipe_ptr_t opened) : pipe(std::move(opened)), end(MakeSignal()) {}
+  explicit SConnection(pipe_ptr_t opened) : pipe(std::move(opened)) { pipe->WaitInSocket(); }
 
   const pipe_ptr_t pipe;
-  const platform::descriptor_t end;  ///< Readable: the connection has to end.
-  std::atomic<bool> ending{false};   ///< Set before `end` is.
+  std::atomic<bool> ending{false};  ///< Set before the pipe is ended.
   std::atomic<bool> over{false};
   std::thread thread;
 
   void End() {
     ending.store(true);
-    ::eventfd_write(end.Get(), 1);
+    pipe->End();
   }
 };
 
@@ -176,26 +175,23 @@ void CAgentServer::Serve(SConnection& connection) noexcept {
   ::pthread_sigmask(SIG_BLOCK, &broken, nullptr);
   try {
     CSession session(content_);
-    const int end = connection.end.Get();
-    const platform::pipe_wait_t wait{platform::deadline_t::Never(), std::span<const int>(&end, 1)};
     std::vector<std::uint8_t> request;
     bytes_t reply;
     for (;;) {
-      const platform::error_t failure = connection.pipe->ReadMessage(request, MaxRequestLength, wait);
+      const platform::error_t failure = connection.pipe->ReadMessage(request, MaxRequestLength);
       if (failure == error::MoreData)
         report_("A connection was closed: its request is too long.");
       if (failure != error::Success)
         break;
-      // What can be done at once is done whatever the wait says; a connection that has to end does nothing more.
+      // A request that had come before the end can still be read; a connection that has to end does nothing more.
       if (connection.ending.load())
         break;
       if (!session.Answer(request.data(), request.size(), reply)) {
         report_("A connection was closed: its request is malformed, or the file cannot be read.");
         break;
       }
-      const platform::error_t sent = session.FileParts().empty()
-                                         ? connection.pipe->Write(reply, wait)
-                                         : connection.pipe->WriteFiles(session.FileParts(), wait);
+      const platform::error_t sent = session.FileParts().empty() ? connection.pipe->Write(reply)
+                                                                 : connection.pipe->WriteFiles(session.FileParts());
       if (sent == error::IoDevice)
         report_("A connection was closed: a file has become shorter.");
       if (sent != error::Success)
@@ -207,7 +203,7 @@ void CAgentServer::Serve(SConnection& connection) noexcept {
     report_(std::string("A connection was closed: ") + failure.what());
   }
   // The peer learns of it now, not when the server looks next.
-  ::shutdown(connection.pipe->Descriptor(), SHUT_RDWR);
+  connection.pipe->End();
   connection.over.store(true);
 }
 

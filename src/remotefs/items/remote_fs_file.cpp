@@ -75,10 +75,11 @@ void CRemoteFsFile::Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffe
   buffer.eof = buffer.length != count;
 }
 
-void CRemoteFsFile::Write(std::uint64_t offset, std::uint32_t count, const void* data) {
+void CRemoteFsFile::WriteFrom(std::uint64_t offset, std::uint32_t count, const void* data,
+                              platform::kernel_pipe_t* rest) {
   times_.NoteWrite();
   const CRemoteVfsClientHolder client = connector_->GetClient();
-  const std::int32_t written = client->Write(HandleOn(client), offset, count, data);
+  const std::int32_t written = client->Write(HandleOn(client), offset, count, data, rest);
   // The guest is told that all of it is on stable storage.
   if (written < 0 || static_cast<std::uint32_t>(written) != count) {
     throw exc::runtime_exc_t("The restore agent has written [%1] of [%2] bytes to item [%3].", written, count, path_);

@@ -32,13 +32,20 @@ class CRemoteFsFile : public CRemoteFsItem<IFsFile> {
   void GetItemSpec(SFsItemSpec& spec) override;
   void GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) override;
   void Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) override;
-  void Write(std::uint64_t offset, std::uint32_t count, const void* data) override;
+  void Write(std::uint64_t offset, std::uint32_t count, const void* data) override {
+    WriteFrom(offset, count, data, nullptr);
+  }
+  bool TakesPipes() const noexcept override { return true; }
+  void WritePipe(std::uint64_t offset, std::uint32_t count, const void* data, platform::kernel_pipe_t& rest) override {
+    WriteFrom(offset, count, data, &rest);
+  }
   void Resize(std::uint64_t newSize) override;
 
   /// Asks the agent for a handle. notFound: the agent has no such file any more, and nothing has changed here.
   void Reopen(bool& notFound);
 
  private:
+  void WriteFrom(std::uint64_t offset, std::uint32_t count, const void* data, platform::kernel_pipe_t* rest);
   SRemoteHandle Handle() const;
   /// The file's handle on the client's connection.
   std::int32_t HandleOn(const CRemoteVfsClientHolder& client);

@@ -68,9 +68,9 @@ bool PipeHandler::ReceiveFirst(const SExchange& exchange, std::uint32_t timeoutM
   std::size_t count = 0;
   const platform::pipe_wait_t wait{deadline, cancels};
   const std::span<std::uint8_t> room = exchange.reply.Room();
-  const platform::error_t result = exchange.pipe != nullptr
-                                       ? pipe_->Transact(exchange.request, room, *exchange.pipe, count, wait)
-                                       : pipe_->Transact(exchange.request, exchange.data, room, count, wait);
+  const platform::error_t result =
+      exchange.pipe != nullptr ? pipe_->Transact(exchange.request, room, *exchange.pipe, count, wait)
+                               : pipe_->Transact(exchange.request, exchange.data, room, count, wait, exchange.tail);
   switch (result) {
     case error::Success:
     case error::MoreData:

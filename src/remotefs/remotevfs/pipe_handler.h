@@ -37,6 +37,8 @@ class PipeHandler {
     Buffer& reply;
     /// May get the bytes of the reply in the place of its buffer, whose actual size tells how many they are. Or null.
     platform::kernel_pipe_t* pipe = nullptr;
+    /// Holds what the request ends with, behind the data. Or null.
+    platform::kernel_pipe_t* tail = nullptr;
   };
   /// Sends the request and receives its reply whole, however long: the reply's buffer grows beyond its capacity, which
   /// is made 1,024 bytes when it is 0. False when the reply did not come within the time: for want of an answer, for an

@@ -80,14 +80,16 @@ void RemoteVfsClient::Read(std::int32_t handle, std::uint64_t offset, std::uint3
   Ask({request.Bytes(), {}, out, pipe});
 }
 
-std::int32_t RemoteVfsClient::Write(std::int32_t handle, std::uint64_t offset, std::uint32_t length, const void* data) {
+std::int32_t RemoteVfsClient::Write(std::int32_t handle, std::uint64_t offset, std::uint32_t length, const void* data,
+                                    platform::kernel_pipe_t* tail) {
   // The data leaves from where it lies.
+  const std::size_t inMemory = length - (tail == nullptr ? 0 : tail->Held());
   Buffer request(SmallCapacity);
   Begin(request, Command::Write, handle);
   request.AppendU64(offset);
   request.AppendU32(length);
   Buffer reply(SmallCapacity);
-  Ask({request.Bytes(), {static_cast<const std::uint8_t*>(data), length}, reply});
+  Ask({request.Bytes(), {static_cast<const std::uint8_t*>(data), inMemory}, reply, nullptr, tail});
   return static_cast<std::int32_t>(ReplyReader(reply.Bytes()).U32());
 }
 

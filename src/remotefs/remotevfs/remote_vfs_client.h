@@ -39,8 +39,10 @@ class RemoteVfsClient {
   /// With a pipe, the bytes can be left in there: all of them, `out` counting them, or none.
   void Read(std::int32_t handle, std::uint64_t offset, std::uint32_t length, Buffer& out,
             platform::kernel_pipe_t* pipe = nullptr);
-  /// Returns the count that the agent tells, unchecked.
-  std::int32_t Write(std::int32_t handle, std::uint64_t offset, std::uint32_t length, const void* data);
+  /// Returns the count that the agent tells, unchecked. With a tail the length ends with what that holds, and the data
+  /// has the bytes before.
+  std::int32_t Write(std::int32_t handle, std::uint64_t offset, std::uint32_t length, const void* data,
+                     platform::kernel_pipe_t* tail = nullptr);
   std::uint64_t GetSize(std::int32_t handle);
 
   /// Setting it abandons the request at hand and all later ones, which breaks the client.

@@ -60,6 +60,8 @@ class CAsyncConnection : public win::CTcpStream {
   bool MayAnswer();
   /// Takes no more replies; the connection ends when those that are queued are out.
   void Close();
+  /// Worker thread: of large records like the last one the bytes from this offset on may stay in the kernel; 0: none.
+  void LeaveDataFrom(std::uint32_t offset) noexcept { leaveFrom_.store(offset, std::memory_order_relaxed); }
   /// Called by the senders: one more request under way, one less.
   void RequestBegun(std::size_t recordSize);
   void RequestOver(std::size_t recordSize) noexcept;
@@ -73,6 +75,7 @@ class CAsyncConnection : public win::CTcpStream {
   // Receiving; completion thread.
   void StartReceive(bool tryFirst);
   win::io_attempt_t AttemptReceive(int handle, win::SIoResult& result);
+  win::io_attempt_t AttemptReceiveRest(int handle, win::SIoResult& result);
   void OnReceived(platform::error_t error, std::uint32_t bytes);
   void PlaceReceived(std::size_t bytes);
   /// Works through what has arrived; false when nothing is to be received any more, or not for now.
@@ -81,6 +84,9 @@ class CAsyncConnection : public win::CTcpStream {
   /// False for a mark that ends the connection.
   bool BeginBody();
   void GrowBody();
+  /// Receives into a pipe what follows the body's first bytes, if that is wanted and can be had.
+  void BeginRest();
+  platform::error_t EndRest() noexcept;
   void PostRecord();
   bool PauseIfOverloaded();
   void OnResumed();
@@ -108,13 +114,18 @@ class CAsyncConnection : public win::CTcpStream {
   std::string clientName_;
   boost::shared_ptr<CRequestQueue> queue_;
 
+  /// Where the data of a large record begins that nobody needs in memory, as far as is known; 0 when all is needed.
+  std::atomic<std::uint32_t> leaveFrom_{0};
+
   // Completion thread only.
   std::array<std::uint8_t, 4> headerBuffer_{};
   std::size_t headerBytes_ = 0;
   boost::shared_ptr<io::byte_buffer_t> body_;
-  std::size_t bodySize_ = 0;  ///< As announced; the buffer may be shorter yet.
-  std::size_t bodyBytes_ = 0;
-  bool expectLarge_ = false;  ///< The last record was large: only the next mark is read ahead.
+  std::size_t bodySize_ = 0;   ///< As announced; the buffer may be shorter yet.
+  std::size_t bodyBytes_ = 0;  ///< Received, those in the pipe included.
+  /// Takes what follows the bytes that the buffer has room for; or null.
+  boost::shared_ptr<platform::kernel_pipe_t> rest_;
+  bool expectLarge_ = false;  ///< The last record was large: little more than the next mark is read ahead.
   std::size_t receiveRoom_ = 0;
   /// Bytes that came behind what was asked for: small records arrive many at a time.
   std::unique_ptr<std::uint8_t[]> staging_;

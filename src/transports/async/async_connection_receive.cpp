@@ -59,17 +59,30 @@ win::io_attempt_t CAsyncConnection::AttemptReceive(int handle, win::SIoResult& r
     pieces[count++] = {data, room};
     receiveRoom_ += room;
   };
+  if (body_ && bodyBytes_ >= body_->size()) {
+    return AttemptReceiveRest(handle, result);
+  }
   if (body_) {
     add(body_->data() + bodyBytes_, body_->size() - bodyBytes_);
   }
   if (!body_ || body_->size() == bodySize_) {
-    if (expectLarge_) {
-      add(headerBuffer_.data() + headerBytes_, headerBuffer_.size() - headerBytes_);
-    } else {
-      add(staging_.get(), StagingSize);
-    }
+    // The data of a large record goes where it shall be, and not where it would be copied from.
+    const std::size_t little = headerBuffer_.size() - headerBytes_ + leaveFrom_.load(std::memory_order_relaxed);
+    add(staging_.get(), expectLarge_ ? std::min(little, StagingSize) : StagingSize);
   }
   return TryReceive(handle, pieces.data(), count, result);
+}
+
+win::io_attempt_t CAsyncConnection::AttemptReceiveRest(int handle, win::SIoResult& result) {
+  bool inMemory = false;
+  const win::io_attempt_t attempt = TryReceivePipe(handle, *rest_, bodySize_ - bodyBytes_, inMemory, result);
+  if (!inMemory) {
+    // Pieces of which there is no more than one may have been moved: only the next attempt tells whether that was all.
+    receiveRoom_ = result.bytes;
+    return attempt;
+  }
+  result.error = EndRest();
+  return result.error == platform::error::Success ? AttemptReceive(handle, result) : win::io_attempt_t::Done;
 }
 
 void CAsyncConnection::OnReceived(platform::error_t error, std::uint32_t bytes) {
@@ -92,15 +105,11 @@ void CAsyncConnection::OnReceived(platform::error_t error, std::uint32_t bytes) 
 
 void CAsyncConnection::PlaceReceived(std::size_t bytes) {
   if (body_) {
-    const std::size_t ofBody = std::min(bytes, body_->size() - bodyBytes_);
+    const std::size_t ofBody = std::min(bytes, (rest_ ? bodySize_ : body_->size()) - bodyBytes_);
     bodyBytes_ += ofBody;
     bytes -= ofBody;
   }
-  if (expectLarge_) {
-    headerBytes_ += bytes;
-  } else {
-    stagingEnd_ += bytes;
-  }
+  stagingEnd_ += bytes;
 }
 
 bool CAsyncConnection::TakeArrived() {
@@ -115,8 +124,10 @@ bool CAsyncConnection::TakeArrived() {
         return false;
       }
     }
-    bodyBytes_ += TakeStaged(body_->data() + bodyBytes_, body_->size() - bodyBytes_);
     if (bodyBytes_ < body_->size()) {
+      bodyBytes_ += TakeStaged(body_->data() + bodyBytes_, body_->size() - bodyBytes_);
+    }
+    if (bodyBytes_ < body_->size() || (rest_ && bodyBytes_ < bodySize_)) {
       return true;
     }
     if (bodyBytes_ < bodySize_) {
@@ -156,10 +167,36 @@ bool CAsyncConnection::BeginBody() {
   }
   expectLarge_ = bodySize_ > StagingSize;
   bodyBytes_ = 0;
-  auto body = boost::make_shared<io::byte_buffer_t>();
-  body->resize(std::min(bodySize_, FirstBodySize));
-  body_ = std::move(body);
+  body_ = boost::make_shared<io::byte_buffer_t>();
+  BeginRest();
+  if (!rest_) {
+    body_->resize(std::min(bodySize_, FirstBodySize));
+  }
   return true;
+}
+
+void CAsyncConnection::BeginRest() {
+  const std::size_t first = leaveFrom_.load(std::memory_order_relaxed);
+  if (first == 0 || bodySize_ < first + platform::kernel_pipe_t::Least ||
+      bodySize_ > first + platform::kernel_pipe_t::Largest || stagingEnd_ - stagingBegin_ > first) {
+    return;
+  }
+  rest_ = platform::kernel_pipe_t::Acquire();
+  if (rest_) {
+    // Who needs the rest in memory after all finds room for it, and nothing of the rest is moved.
+    body_->reserve(bodySize_);
+    body_->resize(first);
+  }
+}
+
+/// Brings what came into the pipe into memory, where all else is received then.
+platform::error_t CAsyncConnection::EndRest() noexcept {
+  const std::size_t first = body_->size();
+  body_->resize(bodySize_);
+  std::size_t read = 0;
+  const platform::error_t error = rest_->Read(std::span(*body_).subspan(first, bodyBytes_ - first), read);
+  rest_.reset();
+  return error;
 }
 
 void CAsyncConnection::GrowBody() {
@@ -168,8 +205,9 @@ void CAsyncConnection::GrowBody() {
 
 void CAsyncConnection::PostRecord() {
   const boost::intrusive_ptr<CResponseSender> sender(new CTcpResponseSender(this, bodySize_));
-  queue_->Post(sender, std::move(body_));
+  queue_->Post(sender, std::move(body_), nullptr, std::move(rest_));
   body_.reset();
+  rest_.reset();
   bodyBytes_ = 0;
 }
 

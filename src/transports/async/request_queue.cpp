@@ -47,14 +47,14 @@ CRequestQueue::~CRequestQueue() {
 }
 
 void CRequestQueue::Post(boost::intrusive_ptr<CResponseSender> sender, boost::shared_ptr<io::byte_buffer_t> record,
-                         completion_ptr extra) {
+                         completion_ptr extra, boost::shared_ptr<platform::kernel_pipe_t> rest) {
   bool wake = false;
   {
     const std::lock_guard guard(lock_);
     if (stopping_) {
       return;
     }
-    items_.push_back({std::move(sender), std::move(record), std::move(extra)});
+    items_.push_back({std::move(sender), std::move(record), std::move(extra), std::move(rest)});
     itemsCount_.store(items_.size(), std::memory_order_relaxed);
     wake = std::exchange(sleeping_, false);
   }
@@ -180,13 +180,14 @@ void CRequestQueue::RunOutParked() noexcept {
 
 void CRequestQueue::Answer(SItem& item, reply_t reply) noexcept {
   try {
-    CXDRReader reader(std::move(item.record));
+    CXDRReader reader(std::move(item.record), std::move(item.rest));
     CXDRWriter writer;
     if (item.sender->TakesPipes()) {
       writer.TakePipes();
     }
     handler_(item.sender->IsFsAccessAllowed(), item.sender->GetPeerAddress(), reader, writer);
     lastReply_ = writer.Used();
+    item.sender->DataMayStay(reader.WantedRest());
     Reply(item, writer, reply);
     return;
   } catch (const std::exception& failure) {

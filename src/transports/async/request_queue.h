@@ -43,9 +43,10 @@ class CRequestQueue {
 
   const std::string& Name() const { return name_; }
 
-  /// Hands a record over. extra is released when its reply was given to the sender. Dropped after Stop.
+  /// Hands a record over, of which the rest may be in the kernel, with room for it in the record. extra is released
+  /// when its reply was given to the sender. Dropped after Stop.
   void Post(boost::intrusive_ptr<CResponseSender> sender, boost::shared_ptr<io::byte_buffer_t> record,
-            completion_ptr extra = nullptr);
+            completion_ptr extra = nullptr, boost::shared_ptr<platform::kernel_pipe_t> rest = nullptr);
   /// Looks again at the parked requests: a client takes its replies, or is gone.
   void ContinueParked() noexcept;
   /// Takes no more requests, runs out those that are in, and joins the worker. The second call does nothing. Requests
@@ -57,6 +58,7 @@ class CRequestQueue {
     boost::intrusive_ptr<CResponseSender> sender;
     boost::shared_ptr<io::byte_buffer_t> record;
     completion_ptr extra;
+    boost::shared_ptr<platform::kernel_pipe_t> rest;
   };
 
   enum class reply_t { Send, Hold, Drop };

@@ -32,6 +32,9 @@ class CResponseSender : public CCounted {
   virtual bool MayAnswer() { return true; }
   /// Whether replies may hold data that is still in the kernel.
   virtual bool TakesPipes() const { return false; }
+  /// Told after a request: the bytes of one like it need not come into memory from this offset of its record on. 0:
+  /// they do.
+  virtual void DataMayStay(std::uint32_t /*offset*/) noexcept {}
   /// The same for all requests of one client, whose order is kept.
   virtual const void* Client() const { return this; }
 };

@@ -20,6 +20,7 @@ class CTcpResponseSender : public CResponseSender {
   void Hold(CXDRWriter& writer, completion_ptr completion) override;
   bool MayAnswer() override { return connection_->MayAnswer(); }
   bool TakesPipes() const override { return true; }
+  void DataMayStay(std::uint32_t offset) noexcept override { connection_->LeaveDataFrom(offset); }
   const void* Client() const override { return connection_.get(); }
 
  private:

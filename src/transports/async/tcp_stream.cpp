@@ -75,6 +75,30 @@ io_attempt_t CTcpStream::TryReceive(int handle, iovec* pieces, std::size_t count
   return Move([&] { return ::recvmsg(handle, &message, MSG_DONTWAIT); }, result);
 }
 
+io_attempt_t CTcpStream::TryReceivePipe(int handle, platform::kernel_pipe_t& pipe, std::size_t length, bool& inMemory,
+                                        SIoResult& result) noexcept {
+  std::size_t moved = 0;
+  const platform::error_t error = pipe.TakeFromSocket(handle, length, moved);
+  result.bytes = static_cast<std::uint32_t>(moved);
+  inMemory = false;
+  switch (error) {
+    case platform::error::Success:
+      return io_attempt_t::Done;
+    case platform::error::PipeBusy: {
+      // Nothing has come, or what has come finds no room: senders in small pieces fill the pipe with these.
+      std::uint8_t byte = 0;
+      if (pipe.Held() == 0 || ::recv(handle, &byte, 1, MSG_DONTWAIT | MSG_PEEK) <= 0)
+        return io_attempt_t::WouldBlock;
+      break;
+    }
+    default:
+      // The end of the stream and failures are told by a receive into memory as they always are.
+      break;
+  }
+  inMemory = true;
+  return io_attempt_t::Done;
+}
+
 io_attempt_t CTcpStream::TrySend(int handle, iovec* pieces, std::size_t count, bool more, SIoResult& result) noexcept {
   const msghdr message = Message(pieces, count);
   const int flags = MSG_DONTWAIT | MSG_NOSIGNAL | (more ? MSG_MORE : 0);

@@ -38,6 +38,10 @@ class CTcpStream : public CSocket {
 
   /// One receive into up to count pieces; 64 when the peer has gone.
   static io_attempt_t TryReceive(int handle, iovec* pieces, std::size_t count, SIoResult& result) noexcept;
+  /// One receive of up to length bytes into a pipe, of which none may have come where they have to be received into
+  /// memory: then inMemory is set.
+  static io_attempt_t TryReceivePipe(int handle, platform::kernel_pipe_t& pipe, std::size_t length, bool& inMemory,
+                                     SIoResult& result) noexcept;
   /// One gather send of count pieces; more may follow them at once.
   static io_attempt_t TrySend(int handle, iovec* pieces, std::size_t count, bool more, SIoResult& result) noexcept;
   /// One send of what a pipe holds, at most length bytes.

@@ -91,6 +91,11 @@ void CAsyncFsFileWrapper::Write(std::uint64_t offset, std::uint32_t count, const
   Call<CWriteFileProc>(offset, count, data);
 }
 
+void CAsyncFsFileWrapper::WritePipe(std::uint64_t offset, std::uint32_t count, const void* data,
+                                    platform::kernel_pipe_t& rest) {
+  Call<CWritePipeProc>(offset, count, data, &rest);
+}
+
 void CAsyncFsFileWrapper::Resize(std::uint64_t newSize) {
   Call<CResizeProc>(newSize);
 }

@@ -29,6 +29,8 @@ class CAsyncFsFileWrapper : public IFsAsyncFile {
 
   void Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) override;
   void Write(std::uint64_t offset, std::uint32_t count, const void* data) override;
+  bool TakesPipes() const noexcept override { return file_->TakesPipes(); }
+  void WritePipe(std::uint64_t offset, std::uint32_t count, const void* data, platform::kernel_pipe_t& rest) override;
   void Resize(std::uint64_t newSize) override;
 
   void AsyncRead(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer,

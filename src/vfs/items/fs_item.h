@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "foundation/byte_buffer.h"
+#include "foundation/exc.h"
 #include "platform/file_attributes.h"
 #include "platform/guid.h"
 #include "platform/kernel_pipe.h"
@@ -84,6 +85,13 @@ class IFsFile : public IFsItem {
   virtual void Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) = 0;
   /// Writes all count bytes or throws. data may be null when count is 0.
   virtual void Write(std::uint64_t offset, std::uint32_t count, const void* data) = 0;
+  /// Whether bytes that are still in the kernel can be written without being brought into memory.
+  virtual bool TakesPipes() const noexcept { return false; }
+  /// As Write, where TakesPipes: data has the first bytes, and the pipe holds all others. Takes them, also in vain.
+  virtual void WritePipe(std::uint64_t /*offset*/, std::uint32_t /*count*/, const void* /*data*/,
+                         platform::kernel_pipe_t& /*rest*/) {
+    throw exc::runtime_exc_t("The file takes no data from a pipe.");
+  }
   virtual void Resize(std::uint64_t newSize) = 0;
 };
 

@@ -147,3 +147,18 @@ class CWriteFileProc final : public CFsItemProc<IFsFile> {
   const std::uint32_t count_;
   const void* const data_;
 };
+
+/// offset and count in bytes; data and the pipe are the caller's.
+class CWritePipeProc final : public CFsItemProc<IFsFile> {
+ public:
+  CWritePipeProc(boost::shared_ptr<IFsFile> file, std::uint64_t offset, std::uint32_t count, const void* data,
+                 platform::kernel_pipe_t* rest)
+      : CFsItemProc(std::move(file)), offset_(offset), count_(count), data_(data), rest_(rest) {}
+  void Execute() override { item_->WritePipe(offset_, count_, data_, *rest_); }
+
+ private:
+  const std::uint64_t offset_;
+  const std::uint32_t count_;
+  const void* const data_;
+  platform::kernel_pipe_t* const rest_;
+};

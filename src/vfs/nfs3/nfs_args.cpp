@@ -52,11 +52,18 @@ bool WRITE3args::operator==(const WRITE3args& other) const {
   return file == other.file && offset == other.offset && count == other.count && stable == other.stable &&
          std::ranges::equal(data, other.data);
 }
-void WRITE3args::Decode(CXDRReader& reader) {
+void WRITE3args::Decode(CXDRReader& from) {
   Wrapped("Failed to de-serialize WRITE3Args", [&] {
-    GetAll(reader, file, offset, count, stable);
-    data = reader.VarLenView();
+    GetAll(from, file, offset, count, stable);
+    data = from.LastVarLenView();
   });
+  reader = &from;
+}
+std::span<const std::uint8_t> WRITE3args::GatherData() const {
+  const std::size_t size = DataSize();
+  if (size != data.size())
+    reader->Gather();
+  return {data.data(), size};
 }
 void WRITE3args::Encode(CXDRWriter& writer) const {
   PutAll(writer, file, offset, count, stable);

@@ -81,9 +81,19 @@ struct WRITE3args {
   std::uint32_t stable = UNSTABLE;
   /// Lies in the decoded record and lives as long as that; its length is independent of count.
   std::span<const std::uint8_t> data;
+  /// The reader that has what follows the data in the kernel, or could have it there; lives as long as the record. Null
+  /// of arguments that were not decoded.
+  CXDRReader* reader = nullptr;
+
+  /// What follows the data in the kernel; null when nothing does.
+  platform::kernel_pipe_t* Rest() const { return reader == nullptr ? nullptr : reader->Rest(); }
+  /// With what is in the kernel.
+  std::size_t DataSize() const { return data.size() + (Rest() == nullptr ? 0 : Rest()->Held()); }
+  /// All of the data, which is brought into memory for that.
+  std::span<const std::uint8_t> GatherData() const;
 
   bool operator==(const WRITE3args& other) const;
-  void Decode(CXDRReader& reader);
+  void Decode(CXDRReader& from);
   void Encode(CXDRWriter& writer) const;
 };
 

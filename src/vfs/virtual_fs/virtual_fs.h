@@ -95,11 +95,13 @@ class CVirtualFs {
   /// Fills the buffer and gives 0, or gives the status of the failure and leaves the buffer undefined. count goes
   /// to the backend as it stands.
   nfsstat3 Read(const nfs_fh3& handle, std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) noexcept;
+  /// What of the data is still in the kernel is brought into memory where the file needs it there.
   void Write(const WRITE3args& args, WRITE3res& result) noexcept;
   /// Queues the transfer; the buffer lives until the callback ran. Throws what keeps it from being queued.
   void AsyncRead(const nfs_fh3& handle, std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer,
                  const boost::shared_ptr<IFsProcCompletionCallback>& callback);
-  /// Queues the transfer; args.data lives until the callback ran. A failure to queue goes to the callback.
+  /// Queues the transfer; args.data and its reader live until the callback ran. A failure to queue goes to the
+  /// callback.
   void AsyncWrite(const WRITE3args& args, const boost::shared_ptr<IFsProcCompletionCallback>& callback) noexcept;
   /// @}
 

@@ -9,14 +9,26 @@
 namespace {
 
 void CheckDataLength(const WRITE3args& args) {
-  if (args.data.size() >= args.count)
+  const std::size_t size = args.DataSize();
+  if (size >= args.count)
     return;
   throw CVirtualFsExc("Length of the area to rewrite (%1) exceed the size of the provided data buffer (%2).",
-                      std::to_string(args.count), std::to_string(args.data.size()), NFS3ERR_INVAL);
+                      std::to_string(args.count), std::to_string(size), NFS3ERR_INVAL);
 }
 
-const void* DataPointer(const WRITE3args& args) {
-  return args.data.empty() ? nullptr : args.data.data();
+const void* Pointer(std::span<const std::uint8_t> data) {
+  return data.empty() ? nullptr : data.data();
+}
+
+/// Data that is still in the kernel goes on from there, where the file takes it so and all of it is to be written.
+void WriteData(IFsFile& file, const WRITE3args& args) {
+  if (args.reader != nullptr && file.TakesPipes()) {
+    if (args.DataSize() >= platform::kernel_pipe_t::Least)
+      args.reader->WantRest();
+    if (platform::kernel_pipe_t* const rest = args.Rest(); rest != nullptr && args.count == args.DataSize())
+      return file.WritePipe(args.offset, args.count, Pointer(args.data), *rest);
+  }
+  file.Write(args.offset, args.count, Pointer(args.GatherData()));
 }
 
 }  // namespace
@@ -77,7 +89,7 @@ void CVirtualFs::Write(const WRITE3args& args, WRITE3res& result) noexcept {
         auto* const file = dynamic_cast<IFsFile*>(item.get());
         if (file == nullptr)
           throw exc::runtime_exc_t("The specified item is folder.");
-        file->Write(args.offset, args.count, DataPointer(args));
+        WriteData(*file, args);
         result = WRITE3res{};
         result.count = args.count;
         result.committed = FILE_SYNC;
@@ -108,7 +120,7 @@ void CVirtualFs::AsyncWrite(const WRITE3args& args,
     auto* const file = dynamic_cast<IFsAsyncFile*>(item.get());
     if (file == nullptr)
       throw exc::runtime_exc_t("The specified item does not support async file access.");
-    file->AsyncWrite(args.offset, args.count, DataPointer(args), callback);
+    file->AsyncWrite(args.offset, args.count, Pointer(args.GatherData()), callback);
   } catch (const std::exception& failure) {
     LogWriteFailure(fid, args.offset, failure);
     try {

@@ -26,12 +26,14 @@ inline std::string BlockOf(std::size_t block, std::uint32_t number) {
   return data.substr(0, BlockSize);
 }
 
-/// Writes block after block of a part of a file that is its own, again and again with rising numbers, and remembers
-/// what was answered. Calls that fail and connections that end are what it lives with.
+/// Writes block after block of a part of a file that is its own, or so many at once, again and again with rising
+/// numbers, and remembers what was answered. Calls that fail and connections that end are what it lives with.
 class CWriter {
  public:
-  CWriter(const bytes_t& handle, std::size_t firstBlock, std::size_t blocks, unsigned seed)
-      : handle_(handle), firstBlock_(firstBlock), blocks_(blocks), random_(seed), thread_([this] { Run(); }) {}
+  CWriter(const bytes_t& handle, std::size_t firstBlock, std::size_t blocks, unsigned seed, std::size_t atOnce = 1)
+      : handle_(handle), firstBlock_(firstBlock), blocks_(blocks), atOnce_(atOnce), random_(seed), thread_([this] {
+          Run();
+        }) {}
   CWriter(const CWriter&) = delete;
   CWriter& operator=(const CWriter&) = delete;
   ~CWriter() { Stop(); }
@@ -68,15 +70,19 @@ class CWriter {
   void Run() {
     std::unique_ptr<CNfsClient> client;
     while (!stop_) {
-      const std::size_t block = firstBlock_ + random_() % blocks_;
-      SState& state = written_[block];
+      const std::size_t first = firstBlock_ + random_() % (blocks_ - atOnce_ + 1);
       const std::uint32_t number = ++number_;
-      state.unanswered.push_back(number);
+      std::string data;
+      for (std::size_t block = first; block < first + atOnce_; ++block) {
+        written_[block].unanswered.push_back(number);
+        data += BlockOf(block, number);
+      }
       try {
         if (!client)
           client = std::make_unique<CNfsClient>();
-        if (client->Write(handle_, block * BlockSize, BlockOf(block, number)) == Ok) {
-          state = {number, {}};
+        if (client->Write(handle_, first * BlockSize, data) == Ok) {
+          for (std::size_t block = first; block < first + atOnce_; ++block)
+            written_[block] = {number, {}};
           ++answered_;
           continue;
         }
@@ -91,6 +97,7 @@ class CWriter {
   const bytes_t handle_;
   const std::size_t firstBlock_;
   const std::size_t blocks_;
+  const std::size_t atOnce_;
   std::mt19937 random_;
   std::uint32_t number_ = 0;
   std::map<std::size_t, SState> written_;

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/kernel_pipe_of.h"
 #include "unit/platform/pipe_reading.h"
 
 namespace {
@@ -125,6 +126,52 @@ TEST_F(MessagePipeTest, AMessageOutOfFilesEndsWithItsReader) {
   const timespec now{0, 0};
   ::sigtimedwait(&broken, nullptr, &now);
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST_F(MessagePipeTest, AMessageMayEndInThePipeOfTheKernel) {
+  constexpr std::size_t Size = 190000;
+  const auto pipe = test::PipeOf(Pattern(Size));
+  bytes_t expected = Pattern(10);
+  const bytes_t middle = Pattern(20);
+  const bytes_t tail = Pattern(Size);
+  expected.insert(expected.end(), middle.begin(), middle.end());
+  expected.insert(expected.end(), tail.begin(), tail.end());
+  // More than fits between the two at once.
+  platform::error_t written = 1;
+  std::thread writer([&] { written = left_->Write(Pattern(10), middle, {}, pipe.get()); });
+  bytes_t message;
+  EXPECT_EQ(right_->ReadMessage(message), 0U);
+  writer.join();
+  EXPECT_EQ(written, 0U);
+  EXPECT_EQ(message, expected);
+  EXPECT_EQ(pipe->Held(), 0U);
+  EXPECT_EQ(left_->Write(Pattern(3)), 0U);
+  EXPECT_EQ(Read(*right_, 10).bytes, Pattern(3));
+}
+
+TEST_F(MessagePipeTest, AMessageWhoseEndFindsNoRoomEndsWithTheWait) {
+  platform::error_t result = error::Success;
+  while (result == error::Success) {
+    const auto pipe = test::PipeOf(Pattern(190000));
+    result = left_->Write(Pattern(10), {}, Briefly(), pipe.get());
+    EXPECT_EQ(pipe->Held() == 0, result == error::Success);
+  }
+  EXPECT_EQ(result, error::WaitTimeout);
+  EXPECT_EQ(left_->Write(Pattern(3)), platform::error_t{error::BrokenPipe}) << "it would pass for the rest";
+}
+
+TEST_F(MessagePipeTest, WhoWaitsInTheSocketIsEndedByTheEnd) {
+  right_->WaitInSocket();
+  EXPECT_EQ(left_->Write(Pattern(3)), 0U);
+  bytes_t message;
+  EXPECT_EQ(right_->ReadMessage(message), 0U);
+  EXPECT_EQ(message, Pattern(3));
+  std::size_t count = 0;
+  EXPECT_EQ(right_->Read(message, count, Briefly()), error::WaitTimeout) << "waits with an end keep it";
+  std::thread waiter([&] { EXPECT_EQ(right_->ReadMessage(message), platform::error_t{error::BrokenPipe}); });
+  right_->End();
+  waiter.join();
+  EXPECT_EQ(left_->ReadMessage(message), platform::error_t{error::BrokenPipe}) << "nor does the peer wait";
 }
 
 TEST_F(MessagePipeTest, AMessageArrivesWhole) {

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "foundation/exc.h"
+#include "support/kernel_pipe_of.h"
 #include "support/xdr_record.h"
 
 using testing::ElementsAre;
@@ -142,6 +143,70 @@ TEST(XdrReader, ShortFixedDataTellsBothLengths) {
                  "The size of the requested fixed length binary data (8) exceeds the length of unprocessed SUN RPC "
                  "frame (7).");
   }
+}
+
+/// Two words, an opaque of 8 bytes and one of 5.
+const bytes_t TwoOpaques{0,   0,   0,   1,   0, 0, 0, 2, 0, 0, 0, 8, 'a', 'b', 'c', 'd',
+                         'e', 'f', 'g', 'h', 0, 0, 0, 5, 1, 2, 3, 4, 5,   0,   0,   0};
+
+TEST(XdrReader, WhatIsInTheKernelIsReadAsIfItWereInMemory) {
+  for (std::size_t first = 0; first <= TwoOpaques.size(); ++first) {
+    CXDRReader reader = test::SplitReaderOf(TwoOpaques, first);
+    EXPECT_EQ(reader.Remaining(), TwoOpaques.size());
+    EXPECT_EQ(reader.UInt64(), 0x100000002U) << first;
+    const auto one = reader.VarLenView();
+    EXPECT_EQ(reader.Remaining(), 12U);
+    const auto two = reader.VarLenView();
+    EXPECT_THAT(one, ElementsAre('a', 'b', 'c', 'd', 'e', 'f', 'g', 'h')) << "a view stays good";
+    EXPECT_THAT(two, ElementsAre(1, 2, 3, 4, 5));
+    EXPECT_EQ(reader.Remaining(), 0U);
+    EXPECT_EQ(reader.Rest(), nullptr);
+  }
+}
+
+TEST(XdrReader, AFixedOpaqueMayBeInTheKernel) {
+  EXPECT_THAT(test::SplitReaderOf(bytes_t{1, 2, 3, 4, 5, 6, 7, 8}, 3).Fixed8(), ElementsAre(1, 2, 3, 4, 5, 6, 7, 8));
+}
+
+TEST(XdrReader, TheLastOpaqueMayStayInTheKernel) {
+  const bytes_t bytes{0, 0, 0, 8, 'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
+  for (std::size_t first = 4; first < bytes.size(); ++first) {
+    CXDRReader reader = test::SplitReaderOf(bytes, first);
+    const auto view = reader.LastVarLenView();
+    EXPECT_EQ(bytes_t(view.begin(), view.end()),
+              bytes_t(bytes.begin() + 4, bytes.begin() + static_cast<std::ptrdiff_t>(first)));
+    ASSERT_NE(reader.Rest(), nullptr) << first;
+    EXPECT_EQ(reader.Rest()->Held(), bytes.size() - first);
+    reader.Gather();
+    EXPECT_EQ(bytes_t(view.data(), view.data() + 8), bytes_t(bytes.begin() + 4, bytes.end()))
+        << "behind what was there";
+    EXPECT_EQ(reader.Rest(), nullptr);
+  }
+}
+
+TEST(XdrReader, AnOpaqueThatIsNotTheRecordsEndComesIntoMemory) {
+  for (const bytes_t& bytes : {bytes_t{0, 0, 0, 5, 1, 2, 3, 4, 5, 0, 0, 0},
+                               bytes_t{0, 0, 0, 5, 1, 2, 3, 4, 5, 0, 0, 0, 9, 9}, bytes_t{0, 0, 0, 0, 9, 9}}) {
+    CXDRReader reader = test::SplitReaderOf(bytes, 4);
+    const auto view = reader.LastVarLenView();
+    EXPECT_EQ(bytes_t(view.begin(), view.end()), bytes_t(bytes.begin() + 4, bytes.begin() + 4 + bytes[3]));
+    EXPECT_EQ(reader.Remaining(), bytes.size() - 4 - (bytes[3] + 3U) / 4 * 4);
+  }
+}
+
+TEST(XdrReader, WhatIsInTheKernelIsNotMoreThanItIs) {
+  CXDRReader reader = test::SplitReaderOf(bytes_t{0, 0, 0, 9, 1, 2, 3, 4, 5, 6, 7, 8}, 6);
+  EXPECT_THROW(reader.LastVarLenView(), exc::win_sys_exc_t);
+  EXPECT_THROW(test::SplitReaderOf(bytes_t{1, 2, 3}, 1).UInt(), exc::win_sys_exc_t);
+}
+
+TEST(XdrReader, TellsWhatNobodyNeedsInMemory) {
+  CXDRReader reader = test::ReaderOf(bytes_t{0, 0, 0, 1, 0, 0, 0, 4, 1, 2, 3, 4});
+  reader.UInt();
+  EXPECT_THAT(reader.LastVarLenView(), ElementsAre(1, 2, 3, 4));
+  EXPECT_EQ(reader.WantedRest(), 0U);
+  reader.WantRest();
+  EXPECT_EQ(reader.WantedRest(), 8U);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <limits>
 
+#include "support/kernel_pipe_of.h"
 #include "unit/remotefs/items/remote_file_fixture.h"
 
 namespace test {
@@ -142,6 +143,21 @@ TEST_F(FileTest, WritesWithItsHandle) {
   EXPECT_EQ(attributes.lastWriteTime, Now());
   EXPECT_EQ(attributes.creationTime, made);
   file->Write(0, 0, nullptr);
+}
+
+TEST_F(FileTest, WritesOnFromAPipe) {
+  agent->SetFile("disk", Counting(10));
+  const auto file = OpenFile("disk");
+  EXPECT_TRUE(file->TakesPipes());
+  const Bytes data = Counting(65536);
+  for (const std::size_t first : {0U, 5U, 65535U}) {
+    const auto pipe = PipeOf(std::span(data).subspan(first));
+    file->WritePipe(8, 65536, first == 0 ? nullptr : data.data(), *pipe);
+    EXPECT_EQ(LastRequest(), WireNumber(WriteCommand) + WireNumber<std::int32_t>(0) + WireNumber<std::uint64_t>(8) +
+                                 WireNumber<std::uint32_t>(65536) + data);
+    EXPECT_EQ(agent->FileContent("disk"), Bytes(Counting(8)) + data);
+    EXPECT_EQ(pipe->Held(), 0U);
+  }
 }
 
 TEST_F(FileTest, AWriteThatIsNotWholeFails) {

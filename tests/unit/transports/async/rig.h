@@ -38,7 +38,10 @@ enum class order_t : std::uint32_t {
   Echo = 0,   ///< Replies with the record.
   Throw = 1,  ///< Fails with "boom".
   Blow = 2,   ///< Replies with its number and as many zero bytes as the third word says.
-  Wait = 3    ///< As Echo, after the gate was opened whose number is the third word.
+  Wait = 3,   ///< As Echo, after the gate was opened whose number is the third word.
+  /// The third word is the length of the rest, which need not come into memory. Replies with how much of it did not,
+  /// and the record.
+  Leave = 4
 };
 
 inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parameter = 0) {
@@ -76,8 +79,15 @@ class Program {
     ++begun;
     lastAllowed = allowed;
     lastPeerPort = ntohs(peer.sin_port);
-    const auto record = reader.Record();
     const auto order = static_cast<order_t>(reader.UInt());
+    if (order == order_t::Leave) {
+      reader.UInt();
+      reader.LastVarLenView();
+      reader.WantRest();
+      writer.UInt(reader.Rest() == nullptr ? 0 : static_cast<std::uint32_t>(reader.Rest()->Held()));
+    }
+    reader.Gather();
+    const auto record = reader.Record();
     switch (order) {
       case order_t::Throw:
         throw exc::runtime_exc_t(std::string("boom"));
@@ -95,6 +105,7 @@ class Program {
         opened_.wait(guard, [&] { return gate < openGates_; });
         [[fallthrough]];
       }
+      case order_t::Leave:
       case order_t::Echo:
         writer.Data(record.data(), record.size());
         break;

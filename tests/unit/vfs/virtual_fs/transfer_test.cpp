@@ -2,6 +2,8 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "support/kernel_pipe_of.h"
+#include "support/xdr_record.h"
 #include "vfs/items/fs_proc.h"
 #include "virtual_fs_fixture.h"
 
@@ -118,6 +120,78 @@ TEST_F(Transfer, ARefusedClientWithAHandleReads) {
   node->refused.insert(client.sin_addr.s_addr);
   EXPECT_EQ(GetAttrs(fid).status, NFS3ERR_ACCES);
   EXPECT_EQ(Read(fid), "hello");
+}
+
+/// A WRITE of a file of a backend, with the last bytes of its record still in the kernel.
+class WriteFromPipe : public VirtualFsFixture {
+ protected:
+  WriteFromPipe() {
+    backend_->Put("disk", false, "");
+    fid_ = Find(PublishFake(backend_), "disk");
+    for (std::size_t i = 0; i < data_.size(); ++i)
+      data_[i] = static_cast<std::uint8_t>(i * 7 + i / 251);
+  }
+
+  /// `count` as the client tells it; all but the first `first` bytes of the data are in the kernel. The status.
+  nfsstat3 Write(std::uint64_t fid, std::uint32_t count, std::size_t first) {
+    auto args = WriteArgs(fid, count, data_);
+    const std::vector<std::uint8_t> bytes = BytesOf(args);
+    wantedRest_ = static_cast<std::uint32_t>(bytes.size() - data_.size());
+    CXDRReader reader = SplitReaderOf(bytes, wantedRest_ + first);
+    args = WRITE3args();
+    args.Decode(reader);
+    WRITE3res result;
+    fs->Write(args, result);
+    wanted_ = reader.WantedRest();
+    return result.status;
+  }
+
+  const boost::shared_ptr<SFakeBackend> backend_ = boost::make_shared<SFakeBackend>();
+  std::uint64_t fid_ = 0;
+  std::vector<std::uint8_t> data_ = std::vector<std::uint8_t>(65536);
+  std::uint32_t wantedRest_ = 0;  ///< Where the data begins.
+  std::uint32_t wanted_ = 0;      ///< What the call told of it.
+};
+
+TEST_F(WriteFromPipe, GoesOnFromThereWhereTheFileTakesIt) {
+  backend_->takesPipes = true;
+  for (const std::size_t first : {0U, 1U, 65535U, 65536U}) {
+    backend_->Put("disk", false, "");
+    EXPECT_EQ(Write(fid_, 65536, first), NFS3_OK);
+    EXPECT_EQ(Read(fid_, 0, 65536), std::string(data_.begin(), data_.end()));
+    EXPECT_EQ(wanted_, wantedRest_);
+  }
+  EXPECT_EQ(backend_->pipeWrites, 3) << "not where nothing was in the pipe";
+}
+
+TEST_F(WriteFromPipe, IsBroughtIntoMemoryForAFileThatDoesNot) {
+  EXPECT_EQ(Write(fid_, 65536, 5), NFS3_OK);
+  EXPECT_EQ(Read(fid_, 0, 65536), std::string(data_.begin(), data_.end()));
+  EXPECT_EQ(backend_->pipeWrites, 0);
+  EXPECT_EQ(wanted_, 0U);
+  const auto onHost = MakeFile(root, "disk");
+  EXPECT_EQ(Write(onHost, 65536, 0), NFS3_OK);
+  EXPECT_EQ(GetLocal("disk"), std::string(data_.begin(), data_.end()));
+  EXPECT_EQ(wanted_, 0U);
+}
+
+TEST_F(WriteFromPipe, IsBroughtIntoMemoryWhenItIsMoreThanTheCount) {
+  backend_->takesPipes = true;
+  EXPECT_EQ(Write(fid_, 65535, 5), NFS3_OK);
+  EXPECT_EQ(Read(fid_, 0, 65536), std::string(data_.begin(), data_.end() - 1));
+  EXPECT_EQ(backend_->pipeWrites, 0);
+}
+
+TEST_F(WriteFromPipe, IsTooLittleForALargerCount) {
+  backend_->takesPipes = true;
+  EXPECT_EQ(Write(fid_, 65537, 5), NFS3ERR_INVAL);
+}
+
+TEST_F(WriteFromPipe, IsNotWantedForLittleData) {
+  backend_->takesPipes = true;
+  data_.resize(16380);
+  EXPECT_EQ(Write(fid_, 16380, 5), NFS3_OK);
+  EXPECT_EQ(wanted_, 0U);
 }
 
 TEST_F(Transfer, TheAsynchronousFormsCompleteByCallback) {

@@ -1,0 +1,41 @@
+// Pipes of the kernel's that hold what a test wants them to.
+#pragma once
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <boost/make_shared.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <stdexcept>
+
+#include "foundation/byte_buffer.h"
+#include "platform/kernel_pipe.h"
+#include "rpc/xdr_reader.h"
+
+namespace test {
+
+/// A pipe that holds the bytes, at most so many as a pipe may.
+inline boost::shared_ptr<platform::kernel_pipe_t> PipeOf(std::span<const std::uint8_t> bytes) {
+  boost::shared_ptr<platform::kernel_pipe_t> pipe = platform::kernel_pipe_t::Acquire();
+  const platform::descriptor_t file(::memfd_create("bytes", MFD_CLOEXEC));
+  if (pipe == nullptr || ::pwrite(file.Get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+    throw std::runtime_error("no pipe for the test");
+  while (pipe->Held() < bytes.size()) {
+    std::size_t moved = 0;
+    if (pipe->TakeFromFile(file.Get(), pipe->Held(), bytes.size() - pipe->Held(), moved) != 0 || moved == 0)
+      throw std::runtime_error("no room for the test's bytes");
+  }
+  return pipe;
+}
+
+/// Reads a record of which all but the first bytes are still in the kernel.
+inline CXDRReader SplitReaderOf(std::span<const std::uint8_t> record, std::size_t first) {
+  const auto memory = boost::make_shared<io::byte_buffer_t>();
+  memory->reserve(record.size());
+  memory->assign(record.begin(), record.begin() + static_cast<std::ptrdiff_t>(first));
+  return {memory, PipeOf(record.subspan(first))};
+}
+
+}  // namespace test
