@@ -113,7 +113,8 @@ TEST_F(ConnectionRestTest, MorePiecesThanAPipeHoldsComeIntoMemory) {
   constexpr std::size_t Piece = 100;
   for (std::size_t sent = 0; sent < all.size(); sent += Piece) {
     const std::size_t end = std::min(all.size(), sent + Piece);
-    client_.Send(bytes_t(all.begin() + static_cast<std::ptrdiff_t>(sent), all.begin() + static_cast<std::ptrdiff_t>(end)));
+    client_.Send(
+        bytes_t(all.begin() + static_cast<std::ptrdiff_t>(sent), all.begin() + static_cast<std::ptrdiff_t>(end)));
     // For the server to take it piece by piece, not as one.
     std::this_thread::yield();
   }
