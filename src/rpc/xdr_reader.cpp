@@ -42,11 +42,20 @@ void CXDRReader::Gather() {
     return;
   const boost::shared_ptr<platform::kernel_pipe_t> rest = std::move(rest_);
   const std::size_t before = data_->size();
-  data_->resize(before + rest->Held());
+  auto whole = boost::make_shared<io::byte_buffer_t>(before + rest->Held());
+  std::memcpy(whole->data(), data_->data(), before);
   std::size_t read = 0;
-  if (const platform::error_t failure = rest->Read(std::span(*data_).subspan(before), read);
+  if (const platform::error_t failure = rest->Read(std::span(*whole).subspan(before), read);
       failure != platform::error::Success)
     throw exc::win_sys_exc_t("The rest of a record cannot be read", failure);
+  ungathered_ = std::exchange(data_, std::move(whole));
+}
+
+std::span<const std::uint8_t> CXDRReader::GatherLastView() {
+  Gather();
+  if (lastViewSize_ == 0)
+    return {};
+  return std::span(*data_).subspan(lastViewAt_, lastViewSize_);
 }
 
 std::uint32_t CXDRReader::UInt() {
@@ -97,6 +106,7 @@ std::span<const std::uint8_t> CXDRReader::View(std::uint32_t length) {
 std::span<const std::uint8_t> CXDRReader::LastVarLenView() {
   const std::uint32_t length = OpaqueLength();
   lastViewAt_ = position_;
+  lastViewSize_ = length;
   // Only what is the opaque's to its last byte can be handed on as such.
   if (rest_ == nullptr || length != Remaining())
     return View(length);

@@ -21,8 +21,8 @@ class CXDRReader {
   explicit CXDRReader(std::size_t size);
   /// A record that was received elsewhere; shared with whoever else holds it.
   explicit CXDRReader(boost::shared_ptr<io::byte_buffer_t> record);
-  /// A record whose last bytes are still in the kernel; what is read of them is brought into memory with all others of
-  /// them, behind the record's. That has capacity for them, so that views stay good.
+  /// A record whose last bytes are still in the kernel. Reading any of them brings all of them into memory; views of
+  /// what was read before stay good.
   CXDRReader(boost::shared_ptr<io::byte_buffer_t> record, boost::shared_ptr<platform::kernel_pipe_t> rest);
 
   /// The whole record, to be filled before the first read.
@@ -44,6 +44,8 @@ class CXDRReader {
   platform::kernel_pipe_t* Rest() const { return rest_ != nullptr && rest_->Held() != 0 ? rest_.get() : nullptr; }
   /// Brings them into memory.
   void Gather();
+  /// All of what LastVarLenView gave the begin of, in memory.
+  std::span<const std::uint8_t> GatherLastView();
   /// Tells whoever received the record that of one like it the bytes of LastVarLenView may be left in the kernel.
   void WantRest() { wantedRest_ = lastViewAt_; }
   /// Where these begin; 0 when nobody wants them there.
@@ -64,7 +66,9 @@ class CXDRReader {
 
   boost::shared_ptr<io::byte_buffer_t> data_;
   boost::shared_ptr<platform::kernel_pipe_t> rest_;
+  boost::shared_ptr<io::byte_buffer_t> ungathered_;  ///< What data_ was before, for views of it.
   std::uint32_t position_ = 0;
   std::uint32_t lastViewAt_ = 0;
+  std::uint32_t lastViewSize_ = 0;
   std::uint32_t wantedRest_ = 0;
 };

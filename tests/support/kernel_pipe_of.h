@@ -32,10 +32,8 @@ inline boost::shared_ptr<platform::kernel_pipe_t> PipeOf(std::span<const std::ui
 
 /// Reads a record of which all but the first bytes are still in the kernel.
 inline CXDRReader SplitReaderOf(std::span<const std::uint8_t> record, std::size_t first) {
-  const auto memory = boost::make_shared<io::byte_buffer_t>();
-  memory->reserve(record.size());
-  memory->assign(record.begin(), record.begin() + static_cast<std::ptrdiff_t>(first));
-  return {memory, PipeOf(record.subspan(first))};
+  const std::span<const std::uint8_t> memory = record.first(first);
+  return {boost::make_shared<io::byte_buffer_t>(memory.begin(), memory.end()), PipeOf(record.subspan(first))};
 }
 
 }  // namespace test

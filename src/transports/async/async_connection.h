@@ -86,7 +86,7 @@ class CAsyncConnection : public win::CTcpStream {
   void GrowBody();
   /// Receives into a pipe what follows the body's first bytes, if that is wanted and can be had.
   void BeginRest();
-  platform::error_t EndRest() noexcept;
+  platform::error_t EndRest();
   void PostRecord();
   bool PauseIfOverloaded();
   void OnResumed();

@@ -183,14 +183,12 @@ void CAsyncConnection::BeginRest() {
   }
   rest_ = platform::kernel_pipe_t::Acquire();
   if (rest_) {
-    // Who needs the rest in memory after all finds room for it, and nothing of the rest is moved.
-    body_->reserve(bodySize_);
     body_->resize(first);
   }
 }
 
 /// Brings what came into the pipe into memory, where all else is received then.
-platform::error_t CAsyncConnection::EndRest() noexcept {
+platform::error_t CAsyncConnection::EndRest() {
   const std::size_t first = body_->size();
   body_->resize(bodySize_);
   std::size_t read = 0;

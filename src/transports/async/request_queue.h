@@ -43,7 +43,7 @@ class CRequestQueue {
 
   const std::string& Name() const { return name_; }
 
-  /// Hands a record over, of which the rest may be in the kernel, with room for it in the record. extra is released
+  /// Hands a record over, of which the rest may be in the kernel. extra is released
   /// when its reply was given to the sender. Dropped after Stop.
   void Post(boost::intrusive_ptr<CResponseSender> sender, boost::shared_ptr<io::byte_buffer_t> record,
             completion_ptr extra = nullptr, boost::shared_ptr<platform::kernel_pipe_t> rest = nullptr);

@@ -60,10 +60,7 @@ void WRITE3args::Decode(CXDRReader& from) {
   reader = &from;
 }
 std::span<const std::uint8_t> WRITE3args::GatherData() const {
-  const std::size_t size = DataSize();
-  if (size != data.size())
-    reader->Gather();
-  return {data.data(), size};
+  return Rest() == nullptr ? data : reader->GatherLastView();
 }
 void WRITE3args::Encode(CXDRWriter& writer) const {
   PutAll(writer, file, offset, count, stable);
