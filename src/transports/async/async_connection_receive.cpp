@@ -77,7 +77,7 @@ win::io_attempt_t CAsyncConnection::AttemptReceiveRest(int handle, win::SIoResul
   bool inMemory = false;
   const win::io_attempt_t attempt = TryReceivePipe(handle, *rest_, bodySize_ - bodyBytes_, inMemory, result);
   if (!inMemory) {
-    // Pieces of which there is no more than one may have been moved: only the next attempt tells whether that was all.
+    // A move may end before the socket is empty: only the next attempt tells.
     receiveRoom_ = result.bytes;
     return attempt;
   }
