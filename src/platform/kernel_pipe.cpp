@@ -16,9 +16,6 @@ namespace {
 /// A page of the pipe for each page of the bytes, and one more where they do not begin with a page; twice that, for
 /// senders who cut theirs smaller.
 constexpr int PipeSize = 512 << 10;
-/// Each keeps pages of files in memory until they are sent.
-constexpr std::size_t MostPipes = 64;
-
 template <typename Move>
 ssize_t Uninterrupted(Move move) noexcept {
   ssize_t moved = 0;
@@ -58,16 +55,17 @@ class kernel_pipe_t::store_t {
     return *store;
   }
 
-  std::unique_ptr<kernel_pipe_t> Take() {
+  std::unique_ptr<kernel_pipe_t> Take(std::size_t leave) {
     {
       const std::lock_guard guard(lock_);
+      // Each that is in use keeps pages in memory, of files until they are sent.
+      if (alive_ - free_.size() + leave >= Most)
+        return {};
       if (!free_.empty()) {
         std::unique_ptr<kernel_pipe_t> pipe = std::move(free_.back());
         free_.pop_back();
         return pipe;
       }
-      if (alive_ == MostPipes)
-        return {};
       ++alive_;
     }
     std::unique_ptr<kernel_pipe_t> pipe = Make();
@@ -88,7 +86,7 @@ class kernel_pipe_t::store_t {
   }
 
  private:
-  store_t() { free_.reserve(MostPipes); }
+  store_t() { free_.reserve(Most); }
 
   static std::unique_ptr<kernel_pipe_t> Make() noexcept {
     int ends[2];
@@ -112,9 +110,9 @@ class kernel_pipe_t::store_t {
   std::size_t alive_ = 0;
 };
 
-boost::shared_ptr<kernel_pipe_t> kernel_pipe_t::Acquire() noexcept {
+boost::shared_ptr<kernel_pipe_t> kernel_pipe_t::Acquire(std::size_t leave) noexcept {
   try {
-    std::unique_ptr<kernel_pipe_t> pipe = store_t::Instance().Take();
+    std::unique_ptr<kernel_pipe_t> pipe = store_t::Instance().Take(leave);
     if (pipe == nullptr)
       return {};
     return {pipe.release(),

@@ -22,9 +22,12 @@ class kernel_pipe_t {
   /// Less is copied at less cost.
   static constexpr std::size_t Least = std::size_t{16} << 10;
 
-  /// A pipe that comes back to the process's store with its last share. Null when as many as may be are in use, or the
-  /// system has none: then bytes have to be copied. Any thread.
-  static boost::shared_ptr<kernel_pipe_t> Acquire() noexcept;
+  /// How many there are at most.
+  static constexpr std::size_t Most = 64;
+
+  /// A pipe that comes back to the process's store with its last share. Null when as many are in use as may be, or
+  /// would be left fewer than so many for others, or the system has none: then bytes have to be copied. Any thread.
+  static boost::shared_ptr<kernel_pipe_t> Acquire(std::size_t leave = 0) noexcept;
 
   kernel_pipe_t(const kernel_pipe_t&) = delete;
   kernel_pipe_t& operator=(const kernel_pipe_t&) = delete;

@@ -70,6 +70,26 @@ error_t SendAll(int socket, std::span<iovec> parts, int flags, const pipe_wait_t
   return error::Success;
 }
 
+/// Sends so many bytes by calls of send(length) that pass on some of them. 1117 where these end before.
+template <typename Send>
+error_t SendFrom(int socket, std::size_t length, const pipe_wait_t& wait, const Send& send) {
+  while (length > 0) {
+    const ssize_t count = send(length);
+    if (count > 0) {
+      length -= static_cast<std::size_t>(count);
+    } else if (count == 0) {
+      return error::IoDevice;
+    } else if (WouldBlock()) {
+      const error_t waited = WaitForReadiness(socket, POLLOUT, wait);
+      if (waited != error::Success)
+        return waited;
+    } else if (errno != EINTR) {
+      return TransferError();
+    }
+  }
+  return error::Success;
+}
+
 /// Looks of who has asked, before the sleep: the answer of a peer is mostly on its way. Who waits for requests sleeps
 /// at once: a processor that both ends spend on looking is one less for all others. More while that pays, fewer while
 /// it does not, or while others want this processor; none on a machine where the peer could not run meanwhile.
@@ -239,37 +259,13 @@ void message_pipe_t::End() noexcept {
 
 error_t message_pipe_t::SendFile(file_part_t part, const pipe_wait_t& wait) {
   auto offset = static_cast<off_t>(part.offset);
-  while (part.length > 0) {
-    const ssize_t count = ::sendfile(socket_.Get(), part.file, &offset, part.length);
-    if (count > 0) {
-      part.length -= static_cast<std::size_t>(count);
-    } else if (count == 0) {
-      return error::IoDevice;
-    } else if (WouldBlock()) {
-      const error_t waited = WaitForReadiness(socket_.Get(), POLLOUT, wait);
-      if (waited != error::Success)
-        return waited;
-    } else if (errno != EINTR) {
-      return TransferError();
-    }
-  }
-  return error::Success;
+  return SendFrom(socket_.Get(), part.length, wait,
+                  [&](std::size_t length) { return ::sendfile(socket_.Get(), part.file, &offset, length); });
 }
 
 error_t message_pipe_t::SendHeld(kernel_pipe_t& pipe, const pipe_wait_t& wait) {
-  while (pipe.Held() > 0) {
-    const ssize_t count = pipe.GiveToSocket(socket_.Get(), pipe.Held(), false);
-    if (count == 0)
-      return error::IoDevice;
-    if (count < 0 && WouldBlock()) {
-      const error_t waited = WaitForReadiness(socket_.Get(), POLLOUT, wait);
-      if (waited != error::Success)
-        return waited;
-    } else if (count < 0 && errno != EINTR) {
-      return TransferError();
-    }
-  }
-  return error::Success;
+  return SendFrom(socket_.Get(), pipe.Held(), wait,
+                  [&](std::size_t length) { return pipe.GiveToSocket(socket_.Get(), length, false); });
 }
 
 std::size_t message_pipe_t::TakeAhead(std::span<std::uint8_t> buffer) {

@@ -82,6 +82,6 @@ void BeginNfsWrite(const SAsyncProcedureCall& call) {
   const auto args = boost::make_shared<WRITE3args>();
   args->Decode(*call.reader);
   const auto callback = boost::make_shared<CNfsAsyncWriteCompletionCallback>(args, call.reader);
-  callback->SetRecord(call.completionQueue.Reserve(call.writer, CallWeight + args->data.size()));
+  callback->SetRecord(call.completionQueue.Reserve(call.writer, CallWeight + args->DataSize()));
   call.fs.AsyncWrite(*args, callback);
 }

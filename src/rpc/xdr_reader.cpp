@@ -1,5 +1,6 @@
 #include "rpc/xdr_reader.h"
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <cstring>
 #include <new>
@@ -43,7 +44,7 @@ void CXDRReader::Gather() {
   const boost::shared_ptr<platform::kernel_pipe_t> rest = std::move(rest_);
   const std::size_t before = data_->size();
   auto whole = boost::make_shared<io::byte_buffer_t>(before + rest->Held());
-  std::memcpy(whole->data(), data_->data(), before);
+  std::ranges::copy(*data_, whole->begin());
   std::size_t read = 0;
   if (const platform::error_t failure = rest->Read(std::span(*whole).subspan(before), read);
       failure != platform::error::Success)

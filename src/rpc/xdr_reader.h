@@ -27,8 +27,6 @@ class CXDRReader {
 
   /// The whole record, to be filled before the first read.
   std::span<std::uint8_t> Record();
-  /// Keeps the record's bytes alive, for views that outlive the reader.
-  const boost::shared_ptr<io::byte_buffer_t>& SharedRecord() const { return data_; }
 
   std::uint32_t UInt();
   std::uint64_t UInt64();
@@ -38,7 +36,8 @@ class CXDRReader {
   std::string String();
   /// The bytes of an opaque in place, valid as long as the record lives; empty for a length of 0.
   std::span<const std::uint8_t> VarLenView() { return View(OpaqueLength()); }
-  /// The same for the last item of a record: what of it is still in the kernel may stay there, and is Rest() then.
+  /// The same for the last item of a record, behind which nothing is read: what of it is still in the kernel may stay
+  /// there, and is Rest() then.
   std::span<const std::uint8_t> LastVarLenView();
   /// Bytes of the record that are still in the kernel; null when there are none.
   platform::kernel_pipe_t* Rest() const { return rest_ != nullptr && rest_->Held() != 0 ? rest_.get() : nullptr; }

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "load/load_fixture.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -90,7 +91,7 @@ class LoadMixedTest : public CLoadTest {
     // What AddressSanitizer holds back of freed memory, 256 MiB before it takes it back, would pass for growth.
     const char* const options = std::getenv("ASAN_OPTIONS");
     const std::string before = options == nullptr ? "" : std::string(options) + ":";
-    ::setenv("ASAN_OPTIONS", (before + "quarantine_size_mb=8:thread_local_quarantine_size_kb=64").c_str(), 1);
+    const ScopedEnvironment small("ASAN_OPTIONS", before + "quarantine_size_mb=8:thread_local_quarantine_size_kb=64");
     CLoadTest::SetUp();
   }
 };

@@ -37,7 +37,8 @@ class PipeHandler {
     Buffer& reply;
     /// May get the bytes of the reply in the place of its buffer, whose actual size tells how many they are. Or null.
     platform::kernel_pipe_t* pipe = nullptr;
-    /// Holds what the request ends with, behind the data. Or null.
+    /// Holds what the request ends with, behind the data. Or null; a request with either has no room for its reply in
+    /// the kernel.
     platform::kernel_pipe_t* tail = nullptr;
   };
   /// Sends the request and receives its reply whole, however long: the reply's buffer grows beyond its capacity, which

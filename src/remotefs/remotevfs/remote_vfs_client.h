@@ -39,8 +39,8 @@ class RemoteVfsClient {
   /// With a pipe, the bytes can be left in there: all of them, `out` counting them, or none.
   void Read(std::int32_t handle, std::uint64_t offset, std::uint32_t length, Buffer& out,
             platform::kernel_pipe_t* pipe = nullptr);
-  /// Returns the count that the agent tells, unchecked. With a tail the length ends with what that holds, and the data
-  /// has the bytes before.
+  /// Returns the count that the agent tells, unchecked. With a tail, which holds no more than the length, the data has
+  /// the bytes before those that it holds.
   std::int32_t Write(std::int32_t handle, std::uint64_t offset, std::uint32_t length, const void* data,
                      platform::kernel_pipe_t* tail = nullptr);
   std::uint64_t GetSize(std::int32_t handle);

@@ -84,8 +84,7 @@ class CAsyncConnection : public win::CTcpStream {
   /// False for a mark that ends the connection.
   bool BeginBody();
   void GrowBody();
-  /// Receives into a pipe what follows the body's first bytes, if that is wanted and can be had.
-  void BeginRest();
+  /// Brings what came into the pipe into memory, where the rest of the record is received then.
   platform::error_t EndRest();
   void PostRecord();
   bool PauseIfOverloaded();
@@ -123,7 +122,8 @@ class CAsyncConnection : public win::CTcpStream {
   boost::shared_ptr<io::byte_buffer_t> body_;
   std::size_t bodySize_ = 0;   ///< As announced; the buffer may be shorter yet.
   std::size_t bodyBytes_ = 0;  ///< Received, those in the pipe included.
-  /// Takes what follows the bytes that the buffer has room for; or null.
+  bool leaveRest_ = false;     ///< What follows the bytes that the buffer has room for goes into a pipe,
+  /// this one, as soon as there is any of it.
   boost::shared_ptr<platform::kernel_pipe_t> rest_;
   bool expectLarge_ = false;  ///< The last record was large: little more than the next mark is read ahead.
   std::size_t receiveRoom_ = 0;

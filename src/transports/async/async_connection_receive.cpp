@@ -16,6 +16,8 @@ namespace impl {
 namespace {
 
 constexpr std::size_t StagingSize = 8U << 10;
+/// What is sent goes before what is received: a client can keep the pipe that its data stays in.
+constexpr std::size_t PipesForOthers = platform::kernel_pipe_t::Most / 2;
 constexpr std::uint32_t LastFragment = 0x80000000U;
 
 }  // namespace
@@ -74,12 +76,21 @@ win::io_attempt_t CAsyncConnection::AttemptReceive(int handle, win::SIoResult& r
 }
 
 win::io_attempt_t CAsyncConnection::AttemptReceiveRest(int handle, win::SIoResult& result) {
-  bool inMemory = false;
-  const win::io_attempt_t attempt = TryReceivePipe(handle, *rest_, bodySize_ - bodyBytes_, inMemory, result);
+  if (!rest_) {
+    rest_ = platform::kernel_pipe_t::Acquire(PipesForOthers);
+  }
+  bool inMemory = !rest_;
   if (!inMemory) {
-    // A move may end before the socket is empty: only the next attempt tells.
-    receiveRoom_ = result.bytes;
-    return attempt;
+    const win::io_attempt_t attempt = TryReceivePipe(handle, *rest_, bodySize_ - bodyBytes_, inMemory, result);
+    if (!inMemory) {
+      if (rest_->Held() == 0) {
+        // Who has not sent anything yet keeps none from others.
+        rest_.reset();
+      }
+      // A move may end before the socket is empty: only the next attempt tells.
+      receiveRoom_ = result.bytes;
+      return attempt;
+    }
   }
   result.error = EndRest();
   return result.error == platform::error::Success ? AttemptReceive(handle, result) : win::io_attempt_t::Done;
@@ -105,7 +116,7 @@ void CAsyncConnection::OnReceived(platform::error_t error, std::uint32_t bytes) 
 
 void CAsyncConnection::PlaceReceived(std::size_t bytes) {
   if (body_) {
-    const std::size_t ofBody = std::min(bytes, (rest_ ? bodySize_ : body_->size()) - bodyBytes_);
+    const std::size_t ofBody = std::min(bytes, (leaveRest_ ? bodySize_ : body_->size()) - bodyBytes_);
     bodyBytes_ += ofBody;
     bytes -= ofBody;
   }
@@ -127,7 +138,7 @@ bool CAsyncConnection::TakeArrived() {
     if (bodyBytes_ < body_->size()) {
       bodyBytes_ += TakeStaged(body_->data() + bodyBytes_, body_->size() - bodyBytes_);
     }
-    if (bodyBytes_ < body_->size() || (rest_ && bodyBytes_ < bodySize_)) {
+    if (bodyBytes_ < body_->size() || (leaveRest_ && bodyBytes_ < bodySize_)) {
       return true;
     }
     if (bodyBytes_ < bodySize_) {
@@ -167,34 +178,27 @@ bool CAsyncConnection::BeginBody() {
   }
   expectLarge_ = bodySize_ > StagingSize;
   bodyBytes_ = 0;
-  body_ = boost::make_shared<io::byte_buffer_t>();
-  BeginRest();
-  if (!rest_) {
-    body_->resize(std::min(bodySize_, FirstBodySize));
-  }
+  const std::size_t wanted = leaveFrom_.load(std::memory_order_relaxed);
+  // What has come already is in memory.
+  const std::size_t first = std::max(wanted, stagingEnd_ - stagingBegin_);
+  leaveRest_ = wanted != 0 && wanted <= StagingSize && bodySize_ >= first + platform::kernel_pipe_t::Least &&
+               bodySize_ <= first + platform::kernel_pipe_t::Largest;
+  auto body = boost::make_shared<io::byte_buffer_t>();
+  body->resize(leaveRest_ ? first : std::min(bodySize_, FirstBodySize));
+  body_ = std::move(body);
   return true;
 }
 
-void CAsyncConnection::BeginRest() {
-  const std::size_t first = leaveFrom_.load(std::memory_order_relaxed);
-  if (first == 0 || bodySize_ < first + platform::kernel_pipe_t::Least ||
-      bodySize_ > first + platform::kernel_pipe_t::Largest || stagingEnd_ - stagingBegin_ > first) {
-    return;
-  }
-  rest_ = platform::kernel_pipe_t::Acquire();
-  if (rest_) {
-    body_->resize(first);
-  }
-}
-
-/// Brings what came into the pipe into memory, where all else is received then.
 platform::error_t CAsyncConnection::EndRest() {
   const std::size_t first = body_->size();
   body_->resize(bodySize_);
+  leaveRest_ = false;
+  if (!rest_) {
+    return platform::error::Success;
+  }
+  const boost::shared_ptr<platform::kernel_pipe_t> rest = std::move(rest_);
   std::size_t read = 0;
-  const platform::error_t error = rest_->Read(std::span(*body_).subspan(first, bodyBytes_ - first), read);
-  rest_.reset();
-  return error;
+  return rest->Read(std::span(*body_).subspan(first, bodyBytes_ - first), read);
 }
 
 void CAsyncConnection::GrowBody() {
@@ -206,6 +210,7 @@ void CAsyncConnection::PostRecord() {
   queue_->Post(sender, std::move(body_), nullptr, std::move(rest_));
   body_.reset();
   rest_.reset();
+  leaveRest_ = false;
   bodyBytes_ = 0;
 }
 

@@ -20,7 +20,11 @@ class CTcpResponseSender : public CResponseSender {
   void Hold(CXDRWriter& writer, completion_ptr completion) override;
   bool MayAnswer() override { return connection_->MayAnswer(); }
   bool TakesPipes() const override { return true; }
-  void DataMayStay(std::uint32_t offset) noexcept override { connection_->LeaveDataFrom(offset); }
+  void DataMayStay(std::uint32_t offset) noexcept override {
+    // A small request tells nothing of where the data of the large ones goes.
+    if (recordSize_ >= platform::kernel_pipe_t::Least)
+      connection_->LeaveDataFrom(offset);
+  }
   const void* Client() const override { return connection_.get(); }
 
  private:

@@ -84,19 +84,24 @@ io_attempt_t CTcpStream::TryReceivePipe(int handle, platform::kernel_pipe_t& pip
   switch (error) {
     case platform::error::Success:
       return io_attempt_t::Done;
+    case platform::error::BrokenPipe:
+      // Whether by an end or by a reset, the stream is over.
+      return io_attempt_t::Done;
     case platform::error::PipeBusy: {
-      // Nothing has come, or what has come finds no room: senders in small pieces fill the pipe with these.
+      // Nothing has come; or the pipe is full, which senders in small pieces bring about, and then it says so whatever
+      // has become of the stream.
       std::uint8_t byte = 0;
-      if (pipe.Held() == 0 || ::recv(handle, &byte, 1, MSG_DONTWAIT | MSG_PEEK) <= 0)
-        return io_attempt_t::WouldBlock;
-      break;
+      const bool isFull =
+          pipe.Held() != 0 && (::recv(handle, &byte, 1, MSG_DONTWAIT | MSG_PEEK) >= 0 || errno != EAGAIN);
+      inMemory = isFull;
+      return isFull ? io_attempt_t::Done : io_attempt_t::WouldBlock;
     }
+    case platform::error::CallNotImplemented:
+      inMemory = true;
+      return io_attempt_t::Done;
     default:
-      // The end of the stream and failures are told by a receive into memory as they always are.
-      break;
+      return Judge(errno, result);
   }
-  inMemory = true;
-  return io_attempt_t::Done;
 }
 
 io_attempt_t CTcpStream::TrySend(int handle, iovec* pieces, std::size_t count, bool more, SIoResult& result) noexcept {

@@ -38,8 +38,8 @@ class CTcpStream : public CSocket {
 
   /// One receive into up to count pieces; 64 when the peer has gone.
   static io_attempt_t TryReceive(int handle, iovec* pieces, std::size_t count, SIoResult& result) noexcept;
-  /// One receive of up to length bytes into a pipe, of which none may have come where they have to be received into
-  /// memory: then inMemory is set.
+  /// One receive of up to length bytes into a pipe; none when the stream is over. Where the pipe cannot take them,
+  /// inMemory is set: nothing was taken, and they are to be received into memory.
   static io_attempt_t TryReceivePipe(int handle, platform::kernel_pipe_t& pipe, std::size_t length, bool& inMemory,
                                      SIoResult& result) noexcept;
   /// One gather send of count pieces; more may follow them at once.

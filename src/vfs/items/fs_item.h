@@ -87,7 +87,8 @@ class IFsFile : public IFsItem {
   virtual void Write(std::uint64_t offset, std::uint32_t count, const void* data) = 0;
   /// Whether bytes that are still in the kernel can be written without being brought into memory.
   virtual bool TakesPipes() const noexcept { return false; }
-  /// As Write, where TakesPipes: data has the first bytes, and the pipe holds all others. Takes them, also in vain.
+  /// As Write, where TakesPipes: data has the first bytes, and the pipe holds all others. After a failure they may be
+  /// gone.
   virtual void WritePipe(std::uint64_t /*offset*/, std::uint32_t /*count*/, const void* /*data*/,
                          platform::kernel_pipe_t& /*rest*/) {
     throw exc::runtime_exc_t("The file takes no data from a pipe.");

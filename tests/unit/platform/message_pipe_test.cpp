@@ -11,7 +11,12 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -81,6 +86,31 @@ class PatternFile {
 
  private:
   descriptor_t file_;
+};
+
+/// A thread of which can be told that it waits in the kernel.
+class SleepingThread {
+ public:
+  explicit SleepingThread(std::function<void()> work)
+      : thread_([this, work = std::move(work)] {
+          id_ = ::gettid();
+          work();
+        }) {}
+  /// Returns when it has been asleep for a while, in the same place.
+  void AwaitSleep() const {
+    for (int asleep = 0; asleep < 20; ++asleep) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      std::ifstream file("/proc/self/task/" + std::to_string(id_) + "/stat");
+      const std::string stat{std::istreambuf_iterator<char>(file), {}};
+      if (stat.find(") S ") == std::string::npos)
+        asleep = 0;
+    }
+  }
+  void Join() { thread_.join(); }
+
+ private:
+  std::atomic<pid_t> id_{0};
+  std::thread thread_;
 };
 
 TEST_F(MessagePipeTest, AMessageComesOutOfFiles) {
@@ -168,10 +198,29 @@ TEST_F(MessagePipeTest, WhoWaitsInTheSocketIsEndedByTheEnd) {
   EXPECT_EQ(message, Pattern(3));
   std::size_t count = 0;
   EXPECT_EQ(right_->Read(message, count, Briefly()), error::WaitTimeout) << "waits with an end keep it";
-  std::thread waiter([&] { EXPECT_EQ(right_->ReadMessage(message), platform::error_t{error::BrokenPipe}); });
+  SleepingThread reader([&] { EXPECT_EQ(right_->ReadMessage(message), platform::error_t{error::BrokenPipe}); });
+  reader.AwaitSleep();
   right_->End();
-  waiter.join();
+  reader.Join();
   EXPECT_EQ(left_->ReadMessage(message), platform::error_t{error::BrokenPipe}) << "nor does the peer wait";
+}
+
+TEST_F(MessagePipeTest, WhoWritesFromFilesIntoASocketThatWaitsIsEndedByTheEnd) {
+  left_->WaitInSocket();
+  const PatternFile file(250000);
+  const std::vector<platform::file_part_t> parts{{file.Get(), 0, 250000}};
+  SleepingThread writer([&] {
+    sigset_t broken;
+    sigemptyset(&broken);
+    sigaddset(&broken, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &broken, nullptr);
+    while (left_->WriteFiles(parts) == 0) {
+    }
+    EXPECT_EQ(left_->WriteFiles(parts), platform::error_t{error::BrokenPipe});
+  });
+  writer.AwaitSleep();
+  left_->End();
+  writer.Join();
 }
 
 TEST_F(MessagePipeTest, AMessageArrivesWhole) {

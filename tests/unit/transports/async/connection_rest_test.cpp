@@ -8,6 +8,8 @@ namespace {
 
 constexpr std::uint32_t HeadSize = 12;
 constexpr std::uint32_t Large = 65536;
+/// A pipe does not hold all of the data in such pieces.
+constexpr std::uint32_t Piece = 400;
 
 bytes_t LargeRequest(order_t order, std::uint32_t number, std::uint32_t length = Large) {
   bytes_t record = Request(order, number, length);
@@ -38,6 +40,37 @@ class ConnectionRestTest : public testing::Test {
   void ExpectLeft(std::uint32_t inKernel, const bytes_t& request) {
     client_.Call(request);
     EXPECT_EQ(client_.Reply(), LeftReply(inKernel, request));
+  }
+
+  /// Sends the first bytes at once, and then all but the last `unsent` ones in pieces that the server takes one by one.
+  void SendPieces(Client& client, const bytes_t& request, std::size_t unsent) {
+    const bytes_t all = WithMark(request);
+    client.Send(bytes_t(all.begin(), all.begin() + 4 + HeadSize));
+    for (std::size_t sent = 4 + HeadSize; sent < all.size() - unsent; sent += Piece) {
+      const std::size_t end = std::min(all.size() - unsent, sent + Piece);
+      server_.AwaitReceived();
+      client.Send(
+          bytes_t(all.begin() + static_cast<std::ptrdiff_t>(sent), all.begin() + static_cast<std::ptrdiff_t>(end)));
+    }
+    server_.AwaitReceived();
+  }
+  void ExpectForgotten(Client& client, bool reset) {
+    const int begun = server_.program.begun;
+    if (reset) {
+      client.Reset();
+    } else {
+      client.Close();
+    }
+    EXPECT_TRUE(Eventually([] { return FreePipes() == platform::kernel_pipe_t::Most; })) << reset;
+    Teach();
+    EXPECT_EQ(server_.program.begun, begun + 1);
+  }
+  static std::size_t FreePipes() {
+    std::vector<boost::shared_ptr<platform::kernel_pipe_t>> pipes;
+    while (auto pipe = platform::kernel_pipe_t::Acquire()) {
+      pipes.push_back(std::move(pipe));
+    }
+    return pipes.size();
   }
 
   CapturedLog log_;
@@ -109,20 +142,47 @@ TEST_F(ConnectionRestTest, TheFirstBytesMayComeOneByOne) {
 TEST_F(ConnectionRestTest, MorePiecesThanAPipeHoldsComeIntoMemory) {
   Teach();
   const bytes_t request = LargeRequest(order_t::Leave, 1);
-  const bytes_t all = WithMark(request);
-  constexpr std::size_t Piece = 100;
-  for (std::size_t sent = 0; sent < all.size(); sent += Piece) {
-    const std::size_t end = std::min(all.size(), sent + Piece);
-    client_.Send(
-        bytes_t(all.begin() + static_cast<std::ptrdiff_t>(sent), all.begin() + static_cast<std::ptrdiff_t>(end)));
-    // For the server to take it piece by piece, not as one.
-    std::this_thread::yield();
-  }
-  const auto reply = client_.Reply();
-  ASSERT_TRUE(reply.has_value());
-  EXPECT_EQ(bytes_t(reply->begin() + 4, reply->end()), request);
+  SendPieces(client_, request, 0);
+  EXPECT_EQ(client_.Reply(), LeftReply(0, request));
   Teach();
   ExpectLeft(Large, LargeRequest(order_t::Leave, 2));
+}
+
+TEST_F(ConnectionRestTest, SmallRequestsBetweenTellNothing) {
+  Teach();
+  client_.Call(Request(order_t::Echo, 1));
+  EXPECT_EQ(client_.Reply(), Request(order_t::Echo, 1));
+  // What was received ahead of it is in memory.
+  const bytes_t request = LargeRequest(order_t::Leave, 2);
+  client_.Call(request);
+  const auto reply = client_.Reply();
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_GT(WordAt(*reply, 0), Large / 2);
+  EXPECT_EQ(bytes_t(reply->begin() + 4, reply->end()), request);
+}
+
+TEST_F(ConnectionRestTest, WhoHasSentNothingOfItsDataKeepsNoPipe) {
+  std::vector<std::unique_ptr<Client>> clients;
+  const bytes_t request = LargeRequest(order_t::Leave, 1);
+  const bytes_t all = WithMark(request);
+  for (std::size_t i = 0; i < platform::kernel_pipe_t::Most; ++i) {
+    Teach(*clients.emplace_back(std::make_unique<Client>(server_.port)));
+    clients.back()->Send(bytes_t(all.begin(), all.begin() + 4 + HeadSize));
+  }
+  server_.AwaitReceived();
+  EXPECT_EQ(FreePipes(), platform::kernel_pipe_t::Most);
+  // Who has keeps one, but never the last ones.
+  for (const auto& client : clients) {
+    client->Send({all[4 + HeadSize]});
+  }
+  server_.AwaitReceived();
+  EXPECT_EQ(FreePipes(), platform::kernel_pipe_t::Most / 2);
+  for (const auto& client : clients) {
+    client->Send(bytes_t(all.begin() + 4 + HeadSize + 1, all.end()));
+    const auto reply = client->Reply();
+    ASSERT_TRUE(reply.has_value());
+    EXPECT_EQ(bytes_t(reply->begin() + 4, reply->end()), request);
+  }
 }
 
 TEST_F(ConnectionRestTest, WithoutAPipeDataComesIntoMemory) {
@@ -138,21 +198,27 @@ TEST_F(ConnectionRestTest, WithoutAPipeDataComesIntoMemory) {
 }
 
 TEST_F(ConnectionRestTest, AClientThatGoesInTheMiddleOfItsDataIsForgotten) {
+  const bytes_t all = WithMark(LargeRequest(order_t::Leave, 1));
   for (const bool reset : {false, true}) {
     Client client(server_.port);
     Teach(client);
-    bytes_t half = WithMark(LargeRequest(order_t::Leave, 1));
-    half.resize(half.size() / 2);
-    client.Send(half);
+    client.Send(bytes_t(all.begin(), all.begin() + Large / 2));
     server_.AwaitReceived();
-    const int begun = server_.program.begun;
-    if (reset) {
-      client.Reset();
-    } else {
-      client.Close();
+    EXPECT_EQ(FreePipes(), platform::kernel_pipe_t::Most - 1);
+    ExpectForgotten(client, reset);
+  }
+  EXPECT_TRUE(log_.Texts("Error").empty());
+}
+
+TEST_F(ConnectionRestTest, AClientThatGoesWhenThePipeIsFullIsForgotten) {
+  // A full pipe says nothing of the stream. At one of these counts it is full, and nothing more is there.
+  for (const std::uint32_t pieces : {126U, 127U, 128U, 129U}) {
+    for (const bool reset : {false, true}) {
+      Client client(server_.port);
+      Teach(client);
+      SendPieces(client, LargeRequest(order_t::Leave, 1), Large - pieces * Piece);
+      ExpectForgotten(client, reset);
     }
-    Teach();
-    EXPECT_EQ(server_.program.begun, begun + 1);
   }
   EXPECT_TRUE(log_.Texts("Error").empty());
 }
