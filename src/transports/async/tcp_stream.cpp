@@ -83,9 +83,8 @@ io_attempt_t CTcpStream::TryReceivePipe(int handle, platform::kernel_pipe_t& pip
   inMemory = false;
   switch (error) {
     case platform::error::Success:
-      return io_attempt_t::Done;
     case platform::error::BrokenPipe:
-      // Whether by an end or by a reset, the stream is over.
+      // Without any bytes the stream is over, be it by an end or by a reset.
       return io_attempt_t::Done;
     case platform::error::PipeBusy: {
       // Nothing has come; or the pipe is full, which senders in small pieces bring about, and then it says so whatever
