@@ -109,7 +109,9 @@ std::span<const std::uint8_t> CXDRReader::LastVarLenView() {
   lastViewAt_ = position_;
   lastViewSize_ = length;
   // Only what is the opaque's to its last byte can be handed on as such.
-  if (rest_ == nullptr || length != Remaining())
+  if (length != Remaining())
+    Gather();
+  if (rest_ == nullptr)
     return View(length);
   const std::span<const std::uint8_t> inMemory = std::span(*data_).subspan(position_);
   position_ += static_cast<std::uint32_t>(inMemory.size());

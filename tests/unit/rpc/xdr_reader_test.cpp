@@ -192,6 +192,7 @@ TEST(XdrReader, AnOpaqueThatIsNotTheRecordsEndComesIntoMemory) {
     const auto view = reader.LastVarLenView();
     EXPECT_EQ(bytes_t(view.begin(), view.end()), bytes_t(bytes.begin() + 4, bytes.begin() + 4 + bytes[3]));
     EXPECT_EQ(reader.Remaining(), bytes.size() - 4 - (bytes[3] + 3U) / 4 * 4);
+    EXPECT_EQ(reader.Rest(), nullptr) << "what follows the opaque is none of it";
   }
 }
 
