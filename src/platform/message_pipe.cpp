@@ -49,27 +49,6 @@ iovec Part(std::span<const std::uint8_t> bytes) noexcept {
   return {const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
 }
 
-/// Sends all parts. `sent`: whether any byte has left.
-error_t SendAll(int socket, std::span<iovec> parts, int flags, const pipe_wait_t& wait, bool& sent) {
-  while (!parts.empty()) {
-    msghdr message{};
-    message.msg_iov = parts.data();
-    message.msg_iovlen = parts.size();
-    const ssize_t count = ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL | flags);
-    if (count >= 0) {
-      sent = sent || count > 0;
-      Advance(parts, static_cast<std::size_t>(count));
-    } else if (WouldBlock()) {
-      const error_t waited = WaitForReadiness(socket, POLLOUT, wait);
-      if (waited != error::Success)
-        return waited;
-    } else if (errno != EINTR) {
-      return TransferError();
-    }
-  }
-  return error::Success;
-}
-
 /// Sends so many bytes by calls of send(length) that pass on some of them. 1117 where these end before.
 template <typename Send>
 error_t SendFrom(int socket, std::size_t length, const pipe_wait_t& wait, const Send& send) {
@@ -88,6 +67,24 @@ error_t SendFrom(int socket, std::size_t length, const pipe_wait_t& wait, const 
     }
   }
   return error::Success;
+}
+
+/// Sends all parts. `sent`: whether any byte has left.
+error_t SendAll(int socket, std::span<iovec> parts, int flags, const pipe_wait_t& wait, bool& sent) {
+  std::size_t length = 0;
+  for (const iovec& part : parts)
+    length += part.iov_len;
+  return SendFrom(socket, length, wait, [&](std::size_t) {
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
+    const ssize_t count = ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL | flags);
+    if (count > 0) {
+      sent = true;
+      Advance(parts, static_cast<std::size_t>(count));
+    }
+    return count;
+  });
 }
 
 /// Looks of who has asked, before the sleep: the answer of a peer is mostly on its way. Who waits for requests sleeps
