@@ -16,6 +16,7 @@ namespace {
 /// A page of the pipe for each page of the bytes, and one more where they do not begin with a page; twice that, for
 /// senders who cut theirs smaller.
 constexpr int PipeSize = 512 << 10;
+
 template <typename Move>
 ssize_t Uninterrupted(Move move) noexcept {
   ssize_t moved = 0;
