@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <climits>
 
+#include "platform/meanwhile.h"
 #include "platform/pipe_wait.h"
 #include "platform/socket_folder.h"
 #include "platform/text.h"
@@ -406,7 +407,10 @@ error_t message_pipe_t::Transact(std::span<const std::uint8_t> head, std::span<c
   error_t result = LookForUnread();
   if (result == error::Success)
     result = Write(head, rest, wait, tail);
-  return result == error::Success ? Read(reply, count, wait) : result;
+  if (result != error::Success)
+    return result;
+  meanwhile_t::Work();
+  return Read(reply, count, wait);
 }
 
 error_t message_pipe_t::Transact(std::span<const std::uint8_t> request, std::span<std::uint8_t> reply,
@@ -416,9 +420,11 @@ error_t message_pipe_t::Transact(std::span<const std::uint8_t> request, std::spa
   error_t result = LookForUnread();
   if (result == error::Success)
     result = Write(request, wait);
+  if (result != error::Success)
+    return result;
+  meanwhile_t::Work();
   // Alone, so that what follows is still at the socket.
-  if (result == error::Success)
-    result = ReadHeader({}, count, wait);
+  result = ReadHeader({}, count, wait);
   if (result != error::Success)
     return result;
   const bool fits = left_ >= kernel_pipe_t::Least && left_ <= std::min(reply.size(), kernel_pipe_t::Largest);

@@ -56,6 +56,8 @@ class CAsyncConnection : public win::CTcpStream {
   /// Worker thread: takes the reply out of the writer and sends it after those before it; or holds it, for MaxHold at
   /// most, until the next one is sent. Dropped when the connection is to be closed.
   void SendReply(CXDRWriter& writer, bool hold);
+  /// Worker thread: sends what is held.
+  void SendHeld();
   /// Worker thread: false while MaxUnsentBytes or more wait for the peer. ContinueParked of the queue follows then.
   bool MayAnswer();
   /// Takes no more replies; the connection ends when those that are queued are out.
@@ -91,6 +93,7 @@ class CAsyncConnection : public win::CTcpStream {
   void OnResumed();
 
   // Sending; by whoever holds sending_.
+  bool BeginSendingHeld();
   void PumpReplies();
   void StartHoldLimit();
   void OnHoldLimit();

@@ -74,12 +74,25 @@ void CAsyncConnection::OnHoldLimit() {
   {
     const std::lock_guard guard(sendLock_);
     holdLimited_ = false;
-    if (sending_ || sendQueue_.empty()) {
-      return;
-    }
-    sending_ = true;
   }
-  StartSend(true);
+  if (BeginSendingHeld()) {
+    StartSend(true);
+  }
+}
+
+void CAsyncConnection::SendHeld() {
+  if (BeginSendingHeld()) {
+    PumpReplies();
+  }
+}
+
+bool CAsyncConnection::BeginSendingHeld() {
+  const std::lock_guard guard(sendLock_);
+  if (sending_ || sendQueue_.empty()) {
+    return false;
+  }
+  sending_ = true;
+  return true;
 }
 
 bool CAsyncConnection::MayAnswer() {

@@ -11,6 +11,7 @@
 #include "foundation/log.h"
 #include "foundation/thread.h"
 #include "platform/lookup_scope.h"
+#include "platform/meanwhile.h"
 
 namespace impl {
 namespace {
@@ -97,6 +98,9 @@ void CRequestQueue::SpinForWork() const noexcept {
 }
 
 bool CRequestQueue::Take(std::vector<SItem>& batch) {
+  if (itemsCount_.load(std::memory_order_relaxed) == 0) {
+    SendHeld();
+  }
   if (lastReply_ < LargeReply) {
     SpinForWork();
   }
@@ -115,6 +119,10 @@ bool CRequestQueue::Take(std::vector<SItem>& batch) {
 }
 
 void CRequestQueue::Work() noexcept {
+  const platform::meanwhile_t meanwhile([this] {
+    hasAsked_ = true;
+    SendHeld();
+  });
   std::vector<SItem> batch;
   while (Take(batch)) {
     // What arrived together may be served as if at one moment: folders on the way to its files are looked up once.
@@ -123,8 +131,9 @@ void CRequestQueue::Work() noexcept {
       RunParked();
     }
     for (std::size_t i = 0; i < batch.size(); ++i) {
-      const bool anotherFollows = i + 1 < batch.size() && batch[i + 1].sender->Client() == batch[i].sender->Client();
-      Process(batch[i], anotherFollows);
+      leftInBatch_ = batch.size() - i - 1;
+      const bool isFollowed = leftInBatch_ != 0 && batch[i + 1].sender->Client() == batch[i].sender->Client();
+      Process(batch[i], isFollowed ? reply_t::Hold : reply_t::HoldIfAsked);
       batch[i] = SItem();
     }
     batch.clear();
@@ -132,7 +141,7 @@ void CRequestQueue::Work() noexcept {
   RunOutParked();
 }
 
-void CRequestQueue::Process(SItem& item, bool anotherFollows) noexcept {
+void CRequestQueue::Process(SItem& item, reply_t reply) noexcept {
   try {
     if (Park(item)) {
       return;
@@ -142,7 +151,7 @@ void CRequestQueue::Process(SItem& item, bool anotherFollows) noexcept {
     item.sender->Close();
     return;
   }
-  Answer(item, anotherFollows ? reply_t::Hold : reply_t::Send);
+  Answer(item, reply);
 }
 
 bool CRequestQueue::Park(SItem& item) {
@@ -179,6 +188,7 @@ void CRequestQueue::RunOutParked() noexcept {
 }
 
 void CRequestQueue::Answer(SItem& item, reply_t reply) noexcept {
+  hasAsked_ = false;
   try {
     CXDRReader reader(std::move(item.record), std::move(item.rest));
     CXDRWriter writer;
@@ -195,7 +205,7 @@ void CRequestQueue::Answer(SItem& item, reply_t reply) noexcept {
   } catch (...) {
     LogFailure(*item.sender, "unknown");
   }
-  held_ = 0;
+  SendHeld();
   item.sender->Close();
 }
 
@@ -203,20 +213,47 @@ void CRequestQueue::Reply(SItem& item, CXDRWriter& writer, reply_t reply) {
   if (reply == reply_t::Drop) {
     return;
   }
-  if (reply == reply_t::Hold) {
-    const auto now = clock_t::now();
-    if (held_ == 0) {
-      heldSince_ = now;
-      heldBytes_ = 0;
-    }
-    heldBytes_ += writer.Used();
-    if (++held_ < MaxHeld && heldBytes_ < MaxHeldBytes && now - heldSince_ < MaxHeldTime) {
-      item.sender->Hold(writer, std::move(item.extra));
-      return;
-    }
+  if (heldBy_ != nullptr && heldBy_->Client() != item.sender->Client()) {
+    SendHeld();
   }
+  const bool hold = reply == reply_t::Hold || (reply == reply_t::HoldIfAsked && hasAsked_ && AnotherWaits());
+  if (hold && MayHold(writer.Used())) {
+    heldBy_ = item.sender;
+    item.sender->Hold(writer, std::move(item.extra));
+    return;
+  }
+  heldBy_.reset();
   held_ = 0;
   item.sender->Send(writer, std::move(item.extra));
+}
+
+bool CRequestQueue::AnotherWaits() const noexcept {
+  return leftInBatch_ != 0 || itemsCount_.load(std::memory_order_relaxed) != 0;
+}
+
+bool CRequestQueue::MayHold(std::size_t size) noexcept {
+  const auto now = clock_t::now();
+  if (held_ == 0) {
+    heldSince_ = now;
+    heldBytes_ = 0;
+  }
+  heldBytes_ += size;
+  ++held_;
+  return hasAsked_ || (held_ < MaxHeld && heldBytes_ < MaxHeldBytes && now - heldSince_ < MaxHeldTime);
+}
+
+void CRequestQueue::SendHeld() noexcept {
+  held_ = 0;
+  const auto sender = std::move(heldBy_);
+  if (sender == nullptr) {
+    return;
+  }
+  try {
+    sender->SendHeld();
+  } catch (const std::exception& failure) {
+    LogFailure(*sender, failure.what());
+    sender->Close();
+  }
 }
 
 }  // namespace impl

@@ -28,7 +28,9 @@ namespace impl {
 /// A client that takes no replies holds up nobody and costs no more memory: its requests are parked until it does.
 class CRequestQueue {
  public:
-  /// Bounds of what is held to leave in one send: replies, their bytes, and the time from the first one on.
+  /// Bounds of what is held to leave in one send: replies, their bytes, and the time from the first one on. A reply for
+  /// which another process was asked is held whatever its size until the worker has asked for the next one: there is
+  /// time to send it while that is answered.
   static constexpr std::size_t MaxHeld = 16;
   static constexpr std::size_t MaxHeldBytes = 64U << 10;
   static constexpr std::chrono::microseconds MaxHeldTime{100};
@@ -61,17 +63,20 @@ class CRequestQueue {
     boost::shared_ptr<platform::kernel_pipe_t> rest;
   };
 
-  enum class reply_t { Send, Hold, Drop };
+  enum class reply_t { Send, HoldIfAsked, Hold, Drop };
   using clock_t = std::chrono::steady_clock;
 
   void Work() noexcept;
   /// The next requests, in order; false when the worker is to end.
   bool Take(std::vector<SItem>& batch);
   void SpinForWork() const noexcept;
-  void Process(SItem& item, bool anotherFollows) noexcept;
+  void Process(SItem& item, reply_t reply) noexcept;
   bool Park(SItem& item);
   void Answer(SItem& item, reply_t reply) noexcept;
   void Reply(SItem& item, CXDRWriter& writer, reply_t reply);
+  bool AnotherWaits() const noexcept;
+  bool MayHold(std::size_t size) noexcept;
+  void SendHeld() noexcept;
   void RunParked() noexcept;
   void RunOutParked() noexcept;
 
@@ -91,10 +96,13 @@ class CRequestQueue {
 
   // Worker only.
   std::unordered_map<const void*, std::deque<SItem>> parked_;  ///< By client, in order.
+  std::size_t leftInBatch_ = 0;
+  boost::intrusive_ptr<CResponseSender> heldBy_;  ///< What is held is of its client.
   std::size_t held_ = 0;
   std::size_t heldBytes_ = 0;
   clock_t::time_point heldSince_{};
   std::size_t lastReply_ = 0;  ///< Its size, bytes.
+  bool hasAsked_ = false;      ///< Another process, with the request at hand.
 
   std::unique_ptr<synch::thread_t> thread_;
 };

@@ -27,6 +27,8 @@ class CResponseSender : public CCounted {
   /// As Send, but the reply may wait a moment to leave together with the client's next one, which is sent, held or
   /// failed soon.
   virtual void Hold(CXDRWriter& writer, completion_ptr completion) { Send(writer, std::move(completion)); }
+  /// Sends what the client's requests have left held. Throws win_sys_exc_t when sending cannot start.
+  virtual void SendHeld() {}
   /// False while the client leaves so many replies untaken that its requests have to wait: its transport calls
   /// CRequestQueue::ContinueParked once that is over.
   virtual bool MayAnswer() { return true; }

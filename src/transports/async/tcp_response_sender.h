@@ -18,6 +18,7 @@ class CTcpResponseSender : public CResponseSender {
   bool IsFsAccessAllowed() const override { return fsAccessAllowed_; }
   void Close() override { connection_->Close(); }
   void Hold(CXDRWriter& writer, completion_ptr completion) override;
+  void SendHeld() override { connection_->SendHeld(); }
   bool MayAnswer() override { return connection_->MayAnswer(); }
   bool TakesPipes() const override { return true; }
   void DataMayStay(std::uint32_t offset) noexcept override {

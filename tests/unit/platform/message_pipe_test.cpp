@@ -15,11 +15,13 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/meanwhile.h"
 #include "support/kernel_pipe_of.h"
 #include "unit/platform/pipe_reading.h"
 
@@ -417,6 +419,32 @@ TEST_F(MessagePipeTest, ATransactionWritesAndReads) {
   // The reply has not been read whole: another would be mistaken for its rest.
   EXPECT_EQ(left_->Transact(bytes_t{1}, reply, count), error::PipeBusy);
   EXPECT_THAT(Read(*left_, 10).bytes, ElementsAre(5));
+}
+
+TEST_F(MessagePipeTest, ATransactionLeavesTimeForOtherWork) {
+  std::array<std::promise<void>, 2> done;
+  std::size_t worked = 0;
+  const platform::meanwhile_t meanwhile([&] { done.at(worked++).set_value(); });
+  std::thread peer([&] {
+    for (auto& work : done) {
+      bytes_t request;
+      EXPECT_EQ(right_->ReadMessage(request), 0U);
+      // The answer waits for the work.
+      EXPECT_EQ(work.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+      EXPECT_EQ(right_->Write(bytes_t{3}), 0U);
+    }
+  });
+  bytes_t reply(2);
+  std::size_t count = 0;
+  EXPECT_EQ(left_->Transact(bytes_t{1}, reply, count), 0U);
+  const auto pipe = platform::kernel_pipe_t::Acquire();
+  ASSERT_NE(pipe, nullptr);
+  EXPECT_EQ(left_->Transact(bytes_t{1}, reply, *pipe, count, {}), 0U);
+  peer.join();
+  // Nobody answers, nor is it asked.
+  right_.reset();
+  EXPECT_EQ(left_->Transact(bytes_t{1}, reply, count), error::BrokenPipe);
+  EXPECT_EQ(worked, 2U);
 }
 
 TEST_F(MessagePipeTest, ATransactionTakesNoMessageThatCameBeforeIt) {

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -105,6 +106,12 @@ class Client {
     Close();
   }
   int Handle() const { return socket_; }
+  /// Bytes that have not been received yet.
+  std::size_t Arrived() const {
+    int count = 0;
+    ::ioctl(socket_, FIONREAD, &count);
+    return static_cast<std::size_t>(count);
+  }
   std::uint16_t Port() const {
     sockaddr_in address{};
     socklen_t length = sizeof(address);

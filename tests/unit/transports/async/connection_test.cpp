@@ -18,6 +18,19 @@ class ConnectionTest : public testing::Test {
     other.Call(Request(order_t::Echo, 77));
     EXPECT_EQ(other.Reply(), Request(order_t::Echo, 77));
   }
+  /// Calls for more than the client takes, and tells how many requests of others were handled. All calls stand in the
+  /// queue before the first is handled, after which the client would not be read from.
+  int CallForLargeReplies(Client& client, int calls) {
+    Client other(server_.port);
+    other.Call(Request(order_t::Wait, 0));
+    EXPECT_TRUE(Eventually([&] { return server_.program.begun == 1; }));
+    for (int i = 0; i < calls; ++i) {
+      client.Call(Request(order_t::Blow, static_cast<std::uint32_t>(i), 8U << 20));
+    }
+    server_.AwaitReceived();
+    server_.program.OpenGate();
+    return 2;
+  }
 
   CapturedLog log_;
   Server server_;
@@ -238,29 +251,24 @@ TEST_F(ConnectionTest, CarriesNothingOutForAClientThatOwesReads) {
 
 TEST_F(ConnectionTest, RunsOutTheRequestsOfAClientThatOwedReadsAndLeft) {
   constexpr int Calls = 20;
+  int others = 0;
   {
     Client client(server_.port, 8192);
-    for (std::uint32_t i = 0; i < Calls; ++i) {
-      client.Call(Request(order_t::Blow, i, 8U << 20));
-    }
-    server_.AwaitReceived();
-    ASSERT_TRUE(Eventually([&] { return server_.program.handled == 2; }));
+    others = CallForLargeReplies(client, Calls);
+    ASSERT_TRUE(Eventually([&] { return server_.program.handled == others + 1; }));
     client.Reset();
   }
-  EXPECT_TRUE(Eventually([&] { return server_.program.handled == Calls + 1; }));
+  EXPECT_TRUE(Eventually([&] { return server_.program.handled == others + Calls; }));
   ExpectServing();
 }
 
 TEST_F(ConnectionTest, RunsOutTheRequestsOfAClientThatOwesReadsAtTheStop) {
   constexpr int Calls = 20;
   Client client(server_.port, 8192);
-  for (std::uint32_t i = 0; i < Calls; ++i) {
-    client.Call(Request(order_t::Blow, i, 8U << 20));
-  }
-  server_.AwaitReceived();
-  ASSERT_TRUE(Eventually([&] { return server_.program.handled == 2; }));
+  const int others = CallForLargeReplies(client, Calls);
+  ASSERT_TRUE(Eventually([&] { return server_.program.handled == others + 1; }));
   server_.server.reset();
-  EXPECT_EQ(server_.program.handled, Calls + 1);
+  EXPECT_EQ(server_.program.handled, others + Calls);
   EXPECT_TRUE(log_.Texts("Error").empty());
 }
 
@@ -296,6 +304,23 @@ TEST_F(ConnectionTest, SendsAHeldReplyAlthoughTheNextOneTakesLong) {
   EXPECT_EQ(client.Reply(), Request(order_t::Echo, 2));
   server_.program.OpenGate(1);
   EXPECT_EQ(client.Reply(), Request(order_t::Wait, 3, 1));
+}
+
+TEST_F(ConnectionTest, SendsAReplyWhileItAsksForTheNext) {
+  Client client(server_.port);
+  std::vector<std::size_t> arrived;
+  server_.program.asked = [&] { arrived.push_back(client.Arrived()); };
+  client.Call(Request(order_t::Wait, 1, 1));
+  client.Call(Request(order_t::Ask, 2));
+  client.Call(Request(order_t::Ask, 3));
+  server_.AwaitReceived();
+  server_.program.OpenGate();
+  ASSERT_TRUE(Eventually([&] { return server_.program.handled >= 3; }));
+  for (std::uint32_t i = 1; i <= 3; ++i) {
+    EXPECT_EQ(client.Reply().value_or(bytes_t(8)).at(7), i);
+  }
+  const std::size_t reply = WithMark(Request(order_t::Ask, 2)).size();
+  EXPECT_EQ(arrived, (std::vector{reply, 2 * reply}));
 }
 
 TEST_F(ConnectionTest, SendsHeldRepliesBeforeItClosesAfterAFailure) {

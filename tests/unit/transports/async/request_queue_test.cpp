@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <map>
 #include <set>
 
 #include "support/captured_log.h"
@@ -18,7 +19,9 @@ struct SHistory {
   std::vector<std::uint32_t> held;
   int closed = 0;
   int alive = 0;
-  std::set<int> slowClients;  ///< Those who have to wait.
+  std::set<int> slowClients;    ///< Those who have to wait.
+  std::map<int, int> heldSent;  ///< How often the held replies of a client were sent.
+  int brokenClient = -1;        ///< To whom nothing can be sent.
 };
 
 /// Notes the second word of each reply.
@@ -39,6 +42,13 @@ class Sender : public impl::CResponseSender {
   void Hold(CXDRWriter& writer, impl::completion_ptr completion) override {
     Note(writer, history_.held);
     Send(writer, std::move(completion));
+  }
+  void SendHeld() override {
+    const std::lock_guard guard(history_.lock);
+    ++history_.heldSent[client_];
+    if (history_.brokenClient == client_) {
+      throw exc::runtime_exc_t(std::string("broken"));
+    }
   }
   const sockaddr_in& GetPeerAddress() const override { return peer_; }
   bool IsFsAccessAllowed() const override { return true; }
@@ -69,8 +79,8 @@ class Sender : public impl::CResponseSender {
 
 class RequestQueueTest : public testing::Test {
  protected:
-  void Post(order_t order, std::uint32_t number, int client = 0) {
-    const bytes_t record = Request(order, number);
+  void Post(order_t order, std::uint32_t number, int client = 0, std::uint32_t parameter = 0) {
+    const bytes_t record = Request(order, number, parameter);
     queue_.Post(new Sender(history_, client), boost::make_shared<io::byte_buffer_t>(record.begin(), record.end()));
   }
   /// What is posted meanwhile is taken at once when the gate opens.
@@ -164,6 +174,69 @@ TEST_F(RequestQueueTest, HoldsNoReplyBeforeAnotherClientsRequest) {
   queue_.Stop();
   EXPECT_EQ(Sent().size(), 41U);
   EXPECT_TRUE(history_.held.empty());
+}
+
+TEST_F(RequestQueueTest, SendsWhatItHasAskedForWhileItAsksForTheNext) {
+  std::vector<int> sentBefore;
+  program_.asked = [&] {
+    const std::lock_guard guard(history_.lock);
+    sentBefore.push_back(history_.heldSent[1]);
+  };
+  program_.OpenGate(1);
+  Post(order_t::Wait, 0, 3, 2);
+  ASSERT_TRUE(Eventually([&] { return program_.begun == 1; }));
+  Post(order_t::Ask, 1, 1);
+  Post(order_t::Ask, 2, 2);
+  Post(order_t::Ask, 3, 1);
+  Post(order_t::Ask, 4, 1);
+  program_.OpenGate();
+  queue_.Stop();
+  EXPECT_EQ(Sent(), numbers_t({0, 1, 2, 3, 4}));
+  // Behind the last one nobody is asked.
+  EXPECT_EQ(history_.held, numbers_t({1, 2, 3}));
+  EXPECT_EQ(sentBefore, std::vector<int>({0, 1, 1, 2}));
+  EXPECT_EQ(history_.heldSent[2], 1);
+  EXPECT_EQ(history_.alive, 0);
+}
+
+TEST_F(RequestQueueTest, SendsWhatItHasAskedForBeforeTheReplyOfAnotherClient) {
+  BlockWorker();
+  Post(order_t::Ask, 1, 1);
+  Post(order_t::Echo, 2, 2);
+  Post(order_t::Ask, 3, 2);
+  Post(order_t::Throw, 4, 1);
+  Post(order_t::Echo, 5, 2);
+  program_.OpenGate();
+  queue_.Stop();
+  EXPECT_EQ(history_.held, numbers_t({1, 2, 3}));
+  EXPECT_EQ(history_.heldSent[1], 1);
+  EXPECT_EQ(history_.heldSent[2], 2);
+  EXPECT_EQ(history_.closed, 1);
+}
+
+TEST_F(RequestQueueTest, SendsWhatIsHeldBeforeItSleeps) {
+  BlockWorker();
+  Post(order_t::Ask, 1, 1);
+  Post(order_t::Echo, 2, 2);
+  SetSlow(2, true);
+  program_.OpenGate();
+  ASSERT_TRUE(Eventually([&] {
+    const std::lock_guard guard(history_.lock);
+    return history_.heldSent[1] == 1 && history_.alive == 1;
+  }));
+  EXPECT_EQ(history_.held, numbers_t{1});
+}
+
+TEST_F(RequestQueueTest, ClosesAClientToWhomWhatIsHeldCannotBeSent) {
+  history_.brokenClient = 1;
+  BlockWorker();
+  Post(order_t::Ask, 1, 1);
+  Post(order_t::Ask, 2, 2);
+  program_.OpenGate();
+  queue_.Stop();
+  EXPECT_EQ(Sent(), numbers_t({0, 1, 2}));
+  EXPECT_EQ(history_.closed, 1);
+  EXPECT_TRUE(Logged(log_, "Client 10.0.0.1:700: exception while handling request: broken"));
 }
 
 TEST_F(RequestQueueTest, RunsOutInOrderAndTakesNothingAfterwards) {

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "foundation/exc.h"
+#include "platform/meanwhile.h"
 #include "rpc/service_ports.h"
 #include "support/captured_log.h"
 #include "transports/async/async_server.h"
@@ -41,7 +42,8 @@ enum class order_t : std::uint32_t {
   Wait = 3,   ///< As Echo, after the gate was opened whose number is the third word.
   /// The third word is the length of the rest, which need not come into memory. Replies with how much of it did not,
   /// and the record.
-  Leave = 4
+  Leave = 4,
+  Ask = 5  ///< As Wait, after it has asked another process and done what there is to do meanwhile.
 };
 
 inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parameter = 0) {
@@ -68,6 +70,9 @@ class Program {
     }
     opened_.notify_all();
   }
+
+  /// What each Ask does in the place of waiting for the other process; before the first request.
+  std::function<void()> asked;
 
   std::atomic<int> begun{0};
   std::atomic<int> handled{0};
@@ -98,6 +103,12 @@ class Program {
         writer.Data(zeros.data(), zeros.size());
         break;
       }
+      case order_t::Ask:
+        platform::meanwhile_t::Work();
+        if (asked) {
+          asked();
+        }
+        [[fallthrough]];
       case order_t::Wait: {
         reader.UInt();
         const std::uint32_t gate = reader.UInt();
