@@ -101,8 +101,9 @@ class message_pipe_t {
   error_t ReadMessage(std::vector<std::uint8_t>& message, std::size_t limit = MaxPipeMessage,
                       const pipe_wait_t& wait = {});
 
-  /// Writes a request and reads its reply as Read does. 231, and nothing is written, while something of the peer's has
-  /// not been read: whatever it is, it would be taken for this request's reply.
+  /// Writes a request and reads its reply as Read does; in between the thread does the work of its meanwhile_t, under
+  /// whatever locks it has. 231, and nothing is written, while something of the peer's has not been read: whatever it
+  /// is, it would be taken for this request's reply.
   error_t Transact(std::span<const std::uint8_t> request, std::span<std::uint8_t> reply, std::size_t& count,
                    const pipe_wait_t& wait = {}) {
     return Transact(request, {}, reply, count, wait);

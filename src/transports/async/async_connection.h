@@ -54,7 +54,7 @@ class CAsyncConnection : public win::CTcpStream {
   const std::string& ClientName() const { return clientName_; }
 
   /// Worker thread: takes the reply out of the writer and sends it after those before it; or holds it, for MaxHold at
-  /// most, until the next one is sent. Dropped when the connection is to be closed.
+  /// most, until the next one is sent or SendHeld called. Dropped when the connection is to be closed.
   void SendReply(CXDRWriter& writer, bool hold);
   /// Worker thread: sends what is held.
   void SendHeld();

@@ -217,7 +217,8 @@ void CRequestQueue::Reply(SItem& item, CXDRWriter& writer, reply_t reply) {
     SendHeld();
   }
   const bool hold = reply == reply_t::Hold || (reply == reply_t::HoldIfAsked && hasAsked_ && AnotherWaits());
-  if (hold && MayHold(writer.Used())) {
+  // At the end nobody is left to watch how long it is held.
+  if (hold && !stopping_ && MayHold(writer.Used())) {
     heldBy_ = item.sender;
     item.sender->Hold(writer, std::move(item.extra));
     return;

@@ -29,8 +29,8 @@ namespace impl {
 class CRequestQueue {
  public:
   /// Bounds of what is held to leave in one send: replies, their bytes, and the time from the first one on. A reply for
-  /// which another process was asked is held whatever its size until the worker has asked for the next one: there is
-  /// time to send it while that is answered.
+  /// which another process was asked is held whatever its size while another request waits: if that asks, too, there is
+  /// time for the sending until the answer comes.
   static constexpr std::size_t MaxHeld = 16;
   static constexpr std::size_t MaxHeldBytes = 64U << 10;
   static constexpr std::chrono::microseconds MaxHeldTime{100};

@@ -14,7 +14,7 @@ namespace impl {
 using completion_ptr = boost::intrusive_ptr<CCounted>;
 
 /// Made by a transport for one request; used by the worker of the request's queue alone, and destroyed when the request
-/// is over.
+/// is over and its reply on its way.
 class CResponseSender : public CCounted {
  public:
   /// Sends the reply in the writer, which is empty afterwards; completion is released when the call is over. Throws
@@ -24,10 +24,10 @@ class CResponseSender : public CCounted {
   virtual bool IsFsAccessAllowed() const = 0;
   /// Marks the connection to be closed after the replies that are queued already.
   virtual void Close() = 0;
-  /// As Send, but the reply may wait a moment to leave together with the client's next one, which is sent, held or
-  /// failed soon.
+  /// As Send, but the reply may wait a moment: for SendHeld, or to leave together with the client's next one. One of
+  /// the two follows soon.
   virtual void Hold(CXDRWriter& writer, completion_ptr completion) { Send(writer, std::move(completion)); }
-  /// Sends what the client's requests have left held. Throws win_sys_exc_t when sending cannot start.
+  /// Sends all that is held for the client. Throws win_sys_exc_t when sending cannot start.
   virtual void SendHeld() {}
   /// False while the client leaves so many replies untaken that its requests have to wait: its transport calls
   /// CRequestQueue::ContinueParked once that is over.

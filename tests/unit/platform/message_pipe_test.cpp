@@ -422,6 +422,8 @@ TEST_F(MessagePipeTest, ATransactionWritesAndReads) {
 }
 
 TEST_F(MessagePipeTest, ATransactionLeavesTimeForOtherWork) {
+  const auto pipe = platform::kernel_pipe_t::Acquire();
+  ASSERT_NE(pipe, nullptr);
   std::array<std::promise<void>, 2> done;
   std::size_t worked = 0;
   const platform::meanwhile_t meanwhile([&] { done.at(worked++).set_value(); });
@@ -437,8 +439,6 @@ TEST_F(MessagePipeTest, ATransactionLeavesTimeForOtherWork) {
   bytes_t reply(2);
   std::size_t count = 0;
   EXPECT_EQ(left_->Transact(bytes_t{1}, reply, count), 0U);
-  const auto pipe = platform::kernel_pipe_t::Acquire();
-  ASSERT_NE(pipe, nullptr);
   EXPECT_EQ(left_->Transact(bytes_t{1}, reply, *pipe, count, {}), 0U);
   peer.join();
   // Nobody answers, nor is it asked.

@@ -28,6 +28,10 @@ bytes_t LeftReply(std::uint32_t inKernel, const bytes_t& record) {
 
 class ConnectionRestTest : public testing::Test {
  protected:
+  /// What all processes of a user may have is little more than what two of these tests do: once made, pipes stay.
+  void SetUp() override {
+    ASSERT_TRUE(Eventually([] { return FreePipes() == platform::kernel_pipe_t::Most; }));
+  }
   /// One request, after which the connection knows what need not come into memory.
   void Teach(Client& client) {
     const bytes_t request = LargeRequest(order_t::Leave, 0);

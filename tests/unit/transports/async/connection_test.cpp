@@ -36,6 +36,20 @@ class ConnectionTest : public testing::Test {
   Server server_;
 };
 
+class CheckerThatKeepsItsThread : public CAddressCheckerStub {
+ public:
+  bool IsAllowed(const sockaddr*, socklen_t) override {
+    while (keeps) {
+      isKept = true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  }
+
+  std::atomic<bool> keeps{false};
+  std::atomic<bool> isKept{false};
+};
+
 std::uint64_t VirtualBytes() {
   std::ifstream statm("/proc/self/statm");
   std::uint64_t pages = 0;
@@ -306,16 +320,25 @@ TEST_F(ConnectionTest, SendsAHeldReplyAlthoughTheNextOneTakesLong) {
   EXPECT_EQ(client.Reply(), Request(order_t::Wait, 3, 1));
 }
 
-TEST_F(ConnectionTest, SendsAReplyWhileItAsksForTheNext) {
-  Client client(server_.port);
+TEST(ConnectionHoldTest, SendsAReplyWhileItAsksForTheNext) {
+  CapturedLog log;
+  const auto checker = boost::make_shared<CheckerThatKeepsItsThread>();
+  Server server(checker);
+  Client client(server.port);
   std::vector<std::size_t> arrived;
-  server_.program.asked = [&] { arrived.push_back(client.Arrived()); };
+  server.program.asked = [&] { arrived.push_back(client.Arrived()); };
   client.Call(Request(order_t::Wait, 1, 1));
   client.Call(Request(order_t::Ask, 2));
   client.Call(Request(order_t::Ask, 3));
-  server_.AwaitReceived();
-  server_.program.OpenGate();
-  ASSERT_TRUE(Eventually([&] { return server_.program.handled >= 3; }));
+  server.AwaitReceived();
+  // The timer that would send what is held is of the thread that accepts.
+  checker->keeps = true;
+  Client other(server.port);
+  const bool isKept = Eventually([&] { return checker->isKept.load(); });
+  server.program.OpenGate();
+  const bool areHandled = Eventually([&] { return server.program.handled == 4; });
+  checker->keeps = false;
+  EXPECT_TRUE(isKept && areHandled);
   for (std::uint32_t i = 1; i <= 3; ++i) {
     EXPECT_EQ(client.Reply().value_or(bytes_t(8)).at(7), i);
   }

@@ -96,6 +96,11 @@ class RequestQueueTest : public testing::Test {
       history_.slowClients.erase(client);
     }
   }
+  /// Nothing is held any more once the queue is to stop.
+  void StopAfter(std::size_t replies) {
+    EXPECT_TRUE(Eventually([&] { return Sent().size() == replies; }));
+    queue_.Stop();
+  }
   std::vector<std::uint32_t> Sent() {
     const std::lock_guard guard(history_.lock);
     return history_.sent;
@@ -151,7 +156,7 @@ TEST_F(RequestQueueTest, HoldsRepliesWhileTheSameClientHasMore) {
     all.push_back(i);
   }
   program_.OpenGate();
-  queue_.Stop();
+  StopAfter(all.size());
   EXPECT_EQ(Sent(), all);
   // At least every sixteenth one leaves at once with those before it, and the last one.
   ASSERT_FALSE(history_.held.empty());
@@ -190,7 +195,7 @@ TEST_F(RequestQueueTest, SendsWhatItHasAskedForWhileItAsksForTheNext) {
   Post(order_t::Ask, 3, 1);
   Post(order_t::Ask, 4, 1);
   program_.OpenGate();
-  queue_.Stop();
+  StopAfter(5);
   EXPECT_EQ(Sent(), numbers_t({0, 1, 2, 3, 4}));
   // Behind the last one nobody is asked.
   EXPECT_EQ(history_.held, numbers_t({1, 2, 3}));
@@ -207,7 +212,7 @@ TEST_F(RequestQueueTest, SendsWhatItHasAskedForBeforeTheReplyOfAnotherClient) {
   Post(order_t::Throw, 4, 1);
   Post(order_t::Echo, 5, 2);
   program_.OpenGate();
-  queue_.Stop();
+  StopAfter(5);
   EXPECT_EQ(history_.held, numbers_t({1, 2, 3}));
   EXPECT_EQ(history_.heldSent[1], 1);
   EXPECT_EQ(history_.heldSent[2], 2);
@@ -233,7 +238,7 @@ TEST_F(RequestQueueTest, ClosesAClientToWhomWhatIsHeldCannotBeSent) {
   Post(order_t::Ask, 1, 1);
   Post(order_t::Ask, 2, 2);
   program_.OpenGate();
-  queue_.Stop();
+  StopAfter(3);
   EXPECT_EQ(Sent(), numbers_t({0, 1, 2}));
   EXPECT_EQ(history_.closed, 1);
   EXPECT_TRUE(Logged(log_, "Client 10.0.0.1:700: exception while handling request: broken"));
