@@ -84,9 +84,9 @@ class CCrashWayTest : public CCrashTest, public testing::WithParamInterface<std:
     if (Way().how != injected_t::TwoThreads) {
       EXPECT_THAT(text, HasSubstr("KelvoNfsSvc`synch::completion_port_t::Run() at completion_port.cpp:"));
     }
-    // The other threads are there as well. The main thread may have come as far as its wait for the stop.
+    // The other threads are there as well, each where it waits.
     const std::string others = Debug(DumpPath(1), {"thread backtrace all"});
-    EXPECT_THAT(others, HasSubstr("KelvoNfsSvc`RunProcess(int, char const* const*) at service_entry.cpp:"));
+    EXPECT_THAT(others, HasSubstr("KelvoNfsSvc`CStopSignals::Wait() const at service_state.cpp:"));
     EXPECT_THAT(others, HasSubstr("KelvoNfsSvc`impl::CRequestQueue::"));
     EXPECT_THAT(others, HasSubstr("named_event.cpp:"));
   }

@@ -93,6 +93,7 @@ class CAsyncConnection : public win::CTcpStream {
   void OnResumed();
 
   // Sending; by whoever holds sending_.
+  /// Takes sending_; false when another has it, or there is nothing to send.
   bool BeginSendingHeld();
   void PumpReplies();
   void StartHoldLimit();

@@ -218,7 +218,7 @@ void CRequestQueue::Reply(SItem& item, CXDRWriter& writer, reply_t reply) {
   }
   const bool hold = reply == reply_t::Hold || (reply == reply_t::HoldIfAsked && hasAsked_ && AnotherWaits());
   // At the end nobody is left to watch how long it is held.
-  if (hold && !stopping_ && MayHold(writer.Used())) {
+  if (hold && !stopping_ && AddToHeld(writer.Used())) {
     heldBy_ = item.sender;
     item.sender->Hold(writer, std::move(item.extra));
     return;
@@ -232,7 +232,7 @@ bool CRequestQueue::AnotherWaits() const noexcept {
   return leftInBatch_ != 0 || itemsCount_.load(std::memory_order_relaxed) != 0;
 }
 
-bool CRequestQueue::MayHold(std::size_t size) noexcept {
+bool CRequestQueue::AddToHeld(std::size_t size) noexcept {
   const auto now = clock_t::now();
   if (held_ == 0) {
     heldSince_ = now;

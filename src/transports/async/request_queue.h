@@ -63,6 +63,7 @@ class CRequestQueue {
     boost::shared_ptr<platform::kernel_pipe_t> rest;
   };
 
+  /// HoldIfAsked: where the request had to ask another process, and another request waits.
   enum class reply_t { Send, HoldIfAsked, Hold, Drop };
   using clock_t = std::chrono::steady_clock;
 
@@ -75,7 +76,8 @@ class CRequestQueue {
   void Answer(SItem& item, reply_t reply) noexcept;
   void Reply(SItem& item, CXDRWriter& writer, reply_t reply);
   bool AnotherWaits() const noexcept;
-  bool MayHold(std::size_t size) noexcept;
+  /// Counts one more; false when that is too much.
+  bool AddToHeld(std::size_t size) noexcept;
   void SendHeld() noexcept;
   void RunParked() noexcept;
   void RunOutParked() noexcept;

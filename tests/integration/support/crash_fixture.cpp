@@ -31,6 +31,10 @@ void CCrashTest::SetOption(const std::string& name, const std::string& type, con
 void CCrashTest::Start() {
   service_.SetVariable("LD_PRELOAD", Program("crash_injection.so"));
   service_.Start();
+  // The ports answer before the main thread has come to its wait for the stop, where its stack is looked for.
+  const std::string call = "/proc/" + std::to_string(service_.Process().Pid()) + "/syscall";
+  const std::string waiting = std::to_string(SYS_rt_sigtimedwait) + " ";
+  ASSERT_TRUE(WaitUntil([&] { return ReadFile(call).starts_with(waiting); })) << ReadFile(call);
 }
 
 std::string CCrashTest::CopyProgram(const std::string& folder) {

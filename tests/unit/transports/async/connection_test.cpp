@@ -18,9 +18,12 @@ class ConnectionTest : public testing::Test {
     other.Call(Request(order_t::Echo, 77));
     EXPECT_EQ(other.Reply(), Request(order_t::Echo, 77));
   }
-  /// Calls for more than the client takes, and tells how many requests of others were handled. All calls stand in the
-  /// queue before the first is handled, after which the client would not be read from.
-  int CallForLargeReplies(Client& client, int calls) {
+  /// Requests of others that CallForLargeReplies makes.
+  static constexpr int Others = 2;
+
+  /// Calls for more than the client takes. All calls stand in the queue before the first is handled, after which the
+  /// client would not be read from.
+  void CallForLargeReplies(Client& client, int calls) {
     Client other(server_.port);
     other.Call(Request(order_t::Wait, 0));
     EXPECT_TRUE(Eventually([&] { return server_.program.begun == 1; }));
@@ -29,13 +32,13 @@ class ConnectionTest : public testing::Test {
     }
     server_.AwaitReceived();
     server_.program.OpenGate();
-    return 2;
   }
 
   CapturedLog log_;
   Server server_;
 };
 
+/// Keeps the thread that accepts, which is that of the timers, too.
 class CheckerThatKeepsItsThread : public CAddressCheckerStub {
  public:
   bool IsAllowed(const sockaddr*, socklen_t) override {
@@ -265,24 +268,23 @@ TEST_F(ConnectionTest, CarriesNothingOutForAClientThatOwesReads) {
 
 TEST_F(ConnectionTest, RunsOutTheRequestsOfAClientThatOwedReadsAndLeft) {
   constexpr int Calls = 20;
-  int others = 0;
   {
     Client client(server_.port, 8192);
-    others = CallForLargeReplies(client, Calls);
-    ASSERT_TRUE(Eventually([&] { return server_.program.handled == others + 1; }));
+    CallForLargeReplies(client, Calls);
+    ASSERT_TRUE(Eventually([&] { return server_.program.handled == Others + 1; }));
     client.Reset();
   }
-  EXPECT_TRUE(Eventually([&] { return server_.program.handled == others + Calls; }));
+  EXPECT_TRUE(Eventually([&] { return server_.program.handled == Others + Calls; }));
   ExpectServing();
 }
 
 TEST_F(ConnectionTest, RunsOutTheRequestsOfAClientThatOwesReadsAtTheStop) {
   constexpr int Calls = 20;
   Client client(server_.port, 8192);
-  const int others = CallForLargeReplies(client, Calls);
-  ASSERT_TRUE(Eventually([&] { return server_.program.handled == others + 1; }));
+  CallForLargeReplies(client, Calls);
+  ASSERT_TRUE(Eventually([&] { return server_.program.handled == Others + 1; }));
   server_.server.reset();
-  EXPECT_EQ(server_.program.handled, others + Calls);
+  EXPECT_EQ(server_.program.handled, Others + Calls);
   EXPECT_TRUE(log_.Texts("Error").empty());
 }
 

@@ -79,8 +79,8 @@ class Sender : public impl::CResponseSender {
 
 class RequestQueueTest : public testing::Test {
  protected:
-  void Post(order_t order, std::uint32_t number, int client = 0, std::uint32_t parameter = 0) {
-    const bytes_t record = Request(order, number, parameter);
+  void Post(order_t order, std::uint32_t number, int client = 0) {
+    const bytes_t record = Request(order, number);
     queue_.Post(new Sender(history_, client), boost::make_shared<io::byte_buffer_t>(record.begin(), record.end()));
   }
   /// What is posted meanwhile is taken at once when the gate opens.
@@ -187,9 +187,7 @@ TEST_F(RequestQueueTest, SendsWhatItHasAskedForWhileItAsksForTheNext) {
     const std::lock_guard guard(history_.lock);
     sentBefore.push_back(history_.heldSent[1]);
   };
-  program_.OpenGate(1);
-  Post(order_t::Wait, 0, 3, 2);
-  ASSERT_TRUE(Eventually([&] { return program_.begun == 1; }));
+  BlockWorker();
   Post(order_t::Ask, 1, 1);
   Post(order_t::Ask, 2, 2);
   Post(order_t::Ask, 3, 1);
@@ -230,6 +228,29 @@ TEST_F(RequestQueueTest, SendsWhatIsHeldBeforeItSleeps) {
     return history_.heldSent[1] == 1 && history_.alive == 1;
   }));
   EXPECT_EQ(history_.held, numbers_t{1});
+}
+
+TEST_F(RequestQueueTest, HoldsNothingOnceItIsToStop) {
+  BlockWorker();
+  Post(order_t::Ask, 1, 1);
+  Post(order_t::Echo, 2, 1);
+  Post(order_t::Ask, 3, 1);
+  Post(order_t::Echo, 4, 2);
+  std::thread stopper([&] { queue_.Stop(); });
+  // From then on what is posted is dropped.
+  const auto alive = [&] {
+    const std::lock_guard guard(history_.lock);
+    return history_.alive;
+  };
+  EXPECT_TRUE(Eventually([&] {
+    const int before = alive();
+    Post(order_t::Echo, 5, 3);
+    return alive() == before;
+  }));
+  program_.OpenGate();
+  stopper.join();
+  EXPECT_GE(Sent().size(), 5U);
+  EXPECT_TRUE(history_.held.empty());
 }
 
 TEST_F(RequestQueueTest, ClosesAClientToWhomWhatIsHeldCannotBeSent) {
