@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <utility>
 
 #include "platform/text.h"
@@ -18,6 +20,8 @@
 namespace platform {
 namespace {
 
+// Most folders are done with the first; to allocate the other costs more than to read a small folder.
+constexpr std::size_t FirstReadBytes = 8 * 1024;
 constexpr std::size_t ReadAheadBytes = 256 * 1024;
 constexpr std::size_t MaxFolders = 256;
 constexpr std::size_t MaxNames = 4'000'000;
@@ -74,9 +78,11 @@ error_t ReadFolder(int folder, std::vector<std::string>& names) {
   if (!opened.IsOpen()) {
     return LastError();
   }
-  const auto buffer = std::make_unique_for_overwrite<char[]>(ReadAheadBytes);
+  alignas(dirent64) std::array<char, FirstReadBytes> first;
+  std::unique_ptr<char[]> further;
+  std::span<char> buffer = first;
   for (;;) {
-    const long length = ::syscall(SYS_getdents64, opened.Get(), buffer.get(), ReadAheadBytes);
+    const long length = ::syscall(SYS_getdents64, opened.Get(), buffer.data(), buffer.size());
     if (length < 0 && errno == EINTR) {
       continue;
     }
@@ -88,7 +94,7 @@ error_t ReadFolder(int folder, std::vector<std::string>& names) {
     }
     for (long at = 0; at < length;) {
       // inode 8, offset 8, record length 2, type 1, name: the kernel's layout.
-      const char* const record = buffer.get() + at;
+      const char* const record = buffer.data() + at;
       std::uint16_t recordLength = 0;
       std::memcpy(&recordLength, record + offsetof(dirent64, d_reclen), sizeof(recordLength));
       const char* const name = record + offsetof(dirent64, d_name);
@@ -96,6 +102,10 @@ error_t ReadFolder(int folder, std::vector<std::string>& names) {
         names.emplace_back(name);
       }
       at += recordLength;
+    }
+    if (further == nullptr && static_cast<std::size_t>(length) > FirstReadBytes / 2) {
+      further = std::make_unique_for_overwrite<char[]>(ReadAheadBytes);
+      buffer = {further.get(), ReadAheadBytes};
     }
   }
 }

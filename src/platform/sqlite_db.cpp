@@ -5,6 +5,15 @@
 #include "platform/wal_writer.h"
 
 namespace platform {
+namespace {
+
+/// SQLite allocates dozens of times for each transaction, and would count each time, under a lock of the process.
+/// Before anything else that is asked of it.
+void CountNoMemory() noexcept {
+  [[maybe_unused]] static const int result = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
+}  // namespace
 
 sqlite_db_t::~sqlite_db_t() {
   sqlite3_close(handle_);
@@ -12,6 +21,7 @@ sqlite_db_t::~sqlite_db_t() {
 
 error_t sqlite_db_t::Open(const std::string& path) {
   constexpr int Flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
+  CountNoMemory();
   const int result = sqlite3_open_v2(path.c_str(), &handle_, Flags, GatheringVfs());
   if (result == SQLITE_OK)
     sqlite3_db_config(handle_, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);

@@ -240,7 +240,8 @@ bool CRequestQueue::AddToHeld(std::size_t size) noexcept {
   }
   heldBytes_ += size;
   ++held_;
-  return hasAsked_ || (held_ < MaxHeld && heldBytes_ < MaxHeldBytes && now - heldSince_ < MaxHeldTime);
+  const bool isInTime = held_ < FewHeld || now - heldSince_ < MaxHeldTime;
+  return hasAsked_ || (held_ < MaxHeld && heldBytes_ < MaxHeldBytes && isInTime);
 }
 
 void CRequestQueue::SendHeld() noexcept {

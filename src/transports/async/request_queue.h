@@ -28,10 +28,12 @@ namespace impl {
 /// A client that takes no replies holds up nobody and costs no more memory: its requests are parked until it does.
 class CRequestQueue {
  public:
-  /// Bounds of what is held to leave in one send: replies, their bytes, and the time from the first one on. A reply for
+  /// Bounds of what is held to leave in one send: replies, their bytes, and, from FewHeld replies on, the time from the
+  /// first one. Where each takes its time, a send for every second one would be a good part of it. A reply for
   /// which another process was asked is held whatever its size while another request waits: if that asks, too, there is
   /// time for the sending until the answer comes.
   static constexpr std::size_t MaxHeld = 16;
+  static constexpr std::size_t FewHeld = 6;
   static constexpr std::size_t MaxHeldBytes = 64U << 10;
   static constexpr std::chrono::microseconds MaxHeldTime{100};
 

@@ -77,6 +77,22 @@ TEST_F(Files, AFolderTellsItsStateOnceItsLastChangeIsPast) {
   EXPECT_EQ(files.GetFolderState(At("nowhere"), state), error::FileNotFound);
 }
 
+TEST_F(Files, ListsEachNameOnceHoweverManyThereAre) {
+  constexpr int Counts[] = {0, 1, 100, 200, 400, 10000};
+  fs::create_directory(dir / "folder");
+  std::set<std::string> names;
+  for (const int count : Counts) {
+    for (int i = static_cast<int>(names.size()); i < count; ++i) {
+      names.insert("a file with the number " + std::to_string(i));
+      Put("folder/a file with the number " + std::to_string(i), "");
+    }
+    platform::folder_listing_t listing;
+    ASSERT_EQ(files.List(At("folder"), listing), error::Success);
+    EXPECT_EQ(listing.names.size(), names.size());
+    EXPECT_TRUE(std::set<std::string>(listing.names.begin(), listing.names.end()) == names) << count;
+  }
+}
+
 TEST_F(Files, WriterExcludesAnotherWriterUntilItIsClosed) {
   Put("file", "text");
   file_ptr_t first;

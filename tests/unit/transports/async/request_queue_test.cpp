@@ -170,6 +170,21 @@ TEST_F(RequestQueueTest, HoldsRepliesWhileTheSameClientHasMore) {
   EXPECT_NE(last, 40U);
 }
 
+TEST_F(RequestQueueTest, HoldsAFewRepliesHoweverLongTheirCallsTake) {
+  constexpr auto Few = static_cast<std::uint32_t>(impl::CRequestQueue::FewHeld);
+  BlockWorker();
+  numbers_t held;
+  for (std::uint32_t i = 1; i <= 2 * Few; ++i) {
+    Post(order_t::Dawdle, i, 1);
+    if (i % Few != 0) {
+      held.push_back(i);
+    }
+  }
+  program_.OpenGate();
+  StopAfter(2 * Few + 1);
+  EXPECT_EQ(history_.held, held);
+}
+
 TEST_F(RequestQueueTest, HoldsNoReplyBeforeAnotherClientsRequest) {
   BlockWorker();
   for (std::uint32_t i = 1; i <= 40; ++i) {

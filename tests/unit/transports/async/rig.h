@@ -30,6 +30,7 @@
 #include "rpc/service_ports.h"
 #include "support/captured_log.h"
 #include "transports/async/async_server.h"
+#include "transports/async/request_queue.h"
 #include "unit/transports/client.h"
 
 namespace test {
@@ -43,7 +44,8 @@ enum class order_t : std::uint32_t {
   /// The third word is the length of the rest, which need not come into memory. Replies with how much of it did not,
   /// and the record.
   Leave = 4,
-  Ask = 5  ///< As Wait, after it has asked another process and done what there is to do meanwhile.
+  Ask = 5,    ///< As Wait, after it has asked another process and done what there is to do meanwhile.
+  Dawdle = 6  ///< As Echo, after the time for which many replies may be held.
 };
 
 inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parameter = 0) {
@@ -91,6 +93,9 @@ class Program {
       reader.WantRest();
       writer.UInt(reader.Rest() == nullptr ? 0 : static_cast<std::uint32_t>(reader.Rest()->Held()));
     }
+    if (order == order_t::Dawdle) {
+      std::this_thread::sleep_for(impl::CRequestQueue::MaxHeldTime);
+    }
     reader.Gather();
     const auto record = reader.Record();
     switch (order) {
@@ -116,6 +121,7 @@ class Program {
         opened_.wait(guard, [&] { return gate < openGates_; });
         [[fallthrough]];
       }
+      case order_t::Dawdle:
       case order_t::Leave:
       case order_t::Echo:
         writer.Data(record.data(), record.size());
