@@ -93,7 +93,7 @@ void CAsyncFsFileWrapper::Write(std::uint64_t offset, std::uint32_t count, const
 
 void CAsyncFsFileWrapper::WritePipe(std::uint64_t offset, std::uint32_t count, const void* data,
                                     platform::kernel_pipe_t& rest) {
-  Call<CWritePipeProc>(offset, count, data, &rest);
+  Call<CWriteFileProc>(offset, count, data, &rest);
 }
 
 void CAsyncFsFileWrapper::Resize(std::uint64_t newSize) {

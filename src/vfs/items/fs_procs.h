@@ -135,26 +135,15 @@ class CSetTimeProc final : public CFsItemProc<IFsItem> {
   const FILETIME* const lastWrite_;
 };
 
-/// offset and count in bytes; data is the caller's.
+/// offset and count in bytes; data is the caller's, and so is the pipe that holds what follows it, if there is one.
 class CWriteFileProc final : public CFsItemProc<IFsFile> {
  public:
-  CWriteFileProc(boost::shared_ptr<IFsFile> file, std::uint64_t offset, std::uint32_t count, const void* data)
-      : CFsItemProc(std::move(file)), offset_(offset), count_(count), data_(data) {}
-  void Execute() override { item_->Write(offset_, count_, data_); }
-
- private:
-  const std::uint64_t offset_;
-  const std::uint32_t count_;
-  const void* const data_;
-};
-
-/// offset and count in bytes; data and the pipe are the caller's.
-class CWritePipeProc final : public CFsItemProc<IFsFile> {
- public:
-  CWritePipeProc(boost::shared_ptr<IFsFile> file, std::uint64_t offset, std::uint32_t count, const void* data,
-                 platform::kernel_pipe_t* rest)
+  CWriteFileProc(boost::shared_ptr<IFsFile> file, std::uint64_t offset, std::uint32_t count, const void* data,
+                 platform::kernel_pipe_t* rest = nullptr)
       : CFsItemProc(std::move(file)), offset_(offset), count_(count), data_(data), rest_(rest) {}
-  void Execute() override { item_->WritePipe(offset_, count_, data_, *rest_); }
+  void Execute() override {
+    rest_ == nullptr ? item_->Write(offset_, count_, data_) : item_->WritePipe(offset_, count_, data_, *rest_);
+  }
 
  private:
   const std::uint64_t offset_;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <optional>
@@ -107,9 +108,37 @@ class CWriter {
   std::thread thread_;
 };
 
+using writers_t = std::vector<std::unique_ptr<CWriter>>;
+
+/// Two for each file of so many blocks, a half of it each: one writes block by block, the other so many at once.
+/// Random: an unsigned number at each call.
+template <typename Random>
+writers_t StartWriters(const std::vector<bytes_t>& files, std::size_t blocks, std::size_t atOnce, Random&& random) {
+  writers_t writers;
+  for (const bytes_t& file : files) {
+    for (const std::size_t part : {0U, 1U}) {
+      writers.push_back(
+          std::make_unique<CWriter>(file, part * blocks / 2, blocks / 2, random(), part == 0 ? 1 : atOnce));
+    }
+  }
+  return writers;
+}
+
+/// Some writes must have failed, or nothing was shown.
+inline void StopAfterFailures(const writers_t& writers) {
+  std::size_t answered = 0;
+  std::size_t failed = 0;
+  for (const auto& writer : writers) {
+    writer->Stop();
+    answered += writer->Answered();
+    failed += writer->Failed();
+  }
+  std::printf("%zu writes were answered, %zu were not\n", answered, failed);
+  EXPECT_GT(failed, 0U);
+}
+
 /// Waits until every writer has got so many answers more.
-inline void WaitForProgress(const std::vector<std::unique_ptr<CWriter>>& writers, std::size_t answers,
-                            std::chrono::milliseconds limit = 60s) {
+inline void WaitForProgress(const writers_t& writers, std::size_t answers, std::chrono::milliseconds limit = 60s) {
   std::vector<std::size_t> goals;
   for (const auto& writer : writers)
     goals.push_back(writer->Answered() + answers);
