@@ -98,6 +98,23 @@ platform::error_t DeleteFound(const platform::location_t& where, bool isFolder, 
   return failure;
 }
 
+/// The node of an entry that is about to be deleted, which comes back unless it was.
+class CTakenChild {
+ public:
+  CTakenChild(CHostFsNode& folder, const std::string& name) : folder_(folder), child_(folder.TakeChild(name)) {}
+  CTakenChild(const CTakenChild&) = delete;
+  CTakenChild& operator=(const CTakenChild&) = delete;
+  ~CTakenChild() {
+    if (child_)
+      folder_.PutBack(child_);
+  }
+  void IsGone() { child_.reset(); }
+
+ private:
+  CHostFsNode& folder_;
+  CHostFsNodePtr child_;
+};
+
 boost::shared_ptr<IAddressChecker> MakeChecker(const std::string& allowedHostAddr) {
   return CAddressCheckerFactory::Get()->CreateItemChecker(allowedHostAddr);
 }
@@ -340,7 +357,12 @@ void CHostFsFolder::DeleteChild(const std::string& name) {
     if (const platform::error_t found = files.FindEntry(child, info); found != error::Success) {
       return found;
     }
-    return DeleteFound(where->Child(info.name), info.attributes.IsDirectory(), files);
+    // Who still has an item of it, moved elsewhere as it may be, must not find there what comes next.
+    CTakenChild taken(*node_, info.name);
+    const platform::error_t deleted = DeleteFound(where->Child(info.name), info.attributes.IsDirectory(), files);
+    if (deleted == error::Success)
+      taken.IsGone();
+    return deleted;
   });
   if (failure != error::Success && failure != error::FileNotFound && failure != error::PathNotFound) {
     throw exc::win_sys_exc_t(exc::FormatText("Failed to delete file: [%1].", ChildPath(name)), failure);

@@ -193,15 +193,39 @@ void CHostFsNode::Relink(const std::string& oldName, const std::string& newName,
   replaced[0] = TakeLocked(newName);
   replaced[1] = TakeLocked(replacedName);
   for (const CHostFsNodePtr& node : replaced) {
-    if (node) {
-      node->LocationLocked();  // The last one, for texts.
-      tree_->ForgetLocation(*node);
-      node->isReplaced_ = true;
-    }
+    if (node)
+      node->ReplaceLocked();
   }
   if (moved) {
     moved->name_ = newName;
     PutLocked(moved.get());
   }
   ++tree_->age;
+}
+
+void CHostFsNode::ReplaceLocked() {
+  LocationLocked();  // The last one, for texts.
+  tree_->ForgetLocation(*this);
+  isReplaced_ = true;
+}
+
+CHostFsNodePtr CHostFsNode::TakeChild(const std::string& name) {
+  const std::lock_guard lock(tree_->lock);
+  CHostFsNodePtr child = TakeLocked(name);
+  if (child) {
+    child->ReplaceLocked();
+    if (child->children_)
+      ++tree_->age;  // What is below it has no location either.
+  }
+  return child;
+}
+
+void CHostFsNode::PutBack(const CHostFsNodePtr& child) {
+  CHostFsNodePtr other;  // Declared outside the lock, as in Child.
+  const std::lock_guard lock(tree_->lock);
+  child->isReplaced_ = false;
+  child->locationAge_ = 0;
+  other = FindLocked(child->name_);
+  if (!other)
+    PutLocked(child.get());
 }

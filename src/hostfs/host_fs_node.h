@@ -63,6 +63,12 @@ class CHostFsNode {
   platform::error_t RenameChild(const std::string& oldName, const std::string& newName, const std::string& replacedName,
                                 const std::function<platform::error_t()>& rename);
 
+  /// To be called before an entry is deleted, by its name as the host spells it: its node has no location any more, and
+  /// what comes to stand there has another. Gives the node; empty for none.
+  CHostFsNodePtr TakeChild(const std::string& name);
+  /// The entry could not be deleted. child: what TakeChild gave.
+  void PutBack(const CHostFsNodePtr& child);
+
  private:
   friend class CHostFsTree;
   friend void intrusive_ptr_add_ref(CHostFsNode* node) noexcept { node->uses_.fetch_add(1, std::memory_order_relaxed); }
@@ -91,6 +97,7 @@ class CHostFsNode {
   CHostFsNodePtr FindLocked(std::string_view name) const;
   CHostFsNodePtr TakeLocked(std::string_view name);
   void PutLocked(CHostFsNode* child);
+  void ReplaceLocked();
   void Relink(const std::string& oldName, const std::string& newName, const std::string& replacedName);
   boost::shared_ptr<const platform::location_t> LocationLocked() const;
   boost::shared_ptr<const platform::location_t> LocationAfterRenames() const;

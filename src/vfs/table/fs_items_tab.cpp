@@ -122,18 +122,32 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
     return fid;
   }
 
+  // A place that cannot be freed adds nothing.
+  FreeStoredPlace(parentFid, prepared.name, fid);
   const auto rec =
       boost::make_shared<CNfsItemRec>(prepared.name, parentFid, parent->share, prepared.item, prepared.spec.mountUid);
+  const rec_ptr old = wasFound ? FindRec(fid) : nullptr;
   if (wasFound)
     TakeOverOldRec(*rec, fid, removed);
   PutRec(fid, rec);
   PutListing(fid, rec);
-
-  FreeStoredPlace(parentFid, prepared.name, fid);
+  WriteRecord(fid, [&] { StorePrepared(parentFid, fid, prepared, old.get()); });
   ForgetMove(fid);
-  WriteRecord(fid, [&] { updateSink_->OnItemAdded(parentFid, prepared.name, fid, prepared.spec); });
   changes.push_back({prepared.name, fid, parentFid, wasFound});
   return fid;
+}
+
+void CFsItemsTab::StorePrepared(std::uint64_t parentFid, std::uint64_t fid, const SPrepared& prepared,
+                                const CNfsItemRec* old) {
+  if (old == nullptr || old->MountUid() == prepared.spec.mountUid) {
+    updateSink_->OnItemAdded(parentFid, prepared.name, fid, prepared.spec);
+    return;
+  }
+  // What backed it before would come back in its place after a restart.
+  CRegConfigUpdateSink::CBatch batch(*updateSink_);
+  updateSink_->OnItemAdded(parentFid, prepared.name, fid, prepared.spec);
+  updateSink_->OnItemDeleted(fid, &old->MountUid());
+  batch.Commit();
 }
 
 void CFsItemsTab::TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t& removed) {
@@ -197,10 +211,11 @@ void CFsItemsTab::RemoveChild(std::uint64_t parentFid, const std::string& name) 
   });
 }
 
-void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid) {
+void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid,
+                                const IFsItem* item) {
   RemoveAndLog([&](changes_t& removed) {
     const auto found = listing_.find(SListingKeyView{parentFid, name});
-    if (found != listing_.end() && found->fid == fid)
+    if (found != listing_.end() && found->fid == fid && (item == nullptr || found->rec->Item().get() == item))
       Delete(fid, nullptr, false, removed);
   });
 }

@@ -100,16 +100,17 @@ class CFsItemsTab {
   void RemoveItemForMount(std::uint64_t fid, const GUID& mountUid);
   /// An unknown name is no fault.
   void RemoveChild(std::uint64_t parentFid, const std::string& name);
-  /// Removes the item if it still is the folder's child of that name.
-  void RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid);
+  /// Removes the item if it still is the folder's child of that name, and, with an item, still that one.
+  void RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid,
+                     const IFsItem* item = nullptr);
   /// The child's FID or InvalidFid. "." gives the folder, whether it exists or not; ".." its parent.
   std::uint64_t LookupChild(std::uint64_t parentFid, std::string_view name) const;
   /// Gives the item a new place under the same FID; an item that stands there is dropped. The registry keeps the old
   /// place until that is taken by another item, be it added or moved. Throws 22 for a place below the item itself.
   void MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName);
   /// To be called before a backend puts something at the place: from here on no item that was moved away from it comes
-  /// back there after a restart, whatever becomes of the backend's work. moverFid: the item that is to stand there, if
-  /// it is one already.
+  /// back there after a restart, nor one that was removed, whatever becomes of the backend's work. moverFid: the item
+  /// that is to stand there, if it is one already. Throws when the registry cannot be brought to that.
   void ReleasePlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid = InvalidFid);
   /// To be called before the handle of a child that the table knows is given out. Throws when its record could not be
   /// stored, and still cannot be.
@@ -228,6 +229,8 @@ class CFsItemsTab {
   static bool IsBacked(const CNfsItemRec& parent, const SPrepared& prepared);
   std::uint64_t AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, found_t found, changes_t& changes,
                             changes_t& removed);
+  /// old: the record that it replaces, or null.
+  void StorePrepared(std::uint64_t parentFid, std::uint64_t fid, const SPrepared& prepared, const CNfsItemRec* old);
   void TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t& removed);
   void FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid);
   void NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid, const std::string& newName);

@@ -99,9 +99,10 @@ void CFsItemsTab::DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mo
   for (auto mirror = mirrors.begin(); mirror != mirrors.end(); ++mirror) {
     if (!(*mirror)->GetMountUid(uid) || uid != mountUid)
       continue;
+    // First: one that could not be taken out of the registry is found by the next attempt.
+    updateSink_->OnItemDeleted(fid, &mountUid);
     mirrors.erase(mirror);
     NoteFolderChange(fid);
-    updateSink_->OnItemDeleted(fid, &mountUid);
     return;
   }
 }
@@ -133,6 +134,7 @@ void CFsItemsTab::ForgetMove(std::uint64_t fid) {
 
 void CFsItemsTab::ReleasePlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid) {
   const lock_t lock(mutex_);
+  DeleteAllAgain();
   FreeStoredPlace(parentFid, name, moverFid);
 }
 

@@ -40,6 +40,7 @@ void CFsItemsTab::RegisterShare(const boost::shared_ptr<CNfsShareCfg>& cfg, cons
     const lock_t lock(mutex_);
     if (FindShare(alias, nullptr) != nullptr || shares_.contains(uid))
       throw CNfsShareAlreadyRegisteredExc(alias, uid);
+    DeleteAllAgain();
     const auto info = boost::make_shared<CNfsShareInfo>(CNfsShareInfo{uid, cfg});
     const bool isNew = wantedFid == InvalidFid;
     const std::uint64_t fid = isNew ? GenerateFid() : wantedFid;
@@ -72,7 +73,11 @@ void CFsItemsTab::RemoveAndLogShare(const GUID& uid) {
     }
     g_nfs_log.Info("Share attributes: alias \"%1\", FID \"%2\", local path \"%3\".", share->second.cfg->nfsFolderName,
                    share->second.rootFid, share->second.cfg->localPath);
-    Delete(share->second.rootFid, nullptr, true, removed);
+    if (FindRec(share->second.rootFid)) {
+      Delete(share->second.rootFid, nullptr, true, removed);
+    } else {
+      DeleteAllAgain();  // An attempt before this one left nothing but what the registry has of it.
+    }
     shares_.erase(share);
   } catch (...) {
     LogRemoved(removed);

@@ -44,6 +44,8 @@ class CNfsItemRec {
   const SNfsFolderSlot* Folder() const { return folder_.get(); }
   /// The file of that mount or the folder's first backing of it; empty when the mount does not back the item.
   boost::shared_ptr<IFsItem> ItemForMount(const GUID& mountUid) const;
+  /// Of the file or the primary.
+  const GUID& MountUid() const { return mountUid_; }
 
   std::string name;
   std::uint64_t parentFid;

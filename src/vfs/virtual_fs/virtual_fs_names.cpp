@@ -231,8 +231,11 @@ void CVirtualFs::Remove(const REMOVE3args& args, const sockaddr_in& client, REMO
           throw CVirtualFsExc(NFS3ERR_NOTDIR);
         if (IsEntryName(name)) {
           CheckNameEncoding(name);
+          // Of what another client makes under the name meanwhile nothing is removed.
+          const std::uint64_t fid = itemsTab_->LookupChild(parentFid, name);
+          const auto child = itemsTab_->GetItem(fid);
           folder->DeleteChild(name);
-          itemsTab_->RemoveChild(parentFid, name);
+          itemsTab_->RemoveChildIf(parentFid, name, fid, child.get());
         }
         result.status = NFS3_OK;
       },
@@ -274,7 +277,7 @@ void CVirtualFs::RemoveDir(const RMDIR3args& args, const sockaddr_in& client, RM
           throw CVirtualFsExc("Item [%1] is not folder.", itemsTab_->GetItemPath(fid), NFS3ERR_NOTDIR);
         }
         folder->DeleteChild(name);
-        itemsTab_->RemoveChildIf(parentFid, name, fid);
+        itemsTab_->RemoveChildIf(parentFid, name, fid, child.get());
         g_nfs_log.Info("Subfolder was deleted.");
       },
       [&](const std::exception& failure, nfsstat3) {
@@ -311,22 +314,25 @@ void CVirtualFs::RenameEntry(const RENAME3args& args, const sockaddr_in& client,
     throw CVirtualFsExc(NFS3ERR_NOTDIR);
   if (itemsTab_->IsSameOrBelow(toDir, fid))
     throw CVirtualFsExc(NFS3ERR_INVAL);
+  // Nor is the folder that it lies in to make way for it.
+  if (target != InvalidFid && itemsTab_->IsSameOrBelow(fromDir, target))
+    throw CVirtualFsExc(NFS3ERR_INVAL);
 
   // A rename to another spelling of its own name finds the item itself, which stays.
   if (target != InvalidFid && target != fid)
     itemsTab_->RemoveChildIf(toDir, toName, target);
   itemsTab_->ReleasePlace(toDir, toName, fid);
   // The backend renames inside the source folder, whatever the target folder is, and replaces what has the name there.
-  std::uint64_t replaced = InvalidFid;
   if (fromDir != toDir) {
     itemsTab_->ReleasePlace(fromDir, toName, fid);
-    replaced = itemsTab_->LookupChild(fromDir, toName);
+    // Gone before what has its name is another file: the process may end at any moment.
+    const std::uint64_t replaced = itemsTab_->LookupChild(fromDir, toName);
+    if (replaced != fid)
+      itemsTab_->RemoveChildIf(fromDir, toName, replaced);
   }
   const CRenameMark mark(renamesBegun_, renamesEnded_);
   folder->RenameChild(fromName, toName);
   itemsTab_->MoveItem(fid, toDir, toName);
-  if (replaced != fid)
-    itemsTab_->RemoveChildIf(fromDir, toName, replaced);
   g_nfs_log.Info("Item was renamed.");
 }
 

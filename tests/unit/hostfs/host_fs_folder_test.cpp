@@ -198,10 +198,13 @@ TEST_F(HostFsFolder, DeletingAFile) {
   EXPECT_EQ(HostFsFileCache::RecordCount(), 0U);
   root->DeleteChild("file");
   Put("file", "new");
-  EXPECT_EQ(Read(*file), "new");
+  const auto kept = File("file");
+  EXPECT_EQ(Read(*kept), "new");
+  EXPECT_THROW(Read(*file), exc::win_sys_exc_t) << "the new file is another one";
   files.faults.onDeleteFile = [](const platform::location_t&) { return error::AccessDenied; };
   EXPECT_EQ(NumberOf([&] { root->DeleteChild("file"); }, "Failed to delete file: [" + Path("file") + "]."),
             error::AccessDenied);
+  EXPECT_EQ(Read(*kept), "new");
 }
 
 TEST_F(HostFsFolder, DeletingAFolderTakesAllBelowAndFollowsNoLink) {

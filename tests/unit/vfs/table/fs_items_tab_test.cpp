@@ -223,7 +223,11 @@ TEST_F(FsItemsTab, NothingIsStoredAtAPlaceThatARemovedItemStillClaims) {
   EXPECT_EQ(table.LookupChild(root, "disk"), InvalidFid);
   EXPECT_THROW(table.AddItem(root, "disk", MakeFile("disk")), exc::win_sys_exc_t);
   EXPECT_EQ(table.LookupChild(root, "disk"), InvalidFid);
+  EXPECT_THROW(table.ReleasePlace(root, "disk"), exc::win_sys_exc_t);
   sink->isBroken = false;
+  // Before a backend moves something there.
+  table.ReleasePlace(root, "disk");
+  EXPECT_FALSE(sink->records.contains(old));
   const auto young = table.AddItem(root, "disk", MakeFile("disk"));
   EXPECT_NE(young, old);
   EXPECT_FALSE(sink->records.contains(old));
@@ -238,6 +242,35 @@ TEST_F(FsItemsTab, AMovedItemWhosePlaceCouldNotBeFreedKeepsItUntilItCan) {
   sink->isBroken = false;
   table.ReleasePlace(root, "a");
   EXPECT_EQ(sink->records.at(moved).name, "b");
+}
+
+TEST_F(FsItemsTab, AMovedItemThatCouldNotBeStoredAgainStillGivesUpItsOldPlace) {
+  const auto moved = table.AddItem(root, "x", MakeFile("x"));
+  table.MoveItem(moved, root, "a");
+  sink->isBroken = true;
+  EXPECT_THROW(table.AddItem(root, "a", MakeFile("a")), exc::win_sys_exc_t);
+  sink->isBroken = false;
+  EXPECT_EQ(sink->records.at(moved).name, "x");
+  table.ReleasePlace(root, "x");
+  EXPECT_EQ(sink->records.at(moved).name, "a");
+}
+
+TEST_F(FsItemsTab, NothingIsAddedAtAPlaceThatCannotBeFreed) {
+  const auto moved = table.AddItem(root, "a", MakeFile("a"));
+  table.MoveItem(moved, root, "b");
+  sink->isBroken = true;
+  EXPECT_THROW(table.AddFoundItem(root, "a", MakeFile("a")), exc::win_sys_exc_t);
+  EXPECT_EQ(table.LookupChild(root, "a"), InvalidFid);
+}
+
+TEST_F(FsItemsTab, AChildIsRemovedOnlyWhileItIsThatItem) {
+  const auto item = MakeFile("a");
+  const auto fid = table.AddItem(root, "a", item);
+  EXPECT_EQ(table.AddItem(root, "a", MakeFile("a")), fid);
+  table.RemoveChildIf(root, "a", fid, item.get());
+  EXPECT_EQ(table.LookupChild(root, "a"), fid) << "another one has come";
+  table.RemoveChildIf(root, "a", fid, table.GetItem(fid).get());
+  EXPECT_EQ(table.LookupChild(root, "a"), InvalidFid);
 }
 
 TEST_F(FsItemsTab, RemovingAFolderRemovesAllBelowIt) {

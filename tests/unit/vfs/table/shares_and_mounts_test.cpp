@@ -62,6 +62,19 @@ TEST_F(ItemsTabShares, AnUnregisteredShareIsGoneWithAllBelow) {
   EXPECT_NO_THROW(table.RegisterShare(cfg, shareUid, MakeFolder("again"), InvalidFid));
 }
 
+TEST_F(ItemsTabShares, AShareThatCouldNotBeTakenOutOfTheRegistryIsGoneWithTheNextAttempt) {
+  table.AddItem(root, "file", MakeFile("file"));
+  sink->isCommitBroken = true;
+  EXPECT_THROW(table.UnregisterShare(shareUid), std::exception);
+  sink->isCommitBroken = false;
+  sink->isBroken = true;
+  EXPECT_THROW(table.UnregisterShare(shareUid), std::exception);
+  sink->isBroken = false;
+  table.UnregisterShare(shareUid);
+  EXPECT_THROW(table.GetShareFid(shareUid), std::exception);
+  EXPECT_TRUE(sink->records.empty());
+}
+
 TEST_F(ItemsTabShares, UnregisteringAnUnknownShareIsNoFault) {
   EXPECT_NO_THROW(table.UnregisterShare(Guid(9)));
 }

@@ -110,6 +110,19 @@ TEST_F(BackupMounts, AreDismountedAndForgotten) {
   EXPECT_THAT(fs->EnumLocks(), IsEmpty());
 }
 
+TEST_F(BackupMounts, AFileMadeOverOneOfThemIsAllThatIsStored) {
+  Mount();
+  const auto fid = Find(backup, "disk");
+  ASSERT_EQ(Read(fid), "hello");
+  EXPECT_EQ(MakeFile(backup, "disk"), fid);
+  ASSERT_EQ(Write(fid, 0, "of the host"), NFS3_OK);
+  std::vector<std::string> backings;
+  ASSERT_EQ(registry.EnumerateKeys("SOFTWARE\\KelvO\\Kelvo NFS\\ItemsCache\\" + std::to_string(fid), backings), 0U);
+  EXPECT_THAT(backings, ElementsAre(platform::GuidToText(GUID{})));
+  Restart();
+  EXPECT_EQ(Read(fid), "of the host");
+}
+
 TEST_F(BackupMounts, ADismountOfAnUnknownOneSucceeds) {
   const CapturedLog log;
   fs->DismountBackupItems(mountUid);

@@ -303,6 +303,16 @@ TEST_F(Names, ARenameReplacesItsTarget) {
   EXPECT_EQ(List(root), std::vector<std::string>{"b"});
 }
 
+TEST_F(Names, AFolderDoesNotMakeWayForWhatLiesInIt) {
+  const auto outer = MakeFolder(root, "outer");
+  const auto inner = MakeFolder(outer, "inner");
+  const auto file = MakeFile(inner, "file");
+  EXPECT_EQ(Rename(inner, "file", root, "outer"), NFS3ERR_INVAL);
+  EXPECT_EQ(Rename(inner, "file", outer, "inner"), NFS3ERR_INVAL);
+  EXPECT_EQ(Find(Find(Find(root, "outer"), "inner"), "file"), file);
+  EXPECT_EQ(Find(outer, "inner"), inner);
+}
+
 TEST_F(Names, ARenameToItsOwnNameInAnySpellingKeepsTheItem) {
   const auto fid = MakeFile(root, "disk");
   ASSERT_EQ(Write(fid, 0, "hello"), NFS3_OK);

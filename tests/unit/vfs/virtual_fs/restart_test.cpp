@@ -171,6 +171,31 @@ TEST_F(AfterRestart, AnItemMovedAcrossFoldersReadsWhereItStillIs) {
   EXPECT_EQ(Find(from, "disk"), moved);
 }
 
+TEST_F(AfterRestart, AnItemMovedAcrossFoldersIsNeverWhatIsMadeWhereItWasRemoved) {
+  const auto from = MakeFolder(root, "from");
+  const auto to = MakeFolder(root, "to");
+  const auto moved = MakeFile(from, "a");
+  const auto folder = MakeFolder(from, "folder");
+  const auto below = MakeFile(folder, "x");
+  ASSERT_EQ(Rename(from, "a", to, "b"), NFS3_OK);
+  ASSERT_EQ(Rename(from, "folder", to, "folder"), NFS3_OK);
+  ASSERT_EQ(Remove(from, "b"), NFS3_OK) << "where the file still lies";
+  Find(from, "folder");
+  ASSERT_EQ(RemoveDir(from, "folder"), NFS3_OK);
+  const auto made = MakeFile(from, "b");
+  const auto madeBelow = MakeFile(MakeFolder(from, "folder"), "x");
+  ASSERT_EQ(Write(made, 0, "made"), NFS3_OK);
+  ASSERT_EQ(Write(madeBelow, 0, "made"), NFS3_OK);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_PRED1(IsStale, Read(moved));
+    EXPECT_PRED1(IsStale, Read(below));
+    EXPECT_NE(Write(moved, 0, "lost"), NFS3_OK);
+    EXPECT_EQ(Read(made), "made");
+    EXPECT_EQ(Read(madeBelow), "made");
+    Restart();
+  }
+}
+
 TEST_F(AfterRestart, WhatAMoveAcrossFoldersReplacedInTheSourceFolderIsGone) {
   const auto from = MakeFolder(root, "from");
   const auto to = MakeFolder(root, "to");
