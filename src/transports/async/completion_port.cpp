@@ -260,6 +260,7 @@ void completion_port_t::TakePosted() {
       ready_.push_back(std::move(posted_[taken]));
     }
     posted_.clear();
+    taken = 0;
     if (!delayed_.empty()) {
       TakeDelayedLocked();
     }
