@@ -11,7 +11,7 @@ boost::shared_ptr<CXDRCallCompletionRecInternal> CXDRCompletionQueueInternal::Ap
   record->ready = ready;
   const std::lock_guard guard(lock_);
   items_.push_back(record);
-  SetWeightLocked(*record, weight);
+  SetWeightLocked(*record, PlaceWeight + weight);
   UpdateEventLocked();
   return record;
 }
@@ -21,7 +21,7 @@ void CXDRCompletionQueueInternal::Complete(CXDRCallCompletionRecInternal& record
   if (closed_ || record.ready)
     return;
   record.ready = true;
-  SetWeightLocked(record, record.writer->Used());
+  SetWeightLocked(record, PlaceWeight + record.writer->Used());
   UpdateEventLocked();
 }
 
@@ -31,7 +31,7 @@ void CXDRCompletionQueueInternal::Abandon(CXDRCallCompletionRecInternal& record)
     return;
   record.ready = true;
   record.writer.reset();
-  SetWeightLocked(record, 0);
+  SetWeightLocked(record, PlaceWeight);
   UpdateEventLocked();
 }
 

@@ -14,7 +14,7 @@
 struct CXDRCallCompletionRecInternal {
   boost::shared_ptr<CXDRWriter> writer;
   bool ready = false;
-  std::size_t weight = 0;  ///< Bytes that the reply is expected to keep; those it keeps once it is ready.
+  std::size_t weight = 0;  ///< Bytes that place and reply are expected to keep; about those once it is ready.
 };
 
 using xdr_replies_t = std::list<boost::shared_ptr<CXDRWriter>>;
@@ -22,6 +22,9 @@ using xdr_replies_t = std::list<boost::shared_ptr<CXDRWriter>>;
 /// What the queue shares with the calls that are under way: it lives as long as the last of them. Any thread.
 class CXDRCompletionQueueInternal {
  public:
+  /// What a place in the order keeps besides the reply's bytes, about.
+  static constexpr std::size_t PlaceWeight = 512;
+
   CXDRCompletionQueueInternal();
 
   boost::shared_ptr<CXDRCallCompletionRecInternal> Append(const boost::shared_ptr<CXDRWriter>& writer, bool ready,
@@ -93,7 +96,8 @@ class CXDRCompletionQueue {
 
   /// Set exactly while there is something to take.
   synch::manual_event_t& Event() const noexcept { return *internal_->Event(); }
-  /// Bytes that the calls and replies in the queue keep or may keep.
+  /// Bytes that the calls and replies in the queue keep or may keep, about: replies share buffers that may be larger
+  /// than what is sent of them, at most a few times.
   std::size_t Weight() const noexcept { return internal_->Weight(); }
   /// True when no call is unanswered and no reply untaken.
   bool IsEmpty() const noexcept { return internal_->IsEmpty(); }

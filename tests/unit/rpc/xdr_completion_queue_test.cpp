@@ -132,13 +132,26 @@ TEST_F(CompletionQueue, TheFirstEndOfACallCounts) {
 }
 
 TEST_F(CompletionQueue, WeighsWhatIsExpectedAndThenWhatIsThere) {
+  constexpr std::size_t Place = CXDRCompletionQueueInternal::PlaceWeight;
   EXPECT_EQ(queue_->Weight(), 0U);
   const CXDRCallCompletionRec call = queue_->Reserve(Reply(1), 1000);
-  EXPECT_EQ(queue_->Weight(), 1000U);
+  EXPECT_EQ(queue_->Weight(), Place + 1000);
   queue_->PostFinished(Reply(2));
-  EXPECT_EQ(queue_->Weight(), 1008U);
+  EXPECT_EQ(queue_->Weight(), 2 * Place + 1008);
   call.Complete();
-  EXPECT_EQ(queue_->Weight(), 16U);
+  EXPECT_EQ(queue_->Weight(), 2 * Place + 16);
+  Take();
+  EXPECT_EQ(queue_->Weight(), 0U);
+}
+
+TEST_F(CompletionQueue, ManySmallRepliesAndAbandonedCallsThatWaitWeighMoreThanTheirBytes) {
+  const CXDRCallCompletionRec first = queue_->Reserve(Reply(1));
+  for (std::uint32_t i = 0; i < 1000; ++i) {
+    queue_->PostFinished(Reply(i));
+    queue_->Reserve(Reply(i)).Abandon();
+  }
+  EXPECT_GE(queue_->Weight(), 2000 * CXDRCompletionQueueInternal::PlaceWeight);
+  first.Complete();
   Take();
   EXPECT_EQ(queue_->Weight(), 0U);
 }
