@@ -16,7 +16,6 @@
 namespace impl {
 namespace {
 
-constexpr std::size_t StagingSize = 8U << 10;
 constexpr std::size_t MaxPeerAddress = 128;
 
 std::string NumericName(const sockaddr* peer, socklen_t length) {

@@ -74,6 +74,9 @@ class CAsyncConnection : public win::CTcpStream {
   class CSendCall;
   class CSendHeldCall;
 
+  /// Room for bytes that came behind what was asked for.
+  static constexpr std::size_t StagingSize = 8U << 10;
+
   // Receiving; completion thread.
   void StartReceive(bool tryFirst);
   win::io_attempt_t AttemptReceive(int handle, win::SIoResult& result);

@@ -15,7 +15,6 @@
 namespace impl {
 namespace {
 
-constexpr std::size_t StagingSize = 8U << 10;
 /// What is sent goes before what is received: a client can keep the pipe that its data stays in.
 constexpr std::size_t PipesForOthers = platform::kernel_pipe_t::Most / 2;
 constexpr std::uint32_t LastFragment = 0x80000000U;
