@@ -111,13 +111,14 @@ TEST_P(DiskFaultsTest, AReadOnlyShareIsReadAndSaysThatItTakesNoChanges) {
   WriteFile(HostPath("known"), knownContent_);
   fs::create_directories(HostPath("folder"));
   const auto disk = MakeDisk(service_.Root(), "2m");
-  disk->SetReadOnly(true);
   service_.Start();
   root_ = NewClient().Mount().value();
   known_ = HandleOf("known");
+  const bytes_t folder = HandleOf("folder");
+  // No file is open yet, or it could not become so while it is served.
+  disk->SetReadOnly(true);
   ExpectServing();
   const std::size_t before = Descriptors();
-  const bytes_t folder = HandleOf("folder");
   SSetAttributes size;
   size.size = 10;
   EXPECT_EQ(Client().Write(known_, 0, "x"), HostAccessDenied);

@@ -119,6 +119,7 @@ TEST_P(ExhaustionTest, WithoutMemoryCallsAreRefusedAndTheServiceLives) {
   for (unsigned i = 0; i < 50; ++i)
     CallAtRandom(i, answered, refused);
   EXPECT_TRUE(service_.IsRunning());
+  std::printf("%zu calls answered, %zu refused\n", answered, refused);
   Limit(RLIMIT_AS, RLIM_INFINITY);
   client_.reset();
   NewClient();

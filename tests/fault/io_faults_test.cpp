@@ -1,7 +1,10 @@
 // A device that fails, while the service has files of it open and while it has not.
 #include <gmock/gmock.h>
 
+#include <map>
+
 #include "fault/support/fault_fixture.h"
+#include "fault/support/stored_registry.h"
 
 namespace test {
 namespace {
@@ -24,7 +27,12 @@ class IoFaultsTest : public CFaultTest {
 KELVO_FAULT_SUITE(IoFaultsTest);
 
 TEST_P(IoFaultsTest, AReadThatFailsIsToldAndTheNextIsTriedAgain) {
+  // Data of this size does not come into the service's memory.
+  constexpr std::uint32_t Large = 65536;
+  WriteFile(HostPath("large"), std::string(Large, 'l'));
   ASSERT_NO_FATAL_FAILURE(Begin());
+  const bytes_t large = HandleOf("large");
+  EXPECT_EQ(Client().Read(large, 0, Large).data.size(), Large);
   const std::size_t before = Descriptors();
   faults_.SetPath(HostPath("bad"));
   faults_->readError = EIO;
@@ -33,8 +41,14 @@ TEST_P(IoFaultsTest, AReadThatFailsIsToldAndTheNextIsTriedAgain) {
   ExpectServing();
   faults_->readError = ESTALE;
   EXPECT_NE(Client().Read(bad_, 0, 100).status, Ok);
+  faults_.SetPath(HostPath("large"));
+  faults_->readError = EIO;
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(Client().Read(large, 0, Large).status, IoDevice);
+  ExpectServing();
   faults_.Clear();
   EXPECT_EQ(Client().Read(bad_, 0, 100).data, "content");
+  EXPECT_EQ(Client().Read(large, 0, Large).data, std::string(Large, 'l'));
   ExpectDescriptors(before);
   ExpectWell();
 }
@@ -102,6 +116,32 @@ TEST_P(IoFaultsTest, ARegistryWhoseDeviceFailsRefusesChangesAndLosesNothing) {
   EXPECT_EQ(Client().GetAttr(made), Ok);
   EXPECT_EQ(Client().Read(bad_, 0, 100).data, "CONtent");
   EXPECT_EQ(Client().GetAttr(closed_), Stale);
+  ExpectWell();
+}
+
+TEST_P(IoFaultsTest, ARegistryThatCannotBeSyncedLosesNothing) {
+  ASSERT_NO_FATAL_FAILURE(Begin());
+  faults_.SetPath(StateFolder() + "/Kelvo/registry.db");
+  faults_->syncError = EIO;
+  // The log of the registry is synced when it is taken over into the file, which is once in thousands of changes. Until
+  // that succeeds the log grows, and all that was answered is in it.
+  std::map<std::string, bytes_t> made;
+  for (int i = 0; i < 20000 && faults_->failed == 0; ++i) {
+    const std::string name = "new" + std::to_string(i);
+    ASSERT_EQ(Client().Create(root_, name, &made[name]), Ok) << name;
+  }
+  EXPECT_GT(faults_->failed.load(), 0U);
+  EXPECT_EQ(Client().Create(root_, "meanwhile", &made["meanwhile"]), Ok);
+  ExpectServing();
+  faults_.Clear();
+  EXPECT_EQ(Client().Create(root_, "after"), Ok);
+  service_.Kill();
+  ASSERT_NO_FATAL_FAILURE(service_.Start());
+  NewClient();
+  for (const auto& [name, handle] : made)
+    ASSERT_EQ(Client().GetAttr(handle), Ok) << name;
+  EXPECT_EQ(Client().Lookup(root_, "after"), Ok);
+  EXPECT_EQ(CStoredRegistry(service_).Integrity(), "ok");
   ExpectWell();
 }
 

@@ -107,6 +107,9 @@ ssize_t pread(int file, void* data, size_t size, off_t offset) {
 ssize_t read(int file, void* data, size_t size) {
   return Fails(&test::SFaults::readError, file) ? -1 : syscall(SYS_read, file, data, size);
 }
+ssize_t splice(int from, off64_t* fromAt, int to, off64_t* toAt, size_t size, unsigned flags) {
+  return Fails(&test::SFaults::readError, from) ? -1 : syscall(SYS_splice, from, fromAt, to, toAt, size, flags);
+}
 ssize_t pwrite64(int file, const void* data, size_t size, off64_t offset) {
   return Fails(&test::SFaults::writeError, file) ? -1 : syscall(SYS_pwrite64, file, data, size, offset);
 }
