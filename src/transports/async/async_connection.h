@@ -35,6 +35,8 @@ class CAsyncConnection : public win::CTcpStream {
   static constexpr std::size_t MaxRequests = 128;
   static constexpr std::size_t MaxRequestBytes = 8U << 20;
   static constexpr std::size_t MaxUnsentBytes = 4U << 20;
+  /// What each piece of a reply counts for among the unsent bytes, besides what its buffer has room for.
+  static constexpr std::size_t PieceWeight = 256;
   /// How long a reply waits at most for the next one, whatever the worker is busy with.
   static constexpr std::chrono::milliseconds MaxHold{1};
 
@@ -58,7 +60,8 @@ class CAsyncConnection : public win::CTcpStream {
   void SendReply(CXDRWriter& writer, bool hold);
   /// Worker thread: sends what is held.
   void SendHeld();
-  /// Worker thread: false while MaxUnsentBytes or more wait for the peer. ContinueParked of the queue follows then.
+  /// Worker thread: false while replies that wait for the peer keep MaxUnsentBytes or more. ContinueParked of the queue
+  /// follows then.
   bool MayAnswer();
   /// Takes no more replies; the connection ends when those that are queued are out.
   void Close();
@@ -108,6 +111,7 @@ class CAsyncConnection : public win::CTcpStream {
   /// True when there is more to send.
   bool AccountSent(platform::error_t error, std::uint32_t bytes);
   void DropSentLocked(std::size_t bytes);
+  static std::size_t KeptBeside(const SXdrSegment& segment) noexcept;
   [[noreturn]] void FailSend(platform::error_t error);
   bool IsOverloadedLocked(std::size_t divisor) const;
   bool ShallResumeLocked();
@@ -142,13 +146,14 @@ class CAsyncConnection : public win::CTcpStream {
   /// Guards all below. Not held across a send.
   std::mutex sendLock_;
   std::deque<SXdrSegment> sendQueue_;
-  std::size_t sendOffset_ = 0;               ///< Bytes of the first segment that are out.
-  std::atomic<std::size_t> unsentBytes_{0};  ///< Changed under the lock; only the worker adds.
-  bool sending_ = false;                     ///< Someone sends, or a send is pending: new replies only queue up.
-  bool holdLimited_ = false;                 ///< A hold limit is pending.
-  bool parked_ = false;                      ///< The worker was told that requests have to wait.
-  bool broken_ = false;                      ///< A send failed: nothing will go out any more.
-  std::atomic<bool> closing_{false};         ///< Set under the lock.
+  std::size_t sendOffset_ = 0;  ///< Bytes of the first segment that are out.
+  /// Memory that the queue keeps, less what is out of its first segment. Changed under the lock; only the worker adds.
+  std::atomic<std::size_t> unsentBytes_{0};
+  bool sending_ = false;              ///< Someone sends, or a send is pending: new replies only queue up.
+  bool holdLimited_ = false;          ///< A hold limit is pending.
+  bool parked_ = false;               ///< The worker was told that requests have to wait.
+  bool broken_ = false;               ///< A send failed: nothing will go out any more.
+  std::atomic<bool> closing_{false};  ///< Set under the lock.
   std::size_t requests_ = 0;
   std::size_t requestBytes_ = 0;
   bool paused_ = false;

@@ -51,7 +51,7 @@ void CAsyncConnection::SendReply(CXDRWriter& writer, bool hold) {
       if (segment.length == 0) {
         continue;
       }
-      unsentBytes_ += segment.length;
+      unsentBytes_ += segment.length + KeptBeside(segment);
       sendQueue_.push_back(std::move(segment));
     }
     if (sending_ || (hold && holdLimited_)) {
@@ -243,12 +243,19 @@ bool CAsyncConnection::AccountSent(platform::error_t error, std::uint32_t bytes)
 }
 
 void CAsyncConnection::DropSentLocked(std::size_t bytes) {
-  unsentBytes_ -= bytes;
+  std::size_t freed = bytes;
   sendOffset_ += bytes;
   while (!sendQueue_.empty() && sendOffset_ >= sendQueue_.front().length) {
+    freed += KeptBeside(sendQueue_.front());
     sendOffset_ -= sendQueue_.front().length;
     sendQueue_.pop_front();
   }
+  unsentBytes_ -= freed;
+}
+
+/// Few bytes may keep a large buffer, and many small replies far more than their bytes.
+std::size_t CAsyncConnection::KeptBeside(const SXdrSegment& segment) noexcept {
+  return PieceWeight + (segment.buffer == nullptr ? 0 : segment.buffer->capacity() - segment.length);
 }
 
 void CAsyncConnection::Close() {

@@ -1,9 +1,11 @@
 #include "programs/nfs_rpc_interface.h"
 
 #include <algorithm>
+#include <boost/smart_ptr/weak_ptr.hpp>
 #include <fstream>
 #include <iterator>
 
+#include "programs/nfs_read_result.h"
 #include "unit/programs/program_test.h"
 #include "vfs/nfs3/nfs_results.h"
 
@@ -35,6 +37,13 @@ class NfsProgram : public test::CProgramTest {
                   std::uint32_t stable = UNSTABLE) {
     const std::span bytes(reinterpret_cast<const std::uint8_t*>(data.data()), data.size());
     return Run<WRITE3res>(7, WRITE3args{file, offset, count, stable, bytes});
+  }
+  /// The pieces of the reply to a READ, for a sender that takes no pipes.
+  std::vector<SXdrSegment> Segments(const READ3args& args) {
+    CXDRReader reader = test::ReaderOf(CallBytes(6, test::BytesOf(args)));
+    CXDRWriter writer;
+    DispatchNfsCall(true, peer_, reader, writer, *fs_);
+    return writer.TakeSegments(true);
   }
   static std::string TextOf(const READ3res& result) {
     return {result.data->begin(), result.data->begin() + result.count};
@@ -137,6 +146,38 @@ TEST_F(NfsProgram, LargeReadsAreLentAPipeByAWriterThatTakesThem) {
       EXPECT_EQ(segments[1].pipe->Held(), count);
     }
   }
+}
+
+TEST_F(NfsProgram, AReplyKeepsNoBufferThatIsMuchLargerThanItsData) {
+  MakeFile("small", "x");
+  MakeFile("quarter", std::string(2048, 'q'));
+  const nfs_fh3 small = Lookup("small").object;
+  for (const std::uint32_t count : {4096U, 65536U, 1U << 20, 2U << 20}) {
+    const auto segments = Segments(READ3args{small, 0, count});
+    ASSERT_GE(segments.size(), 2U);
+    ASSERT_EQ(segments[1].length, 1U);
+    EXPECT_EQ((*segments[1].buffer)[0], 'x');
+    EXPECT_LE(segments[1].buffer->capacity(), 1024U) << count;
+  }
+  // What is in use for a good part goes out as it was filled.
+  EXPECT_EQ(Segments(READ3args{Lookup("quarter").object, 0, 8192})[1].buffer->size(), 8192U);
+}
+
+TEST_F(NfsProgram, OnlyDataThatIsInAPipeKeepsOne) {
+  const auto buffer = boost::make_shared<SFsReadBuffer>();
+  CXDRWriter writer;
+  writer.TakePipes();
+  LendPipe(*buffer, writer, platform::kernel_pipe_t::Largest + 1);
+  EXPECT_EQ(buffer->pipe, nullptr);
+  LendPipe(*buffer, writer, platform::kernel_pipe_t::Largest);
+  ASSERT_NE(buffer->pipe, nullptr);
+  const boost::weak_ptr<platform::kernel_pipe_t> pipe = buffer->pipe;
+  buffer->data.assign(3, 'x');
+  buffer->length = 3;
+  READ3res result;
+  SetReadResult(result, buffer);
+  EXPECT_EQ(result.count, 3U);
+  EXPECT_TRUE(pipe.expired());
 }
 
 TEST_F(NfsProgram, ReadOfAFolderAndOfNothing) {

@@ -44,8 +44,10 @@ enum class order_t : std::uint32_t {
   /// The third word is the length of the rest, which need not come into memory. Replies with how much of it did not,
   /// and the record.
   Leave = 4,
-  Ask = 5,    ///< As Wait, after it has asked another process and done what there is to do meanwhile.
-  Dawdle = 6  ///< As Echo, after the time for which many replies may be held.
+  Ask = 5,     ///< As Wait, after it has asked another process and done what there is to do meanwhile.
+  Dawdle = 6,  ///< As Echo, after the time for which many replies may be held.
+  /// Replies with its number and one byte of a buffer that has room for as many as the third word says.
+  Hoard = 7
 };
 
 inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parameter = 0) {
@@ -106,6 +108,14 @@ class Program {
         const bytes_t zeros(reader.UInt());
         writer.UInt(number);
         writer.Data(zeros.data(), zeros.size());
+        break;
+      }
+      case order_t::Hoard: {
+        writer.UInt(reader.UInt());
+        const auto buffer = boost::make_shared<io::byte_buffer_t>();
+        buffer->reserve(reader.UInt());
+        buffer->assign(1, 0);
+        writer.SharedVarLenData(buffer, 1);
         break;
       }
       case order_t::Ask:
