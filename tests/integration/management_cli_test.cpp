@@ -110,6 +110,13 @@ TEST_F(CManagementTest, AHostIsLetIn) {
   EXPECT_EQ(Done({"host", "list"}), "10.1.0.0/16\n127.0.0.1\n127.0.0.2\n");
   Done({"host", "remove", "10.1.0.0/16"});
   EXPECT_EQ(Done({"host", "list"}), "127.0.0.1\n127.0.0.2\n");
+  Done({"host", "remove", "127.0.0.2"});
+  EXPECT_EQ(Done({"host", "list"}), "127.0.0.1\n");
+  EXPECT_TRUE(mayMount()) << "until the next start";
+  EXPECT_EQ(service_.Stop(), 0);
+  service_.Start();
+  EXPECT_FALSE(mayMount());
+  EXPECT_TRUE(CNfsClient().Mount().has_value());
 }
 
 TEST_F(CManagementTest, TheSizeIsToldAndReset) {

@@ -111,9 +111,18 @@ TEST_P(LoadMixedTest, NothingGrowsAfterTheFirstMinute) {
   std::this_thread::sleep_until(start + std::min<std::chrono::milliseconds>(length / 2, std::chrono::minutes(1)));
   const SFootprint warm = Footprint();
   SFootprint most = warm;
+  // A campaign also tells growth from a peak.
+  constexpr std::chrono::minutes Told{5};
+  auto nextTold = start + Told;
   while (std::chrono::steady_clock::now() < start + length && !HasFailure()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const SFootprint now = Footprint();
+    if (std::chrono::steady_clock::now() >= nextTold) {
+      nextTold += Told;
+      std::printf("MEASURE %zu KiB, %zu threads, %zu descriptors; %zu KiB at most so far\n", now.residentKiB,
+                  now.threads, now.descriptors, most.residentKiB);
+      std::fflush(stdout);
+    }
     most = {std::max(most.residentKiB, now.residentKiB), std::max(most.threads, now.threads),
             std::max(most.descriptors, now.descriptors)};
   }
