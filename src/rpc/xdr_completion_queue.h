@@ -96,8 +96,8 @@ class CXDRCompletionQueue {
 
   /// Set exactly while there is something to take.
   synch::manual_event_t& Event() const noexcept { return *internal_->Event(); }
-  /// Bytes that the calls in the queue may keep, and about those that its replies send. A reply may keep a buffer that is
-  /// larger than what is sent of it.
+  /// Bytes that the calls in the queue may keep, and about those that its replies send. A reply may keep a buffer that
+  /// is larger than what is sent of it.
   std::size_t Weight() const noexcept { return internal_->Weight(); }
   /// True when no call is unanswered and no reply untaken.
   bool IsEmpty() const noexcept { return internal_->IsEmpty(); }
