@@ -33,6 +33,14 @@ thread_local bool nextAllocationFails = false;
   throw std::bad_alloc();
 }
 
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return ::operator new(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
