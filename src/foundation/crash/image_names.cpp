@@ -33,22 +33,27 @@ class elf_file_t {
       ::munmap(const_cast<char*>(bytes_), size_);
   }
 
+  /// What lies so many bytes behind the begin of a table. Neither is believed: their sum may come round.
   template <typename T>
-  bool Read(std::uint64_t offset, T& record) const noexcept {
-    if (bytes_ == nullptr || offset > size_ || size_ - offset < sizeof record)
+  bool Read(std::uint64_t begin, std::uint64_t offset, T& record) const noexcept {
+    if (!IsInside(begin, offset) || size_ - begin - offset < sizeof record)
       return false;
-    std::memcpy(&record, bytes_ + offset, sizeof record);
+    std::memcpy(&record, bytes_ + begin + offset, sizeof record);
     return true;
   }
-  void AddText(std::uint64_t offset, text_t& text) const noexcept {
-    if (offset < size_)
-      text.Add({bytes_ + offset, ::strnlen(bytes_ + offset, size_ - offset)});
+  void AddText(std::uint64_t begin, std::uint64_t offset, text_t& text) const noexcept {
+    if (IsInside(begin, offset))
+      text.Add({bytes_ + begin + offset, ::strnlen(bytes_ + begin + offset, size_ - begin - offset)});
   }
   bool ReadHead(Elf64_Ehdr& head) const noexcept {
-    return Read(0, head) && std::memcmp(head.e_ident, ELFMAG, SELFMAG) == 0 && head.e_ident[EI_CLASS] == ELFCLASS64;
+    return Read(0, 0, head) && std::memcmp(head.e_ident, ELFMAG, SELFMAG) == 0 && head.e_ident[EI_CLASS] == ELFCLASS64;
   }
 
  private:
+  bool IsInside(std::uint64_t begin, std::uint64_t offset) const noexcept {
+    return bytes_ != nullptr && begin <= size_ && offset <= size_ - begin;
+  }
+
   const char* bytes_ = nullptr;
   std::size_t size_ = 0;
 };
@@ -57,7 +62,7 @@ class elf_file_t {
 std::uint64_t FirstAddress(const elf_file_t& file, const Elf64_Ehdr& head) noexcept {
   for (std::uint16_t i = 0; i < head.e_phnum; ++i) {
     Elf64_Phdr segment{};
-    if (file.Read(head.e_phoff + i * sizeof segment, segment) && segment.p_type == PT_LOAD)
+    if (file.Read(head.e_phoff, i * sizeof segment, segment) && segment.p_type == PT_LOAD)
       return segment.p_vaddr - segment.p_offset;
   }
   return 0;
@@ -67,13 +72,13 @@ bool FindInTable(const elf_file_t& file, const Elf64_Shdr& table, std::uint64_t 
                  text_t& name, std::uint64_t& offset) noexcept {
   Elf64_Sym symbol{};
   for (std::uint64_t at = 0; at + sizeof symbol <= table.sh_size; at += sizeof symbol) {
-    if (!file.Read(table.sh_offset + at, symbol))
+    if (!file.Read(table.sh_offset, at, symbol))
       return false;
     if (ELF64_ST_TYPE(symbol.st_info) != STT_FUNC || symbol.st_shndx == SHN_UNDEF || address < symbol.st_value ||
         address - symbol.st_value >= symbol.st_size)
       continue;
     offset = address - symbol.st_value;
-    file.AddText(names + symbol.st_name, name);
+    file.AddText(names, symbol.st_name, name);
     return true;
   }
   return false;
@@ -93,8 +98,8 @@ bool FindName(const module_info_t& image, std::uint64_t address, text_t& name, s
     for (std::uint16_t i = 0; i < head.e_shnum; ++i) {
       Elf64_Shdr table{};
       Elf64_Shdr names{};
-      if (file.Read(head.e_shoff + i * sizeof table, table) && table.sh_type == type &&
-          file.Read(head.e_shoff + table.sh_link * sizeof names, names) &&
+      if (file.Read(head.e_shoff, i * sizeof table, table) && table.sh_type == type &&
+          file.Read(head.e_shoff, table.sh_link * sizeof names, names) &&
           FindInTable(file, table, names.sh_offset, asked, name, offset))
         return true;
     }
