@@ -109,8 +109,8 @@ void CAsyncServer::CContext::SetUp() {
   if (params_.prepareRegistration) {
     params_.prepareRegistration();
   }
-  mountQueue_ = boost::make_shared<impl::CRequestQueue>("mount", params_.mountProgram);
-  nfsQueue_ = boost::make_shared<impl::CRequestQueue>("nfs", params_.nfsProgram);
+  mountQueue_ = boost::make_shared<impl::CRequestQueue>("mount", params_.mountProgram, port_);
+  nfsQueue_ = boost::make_shared<impl::CRequestQueue>("nfs", params_.nfsProgram, port_);
   mountAcceptor_ = MakeAcceptor("mount service", params_.mountPort, true, mountQueue_);
   nfsAcceptor_ = MakeAcceptor("nfs", params_.nfsPort, true, nfsQueue_);
   ServicePorts().mount = mountAcceptor_->BoundPort();
@@ -124,7 +124,7 @@ void CAsyncServer::CContext::SetUp() {
 void CAsyncServer::CContext::SetUpPortmapper() {
   try {
     portmapAcceptor_ = MakeAcceptor("portmapper", params_.portmapPort, false, portmapQueue_);
-    portmapQueue_ = boost::make_shared<impl::CRequestQueue>("portmapper", params_.portmapProgram);
+    portmapQueue_ = boost::make_shared<impl::CRequestQueue>("portmapper", params_.portmapProgram, port_);
     portmapAcceptor_->StartAccept();
     portmapUdpChannel_ =
         new impl::CAsyncUdpChannel(Binding("portmapper", portmapAcceptor_->BoundPort(), false), portmapQueue_);

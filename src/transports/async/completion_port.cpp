@@ -25,6 +25,8 @@ constexpr std::uint64_t TimerKey = std::numeric_limits<std::uint64_t>::max();
 /// Completions handed out between two looks at the descriptors: none waits long behind one that is always ready.
 constexpr std::size_t TurnBudget = 64;
 constexpr std::size_t EventsPerWait = 64;
+/// About the time that waking a thread costs: who finds something to do within it has gained.
+constexpr std::chrono::microseconds SpinTime{30};
 constexpr std::uint32_t ReadEvents = EPOLLIN | EPOLLRDHUP | EPOLLET;
 
 std::string InHexadecimal(const void* token) {
@@ -73,15 +75,70 @@ void completion_port_t::CloseHandles() const noexcept {
 
 void completion_port_t::Run() {
   logging::log_scope_t scope(g_nfs_log, "IO dispatch loop is started.");
+  std::unique_lock turn(turnLock_);
   loopThread_ = std::this_thread::get_id();
   while (!stop_) {
-    TakeReadiness();
-    TakePosted();
-    RetryResting();
-    HandOut();
+    Turn();
+    if (offered_ != nullptr) {
+      RunOffered(turn);
+    }
   }
   loopThread_ = std::thread::id();
   scope.Success("IO dispatch queue is finished.");
+}
+
+void completion_port_t::Turn() {
+  TakeReadiness();
+  TakePosted();
+  RetryResting();
+  HandOut();
+}
+
+bool completion_port_t::OfferWork(ILentWork& work) noexcept {
+  if (loopThread_.load(std::memory_order_relaxed) != std::this_thread::get_id() || standIns_ != 0 ||
+      offered_ != nullptr) {
+    return false;
+  }
+  if (const unsigned refused = refused_.load(std::memory_order_relaxed); refused != 0) {
+    refused_.store(refused - 1, std::memory_order_relaxed);
+    return false;
+  }
+  offered_ = &work;
+  return true;
+}
+
+void completion_port_t::RunOffered(std::unique_lock<std::mutex>& turn) {
+  ILentWork& work = *std::exchange(offered_, nullptr);
+  if (!ready_.empty() || stop_) {
+    RefuseOffers();
+    work.Decline();
+    return;
+  }
+  loopThread_ = std::thread::id();
+  lent_ = true;
+  turn.unlock();
+  work.RunLent();
+  lent_ = false;
+  if (standIns_ != 0) {
+    Wake();
+  }
+  turn.lock();
+  loopThread_ = std::this_thread::get_id();
+  wasLent_ = true;
+}
+
+void completion_port_t::StandIn() {
+  // Told before the look at lent_, as the lent thread tells that before its look at this.
+  ++standIns_;
+  if (std::unique_lock turn(turnLock_, std::try_to_lock); turn.owns_lock()) {
+    loopThread_ = std::this_thread::get_id();
+    RefuseOffers();
+    while (!stop_ && lent_) {
+      Turn();
+    }
+    loopThread_ = std::thread::id();
+  }
+  --standIns_;
 }
 
 void completion_port_t::Stop() {
@@ -212,9 +269,25 @@ int completion_port_t::WaitMilliseconds() {
   return static_cast<int>(std::clamp<std::int64_t>(left, 0, std::numeric_limits<int>::max()));
 }
 
+int completion_port_t::WaitForEvents(epoll_event* events, int room) {
+  static const bool useful = std::thread::hardware_concurrency() > 1;
+  // Who has just got an answer may be back at once.
+  if (std::exchange(wasLent_, false) && useful && ready_.empty()) {
+    const auto end = clock_t::now() + SpinTime;
+    do {
+      const int count = ::epoll_wait(epoll_, events, room, 0);
+      if (count != 0) {
+        return count;
+      }
+      std::this_thread::yield();
+    } while (clock_t::now() < end);
+  }
+  return ::epoll_wait(epoll_, events, room, WaitMilliseconds());
+}
+
 void completion_port_t::TakeReadiness() {
   std::array<epoll_event, EventsPerWait> events;
-  const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), WaitMilliseconds());
+  const int count = WaitForEvents(events.data(), static_cast<int>(events.size()));
   if (count < 0) {
     if (errno != EINTR) {
       g_nfs_log.Error("IOCP: event dequeueing failed %1", platform::LastError());

@@ -17,13 +17,30 @@
 
 #include "transports/async/io_object.h"
 
+struct epoll_event;
+
 namespace synch {
+
+/// Work that a thread of its own would do, and that the completion thread may be lent for when it has nothing else to
+/// do: a call that comes alone is then answered without a change of threads.
+class ILentWork {
+ public:
+  virtual ~ILentWork() = default;
+  /// On the completion thread, at the end of the turn in which the work was offered.
+  virtual void RunLent() noexcept = 0;
+  /// On the completion thread, instead: it has something else to do.
+  virtual void Decline() noexcept = 0;
+};
 
 /// Readiness turned into completions. A descriptor is registered once, edge-triggered; operations are tried at once and
 /// wait here only when they would block. Room to write is watched only while a write waits for it: a peer that takes
-/// large replies makes room all the time. Run is called by one thread, the completion thread; the rest by any.
+/// large replies makes room all the time. Run is called by one thread; the rest by any. The completion thread is that
+/// one, but while it is lent and another one stands in for it.
 class completion_port_t : public boost::enable_shared_from_this<completion_port_t> {
  public:
+  /// Lending does not pay where work takes its time, or where more becomes ready meanwhile, which could be received by
+  /// then: so many offers are refused after that.
+  static constexpr unsigned OffersRefused = 256;
   /// How long an operation rests that found the process out of descriptors or memory.
   static constexpr std::chrono::milliseconds ExhaustedRest{100};
   /// How long the completion thread rests when there is no memory for what must be started.
@@ -40,6 +57,17 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   void Stop();
   /// Joins an object with its descriptor to the port, once. The caller holds a reference. Throws win_sys_exc_t.
   void Associate(win::CIoObject& object);
+
+  /// Offers work for the end of the turn, where it is run or declined; it must live until then. False when it is not to
+  /// be: on any other thread than that of Run, while other work is offered, and after lending that did not pay.
+  bool OfferWork(ILentWork& work) noexcept;
+  /// Refuses the next offers: more came at a time than one piece of work. Any thread.
+  void RefuseOffers() noexcept { refused_.store(OffersRefused, std::memory_order_relaxed); }
+  /// Whether an offer would be accepted. A guess, on any thread but that of Run.
+  bool AcceptsOffers() const noexcept { return refused_.load(std::memory_order_relaxed) == 0; }
+  /// For the owner of lent work that takes its time: hands out completions until the thread that was lent wants to go
+  /// on with it, or until Stop. Returns at once when it is not lent any more.
+  void StandIn();
 
   /// Queues a completion; a null object with a null token merely wakes the loop. Dropped after Abandon.
   void Post(boost::intrusive_ptr<win::CIoObject> object, const void* token, win::SIoResult result);
@@ -79,12 +107,15 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
     boost::intrusive_ptr<win::CIoEventHandler> handler;
   };
   using clock_t = std::chrono::steady_clock;
+  void Turn();
+  void RunOffered(std::unique_lock<std::mutex>& turn);
   void Rest(boost::intrusive_ptr<win::CIoObject> object, boost::intrusive_ptr<win::CIoEventHandler> handler,
             platform::error_t error);
   void Forget(win::CIoObject& object) noexcept;
   boost::intrusive_ptr<win::CIoObject> Find(std::uint64_t key);
   void Wake() noexcept;
   int WaitMilliseconds();
+  int WaitForEvents(epoll_event* events, int room);
   void TakeReadiness();
   void TellReady(std::uint64_t key, std::uint32_t events) noexcept;
   void TakePosted();
@@ -102,10 +133,17 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   const int wakeEvent_;
   const int timer_;
   std::atomic<bool> stop_{false};
+  /// The completion thread; none while that of Run is lent and nobody stands in.
   std::atomic<std::thread::id> loopThread_{};
+  std::atomic<bool> lent_{false};
+  std::atomic<unsigned> refused_{0};  ///< Offers to be refused.
+  std::atomic<int> standIns_{0};      ///< Threads in StandIn, of which one may have the turn.
 
-  /// Completion thread only.
+  /// Held by the completion thread but while it is lent. Guards the three below.
+  std::mutex turnLock_;
   std::deque<SCompletion> ready_;
+  ILentWork* offered_ = nullptr;
+  bool wasLent_ = false;  ///< Just before this turn.
 
   /// Guards all below. Taken under no other lock.
   std::mutex lock_;

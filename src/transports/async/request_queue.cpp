@@ -18,8 +18,11 @@ namespace {
 
 /// About the time that waking a thread costs: a worker that finds work within it has gained.
 constexpr std::chrono::microseconds SpinTime{30};
-/// A client that has so much to take is not back with its next call within that time.
-constexpr std::size_t LargeReply = std::size_t{16} << 10;
+/// A record or a reply of so many bytes moves data. Who has that to take is not back with the next call within that
+/// time.
+constexpr std::size_t Large = std::size_t{16} << 10;
+/// So many looks without a request that the completion thread was lent for, then the worker sleeps.
+constexpr unsigned LooksInVain = 16;
 
 std::string NumericHost(const sockaddr_in& peer) {
   std::array<char, INET_ADDRSTRLEN> text{};
@@ -38,8 +41,8 @@ void LogFailure(const CResponseSender& sender, const char* text) noexcept {
 
 }  // namespace
 
-CRequestQueue::CRequestQueue(std::string name, rpc_handler_t handler)
-    : name_(std::move(name)), handler_(std::move(handler)) {
+CRequestQueue::CRequestQueue(std::string name, rpc_handler_t handler, boost::shared_ptr<synch::completion_port_t> port)
+    : name_(std::move(name)), handler_(std::move(handler)), port_(std::move(port)) {
   thread_ = std::make_unique<synch::thread_t>("Request queue " + name_, [this] { Work(); });
 }
 
@@ -57,7 +60,65 @@ void CRequestQueue::Post(boost::intrusive_ptr<CResponseSender> sender, boost::sh
     }
     items_.push_back({std::move(sender), std::move(record), std::move(extra), std::move(rest)});
     itemsCount_.store(items_.size(), std::memory_order_relaxed);
-    wake = std::exchange(sleeping_, false);
+    if (sleeping_ && !lent_ && !MayLendLocked()) {
+      sleeping_ = false;
+      wake = true;
+    }
+  }
+  if (wake) {
+    notEmpty_.notify_one();
+  }
+}
+
+bool CRequestQueue::MayLendLocked() noexcept {
+  // While the worker sleeps, nobody changes what is known of the last request.
+  return port_ != nullptr && items_.size() == 1 && (lastReply_ >= Large || lastRequest_ >= Large) &&
+         port_->OfferWork(*this);
+}
+
+void CRequestQueue::RunLent() noexcept {
+  SItem item;
+  bool wake = false;
+  {
+    const std::lock_guard guard(lock_);
+    if (!sleeping_ || items_.size() != 1) {
+      // The worker has it, or is about to.
+      return;
+    }
+    item = std::move(items_.front());
+    items_.clear();
+    itemsCount_.store(0, std::memory_order_relaxed);
+    lent_ = true;
+    ++lentRequests_;
+    wake = !std::exchange(looks_, true);
+  }
+  if (wake) {
+    notEmpty_.notify_one();
+  }
+  {
+    const platform::lookup_scope_t scope;
+    leftInBatch_ = 0;
+    Process(item, reply_t::Send);
+    item = SItem();
+  }
+  {
+    const std::lock_guard guard(lock_);
+    lent_ = false;
+    wake = sleeping_ && (!items_.empty() || continueParked_ || stopping_);
+    if (wake) {
+      sleeping_ = false;
+    }
+  }
+  if (wake) {
+    notEmpty_.notify_one();
+  }
+}
+
+void CRequestQueue::Decline() noexcept {
+  bool wake = false;
+  {
+    const std::lock_guard guard(lock_);
+    wake = !items_.empty() && std::exchange(sleeping_, false);
   }
   if (wake) {
     notEmpty_.notify_one();
@@ -97,25 +158,57 @@ void CRequestQueue::SpinForWork() const noexcept {
   }
 }
 
+bool CRequestQueue::ShallSpin() const noexcept {
+  // After a large request the completion thread does, if it is to carry out the next one.
+  const bool leavesIt = lastRequest_ >= Large && port_ != nullptr && port_->AcceptsOffers();
+  return lastReply_ < Large && !leavesIt;
+}
+
 bool CRequestQueue::Take(std::vector<SItem>& batch) {
   if (itemsCount_.load(std::memory_order_relaxed) == 0) {
     SendHeld();
   }
-  if (lastReply_ < LargeReply) {
+  if (ShallSpin()) {
     SpinForWork();
   }
   std::unique_lock guard(lock_);
-  while (items_.empty() && !continueParked_) {
-    if (stopping_) {
+  while (lent_ || (items_.empty() && !continueParked_)) {
+    if (stopping_ && !lent_) {
       return false;
     }
-    sleeping_ = true;
-    notEmpty_.wait(guard);
+    Wait(guard);
   }
-  sleeping_ = false;
   batch.swap(items_);
   itemsCount_.store(0, std::memory_order_relaxed);
+  if (batch.size() > 1 && port_ != nullptr) {
+    port_->RefuseOffers();
+  }
   return true;
+}
+
+void CRequestQueue::Wait(std::unique_lock<std::mutex>& guard) {
+  sleeping_ = true;
+  if (!looks_) {
+    notEmpty_.wait(guard);
+    sleeping_ = false;
+    return;
+  }
+  const std::uint64_t before = lentRequests_;
+  const bool told = notEmpty_.wait_for(guard, LookPeriod) == std::cv_status::no_timeout;
+  sleeping_ = false;
+  if (told) {
+    return;
+  }
+  if (before != lentRequests_) {
+    looksInVain_ = 0;
+  } else if (lent_) {
+    guard.unlock();
+    port_->StandIn();
+    guard.lock();
+  } else if (++looksInVain_ >= LooksInVain) {
+    looks_ = false;
+    looksInVain_ = 0;
+  }
 }
 
 void CRequestQueue::Work() noexcept {
@@ -189,6 +282,8 @@ void CRequestQueue::RunOutParked() noexcept {
 
 void CRequestQueue::Answer(SItem& item, reply_t reply) noexcept {
   hasAsked_ = false;
+  lastRequest_ = item.record->size() + (item.rest == nullptr ? 0 : item.rest->Held());
+  lastReply_ = 0;
   try {
     CXDRReader reader(std::move(item.record), std::move(item.rest));
     CXDRWriter writer;

@@ -15,6 +15,7 @@
 
 #include "foundation/byte_buffer.h"
 #include "rpc/rpc_message.h"
+#include "transports/async/completion_port.h"
 #include "transports/async/response_sender.h"
 
 namespace synch {
@@ -26,7 +27,11 @@ namespace impl {
 /// One worker: the requests of a program run strictly one after another, in order of arrival across all connections,
 /// so that replies follow in the order of their requests. Any thread may post; the owner stops and destroys.
 /// A client that takes no replies holds up nobody and costs no more memory: its requests are parked until it does.
-class CRequestQueue {
+///
+/// A client that moves large pieces of data one by one is served by the completion thread, which is lent for a request
+/// that comes alone while the worker sleeps: same order, same exclusion, no change of threads. Should it take its time,
+/// the worker hands out completions meanwhile.
+class CRequestQueue : private synch::ILentWork {
  public:
   /// Bounds of what is held to leave in one send: replies, their bytes, and, from FewHeld replies on, the time from the
   /// first one. Where each takes its time, a send for every second one would be a good part of it. A reply for
@@ -36,14 +41,18 @@ class CRequestQueue {
   static constexpr std::size_t FewHeld = 6;
   static constexpr std::size_t MaxHeldBytes = 64U << 10;
   static constexpr std::chrono::microseconds MaxHeldTime{100};
+  /// How often the worker looks whether a request that the completion thread was lent for goes on; after one look
+  /// without any change it stands in.
+  static constexpr std::chrono::milliseconds LookPeriod{1};
 
-  /// handler has what it works on bound and keeps it alive. Throws when the worker cannot be started.
-  CRequestQueue(std::string name, rpc_handler_t handler);
+  /// handler has what it works on bound and keeps it alive. port lends its thread; null: none does. Throws when the
+  /// worker cannot be started.
+  CRequestQueue(std::string name, rpc_handler_t handler, boost::shared_ptr<synch::completion_port_t> port = nullptr);
   CRequestQueue(const CRequestQueue&) = delete;
   CRequestQueue& operator=(const CRequestQueue&) = delete;
   /// Stops. Senders may share the queue through their connections, so its owner stops it first: the last reference
   /// must not go on the worker itself.
-  ~CRequestQueue();
+  ~CRequestQueue() override;
 
   const std::string& Name() const { return name_; }
 
@@ -72,6 +81,12 @@ class CRequestQueue {
   void Work() noexcept;
   /// The next requests, in order; false when the worker is to end.
   bool Take(std::vector<SItem>& batch);
+  bool MayLendLocked() noexcept;
+  bool ShallSpin() const noexcept;
+  void RunLent() noexcept override;
+  void Decline() noexcept override;
+  /// Until something has changed, or for LookPeriod.
+  void Wait(std::unique_lock<std::mutex>& guard);
   void SpinForWork() const noexcept;
   void Process(SItem& item, reply_t reply) noexcept;
   bool Park(SItem& item);
@@ -86,6 +101,7 @@ class CRequestQueue {
 
   const std::string name_;
   const rpc_handler_t handler_;
+  const boost::shared_ptr<synch::completion_port_t> port_;
 
   std::mutex lock_;
   std::condition_variable notEmpty_;
@@ -94,19 +110,25 @@ class CRequestQueue {
   std::atomic<std::size_t> itemsCount_{0};
   bool sleeping_ = false;
   std::atomic<bool> stopping_{false};
+  /// Guarded by lock_. The completion thread has the place of the worker.
+  bool lent_ = false;
+  std::uint64_t lentRequests_ = 0;
+  bool looks_ = false;  ///< The worker, every LookPeriod.
+  unsigned looksInVain_ = 0;
 
   /// Set under lock_.
   std::atomic<bool> continueParked_{false};
 
-  // Worker only.
+  // Of who carries out requests: the worker, or the thread that is lent its place.
   std::unordered_map<const void*, std::deque<SItem>> parked_;  ///< By client, in order.
   std::size_t leftInBatch_ = 0;
   boost::intrusive_ptr<CResponseSender> heldBy_;  ///< What is held is of its client.
   std::size_t held_ = 0;
   std::size_t heldBytes_ = 0;
   clock_t::time_point heldSince_{};
-  std::size_t lastReply_ = 0;  ///< Its size, bytes.
-  bool hasAsked_ = false;      ///< Another process, with the request at hand.
+  std::size_t lastRequest_ = 0;  ///< Sizes, bytes.
+  std::size_t lastReply_ = 0;
+  bool hasAsked_ = false;  ///< Another process, with the request at hand.
 
   std::unique_ptr<synch::thread_t> thread_;
 };

@@ -82,9 +82,11 @@ class Program {
   std::atomic<int> handled{0};
   std::atomic<bool> lastAllowed{false};
   std::atomic<std::uint16_t> lastPeerPort{0};
+  std::atomic<std::thread::id> lastThread{};
 
  private:
   void Handle(bool allowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer) {
+    lastThread = std::this_thread::get_id();
     ++begun;
     lastAllowed = allowed;
     lastPeerPort = ntohs(peer.sin_port);
