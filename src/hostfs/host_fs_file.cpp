@@ -32,7 +32,7 @@ void CHostFsFile::SetTimes(const FILETIME* creation, const FILETIME* lastAccess,
     return;
   }
   boost::shared_ptr<platform::file_t> file;
-  platform::error_t failure = node_->AtLocation([&](const boost::shared_ptr<const platform::location_t>& where) {
+  platform::error_t failure = node_->AtSettledLocation([&](const boost::shared_ptr<const platform::location_t>& where) {
     security::FilesAccessPermissions().CheckAccess(where->Path());
     const platform::file_request_t request{platform::file_access_t::Attributes, platform::file_share_t::Read,
                                            platform::file_disposition_t::OpenExisting};
@@ -66,10 +66,11 @@ std::string CHostFsFile::GetAllowedHostAddr() {
 
 CHostFsFile::SOpenFile CHostFsFile::CachedFile(HostFsFileCache::use_t use) const {
   SOpenFile open;
-  const platform::error_t failure = node_->AtLocation([&](const boost::shared_ptr<const platform::location_t>& where) {
-    open.where = where;
-    return HostFsFileCache::TryGetFile(*where, node_->Files(), use, open.file);
-  });
+  const platform::error_t failure =
+      node_->AtSettledLocation([&](const boost::shared_ptr<const platform::location_t>& where) {
+        open.where = where;
+        return HostFsFileCache::TryGetFile(*where, node_->Files(), use, open.file);
+      });
   if (failure != error::Success) {
     throw exc::win_sys_exc_t(exc::FormatText("Failed to open existing file [%1] for read/write access.", node_->Path()),
                              failure);

@@ -17,7 +17,7 @@ bool MeansAbsent(platform::error_t failure) noexcept {
 }
 
 platform::error_t TryGetAttributes(const CHostFsNode& node, WIN32_FILE_ATTRIBUTE_DATA& attributes) {
-  return node.AtLocation([&](const boost::shared_ptr<const platform::location_t>& where) {
+  return node.AtSettledLocation([&](const boost::shared_ptr<const platform::location_t>& where) {
     security::FilesAccessPermissions().CheckAccess(where->Path());
     platform::file_info_t info;
     const platform::error_t failure = node.Files().GetInfo(*where, info);

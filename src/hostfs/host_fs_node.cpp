@@ -19,6 +19,14 @@ class CHostFsTree {
       lock;               // Guards the nodes' links and names, and the rest. Never held over a file operation.
   std::uint64_t age = 1;  // Grows with each rename; a location made before is looked up anew.
 
+  /// The rename under way; no folder for none.
+  struct SRename {
+    const CHostFsNode* folder = nullptr;
+    std::string_view oldName;
+    std::string_view newName;
+    std::string_view replacedName;
+  } rename;
+
   /// Notes that the node keeps its location. The one that has kept its own for longest gives it up, since a location
   /// is larger than all else that a node has, and making it again costs little beside the call that asks for it.
   void KeepLocation(const CHostFsNode& node) {
@@ -160,6 +168,25 @@ boost::shared_ptr<const platform::location_t> CHostFsNode::LocationAfterRenames(
   return Location();
 }
 
+bool CHostFsNode::IsSettledAt(const platform::location_t& location) const {
+  const std::lock_guard lock(tree_->lock);
+  const boost::shared_ptr<const platform::location_t> present = LocationLocked();
+  if (!present || (present.get() != &location && present->Path() != location.Path())) {
+    return false;
+  }
+  const CHostFsTree::SRename& rename = tree_->rename;
+  if (rename.folder == nullptr) {
+    return true;
+  }
+  for (const CHostFsNode* node = this; node->parent_; node = node->parent_.get()) {
+    if (node->parent_.get() == rename.folder &&
+        (node->name_ == rename.oldName || node->name_ == rename.newName || node->name_ == rename.replacedName)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 std::string CHostFsNode::Path() const {
   const std::lock_guard lock(tree_->lock);
   const boost::shared_ptr<const platform::location_t> present = LocationLocked();
@@ -177,10 +204,22 @@ platform::error_t CHostFsNode::RenameChild(const std::string& oldName, const std
                                            const std::string& replacedName,
                                            const std::function<platform::error_t()>& rename) {
   const std::lock_guard<std::mutex> lock(tree_->renames);
-  const platform::error_t failure = rename();
-  if (failure == platform::error::Success) {
-    Relink(oldName, newName, replacedName);
+  const auto tell = [this](const CHostFsTree::SRename& underWay) {
+    const std::lock_guard treeLock(tree_->lock);
+    tree_->rename = underWay;
+  };
+  tell({this, oldName, newName, replacedName});
+  platform::error_t failure = platform::error::Success;
+  try {
+    failure = rename();
+    if (failure == platform::error::Success) {
+      Relink(oldName, newName, replacedName);
+    }
+  } catch (...) {
+    tell({});
+    throw;
   }
+  tell({});
   return failure;
 }
 

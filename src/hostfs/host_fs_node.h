@@ -57,9 +57,28 @@ class CHostFsNode {
     return platform::error::FileNotFound;
   }
 
+  /// As AtLocation, and again when it succeeded while the node was moved, replaced or deleted: for calls that open or
+  /// look at what is there, which then might have met something else. `call` may succeed several times.
+  template <typename Call>
+  platform::error_t AtSettledLocation(const Call& call) const {
+    boost::shared_ptr<const platform::location_t> location;
+    for (;;) {
+      const platform::error_t failure = AtLocation([&](const boost::shared_ptr<const platform::location_t>& where) {
+        location = where;
+        return call(where);
+      });
+      if (failure != platform::error::Success || IsSettledAt(*location)) {
+        return failure;
+      }
+      // The next look is after it.
+      LocationAfterRenames();
+    }
+  }
+
   /// Renames an entry on the host by `rename`, which gives an error number, and on success moves the nodes along.
   /// Names are as the host spells them: before, after, and of what is replaced (empty for nothing; its node then has
-  /// no location any more). `rename` must not ask nodes of this tree by AtLocation.
+  /// no location any more). `rename` must not ask nodes of this tree by AtLocation or
+  /// AtSettledLocation.
   platform::error_t RenameChild(const std::string& oldName, const std::string& newName, const std::string& replacedName,
                                 const std::function<platform::error_t()>& rename);
 
@@ -101,6 +120,8 @@ class CHostFsNode {
   void Relink(const std::string& oldName, const std::string& newName, const std::string& replacedName);
   boost::shared_ptr<const platform::location_t> LocationLocked() const;
   boost::shared_ptr<const platform::location_t> LocationAfterRenames() const;
+  /// Whether it is there, and neither it nor a folder around it is just being renamed or replaced.
+  bool IsSettledAt(const platform::location_t& location) const;
 
   CHostFsTree* const tree_;  // Owned by the root, which all others hold by their parents.
   const CHostFsNodePtr parent_;

@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
+#include <future>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,6 +37,86 @@ TEST_F(HostFsNodeTest, ANodeOutlivesTheFolderThatMadeIt) {
   folder.reset();
   EXPECT_EQ(file->Path(), "/nowhere/folder/file");
   EXPECT_EQ(root_->Child("folder")->Child("file"), file);
+}
+
+/// The paths that a call is asked to try, during the first of which something else happens.
+std::vector<std::string> PathsTried(const CHostFsNode& node, const std::function<void()>& meanwhile,
+                                    platform::error_t expected) {
+  std::vector<std::string> paths;
+  EXPECT_EQ(node.AtSettledLocation([&](const boost::shared_ptr<const platform::location_t>& where) {
+    paths.push_back(where->Path());
+    if (paths.size() == 1)
+      meanwhile();
+    return platform::error::Success;
+  }),
+            expected);
+  return paths;
+}
+
+using paths_t = std::vector<std::string>;
+
+TEST_F(HostFsNodeTest, ACallIsSettledWhenNothingMovedItsNode) {
+  const CHostFsNodePtr file = root_->Child("folder")->Child("file");
+  const CHostFsNodePtr other = root_->Child("other");
+  EXPECT_EQ(PathsTried(
+                *file, [] {}, platform::error::Success),
+            paths_t{"/nowhere/folder/file"});
+  // Also where the location had to be made anew.
+  const auto renameOther = [&] {
+    EXPECT_EQ(root_->RenameChild("other", "another", "", Done), platform::error::Success);
+  };
+  EXPECT_EQ(PathsTried(*file, renameOther, platform::error::Success), paths_t{"/nowhere/folder/file"});
+}
+
+TEST_F(HostFsNodeTest, ACallIsMadeAgainWhereItsNodeWasMovedMeanwhile) {
+  const CHostFsNodePtr folder = root_->Child("folder");
+  const CHostFsNodePtr file = folder->Child("file");
+  const auto rename = [&] { EXPECT_EQ(folder->RenameChild("file", "moved", "", Done), platform::error::Success); };
+  EXPECT_EQ(PathsTried(*file, rename, platform::error::Success),
+            (paths_t{"/nowhere/folder/file", "/nowhere/folder/moved"}));
+  const auto renameFolder = [&] { EXPECT_EQ(root_->RenameChild("folder", "new", "", Done), platform::error::Success); };
+  EXPECT_EQ(PathsTried(*file, renameFolder, platform::error::Success),
+            (paths_t{"/nowhere/folder/moved", "/nowhere/new/moved"}));
+}
+
+TEST_F(HostFsNodeTest, ACallFindsNothingWhereItsNodeWasReplacedOrDeletedMeanwhile) {
+  const CHostFsNodePtr replaced = root_->Child("replaced");
+  const CHostFsNodePtr deleted = root_->Child("deleted");
+  const CHostFsNodePtr source = root_->Child("source");
+  const auto replace = [&] { EXPECT_EQ(root_->RenameChild("source", "replaced", "", Done), platform::error::Success); };
+  EXPECT_EQ(PathsTried(*replaced, replace, platform::error::FileNotFound), paths_t{"/nowhere/replaced"});
+  const auto remove = [&] { EXPECT_EQ(root_->TakeChild("deleted"), deleted); };
+  EXPECT_EQ(PathsTried(*deleted, remove, platform::error::FileNotFound), paths_t{"/nowhere/deleted"});
+}
+
+TEST_F(HostFsNodeTest, ACallWaitsForTheRenameThatIsUnderWayForItsNode) {
+  const CHostFsNodePtr file = root_->Child("file");
+  std::promise<void> tried;
+  std::thread caller;
+  paths_t paths;
+  EXPECT_EQ(root_->RenameChild("file", "moved", "",
+                               [&] {
+                                 caller = std::thread([&] {
+                                   paths = PathsTried(
+                                       *file, [&] { tried.set_value(); }, platform::error::Success);
+                                 });
+                                 tried.get_future().wait();
+                                 return platform::error::Success;
+                               }),
+            platform::error::Success);
+  caller.join();
+  EXPECT_EQ(paths, (paths_t{"/nowhere/file", "/nowhere/moved"}));
+}
+
+TEST_F(HostFsNodeTest, ARenameThatFailedLeavesCallsSettled) {
+  const CHostFsNodePtr file = root_->Child("file");
+  const auto fail = [] { return platform::error::AccessDenied; };
+  EXPECT_EQ(root_->RenameChild("file", "moved", "", fail), platform::error::AccessDenied);
+  EXPECT_THROW(root_->RenameChild("file", "moved", "", []() -> platform::error_t { throw std::bad_alloc(); }),
+               std::bad_alloc);
+  EXPECT_EQ(PathsTried(
+                *file, [] {}, platform::error::Success),
+            paths_t{"/nowhere/file"});
 }
 
 TEST_F(HostFsNodeTest, MoreNodesThanLocationsAreKeptAnswerAtTheirPlaces) {

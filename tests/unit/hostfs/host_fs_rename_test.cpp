@@ -1,4 +1,5 @@
 // What renames do to the entries, and to the items that stand for them.
+#include <future>
 #include <thread>
 #include <utility>
 
@@ -9,7 +10,14 @@ namespace {
 namespace fs = std::filesystem;
 namespace error = platform::error;
 
-class HostFsRename : public test::HostFs {};
+class HostFsRename : public test::HostFs {
+ protected:
+  static std::uint64_t SizeOf(IFsItem& file) {
+    WIN32_FILE_ATTRIBUTE_DATA attributes;
+    file.GetAttributes(attributes);
+    return attributes.Size();
+  }
+};
 
 TEST_F(HostFsRename, ReplacesWhatHasTheName) {
   Put("old", "old");
@@ -100,15 +108,68 @@ TEST_F(HostFsRename, ChangeOfCaseAndOfNothing) {
 TEST_F(HostFsRename, HandleOpenedBetweenIsNotLeftUnderTheOldPath) {
   Put("old", "old");
   const auto file = File("old");
+  std::promise<void> opened;
+  std::thread reader;
   files.faults.beforeRename = [&](const platform::location_t&) {
-    EXPECT_EQ(Read(*file), "old");  // Opens the old path just before it goes.
+    // Opens the old path just before it goes.
+    reader = std::thread([&] { EXPECT_EQ(Read(*file), "old"); });
+    opened.get_future().wait();
+    return 0U;
+  };
+  files.faults.onOpen = [&](const platform::location_t& where, const platform::file_request_t&) {
+    if (where.Path() == Path("old")) {
+      opened.set_value();
+    }
     return 0U;
   };
   root->RenameChild("old", "new");
+  reader.join();
   files.faults.beforeRename = nullptr;
+  files.faults.onOpen = nullptr;
   Put("old", "another");
   EXPECT_EQ(Read(*File("old")), "another");
   EXPECT_EQ(Read(*file), "old");
+}
+
+TEST_F(HostFsRename, ACallUnderWayDoesNotMeetWhatComesToTheOldPath) {
+  Put("old", "old");
+  const auto file = File("old");
+  bool isMoved = false;
+  files.faults.onGetInfo = [&](const platform::location_t&) {
+    if (!std::exchange(isMoved, true)) {
+      root->RenameChild("old", "new");
+      Put("old", "another");
+    }
+    return 0U;
+  };
+  EXPECT_EQ(SizeOf(*file), 3U);
+}
+
+TEST_F(HostFsRename, ACallUnderWayDoesNotMeetWhatComesAfterADeletion) {
+  Put("file", "old");
+  const auto file = File("file");
+  bool isDeleted = false;
+  files.faults.onGetInfo = [&](const platform::location_t&) {
+    if (!std::exchange(isDeleted, true)) {
+      root->DeleteChild("file");
+      Put("file", "another");
+    }
+    return 0U;
+  };
+  EXPECT_EQ(NumberOf([&] { SizeOf(*file); }), error::FileNotFound);
+}
+
+TEST_F(HostFsRename, OthersDoNotWaitForARenameThatTakesItsTime) {
+  Put("old", "old");
+  Put("other", "other");
+  const auto other = File("other");
+  files.faults.beforeRename = [&](const platform::location_t&) {
+    EXPECT_EQ(Read(*other), "other");
+    EXPECT_EQ(SizeOf(*other), 5U);
+    return 0U;
+  };
+  root->RenameChild("old", "new");
+  EXPECT_EQ(Get("new"), "old");
 }
 
 TEST_F(HostFsRename, FolderThatIsMovedMeanwhileIsTheOneWhoseEntryIsRenamed) {
