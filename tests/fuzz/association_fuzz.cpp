@@ -43,8 +43,8 @@ class CPeer {
       settings_.security = boost::make_shared<test::FakeSecurityProvider>();
     if ((mode_ & SmallBudget) != 0) {
       settings_.maxRequestStub = 3000;
-      settings_.knownBudget = boost::make_shared<dcerpc::CStubBudget>(2000);
-      settings_.unknownBudget = boost::make_shared<dcerpc::CStubBudget>(1000);
+      settings_.knownBudget = boost::make_shared<io::byte_budget_t>(2000);
+      settings_.unknownBudget = boost::make_shared<io::byte_budget_t>(1000);
     }
     known_ = settings_.knownBudget->Left();
     unknown_ = settings_.unknownBudget->Left();

@@ -324,7 +324,7 @@ void CAssociation::TakeFragment(const SPdu& pdu, const SRequest& request) {
       return;
     }
     partial_.emplace(
-        partial_t{call, {}, CStubShare(caller_.authenticated ? settings_.knownBudget : settings_.unknownBudget)});
+        partial_t{call, {}, io::byte_share_t(caller_.authenticated ? settings_.knownBudget : settings_.unknownBudget)});
   } else if (!partial_ || partial_->call.header.callId != header.callId ||
              partial_->call.header.order != header.order) {
     throw exc::runtime_exc_t("A fragment comes that continues no request.");

@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "foundation/byte_budget.h"
 #include "management/dcerpc/fragments.h"
 #include "management/dcerpc/pdu.h"
 #include "management/dcerpc/rpc_interface.h"
 #include "management/dcerpc/security_context.h"
-#include "management/dcerpc/stub_budget.h"
 
 namespace dcerpc {
 
@@ -37,8 +37,8 @@ struct SAssociationSettings {
   /// The port or path that bind_ack tells.
   std::string secondaryAddress;
   std::size_t maxRequestStub = MaxRequestStub;
-  boost::shared_ptr<CStubBudget> knownBudget = boost::make_shared<CStubBudget>(KnownCallersBudget);
-  boost::shared_ptr<CStubBudget> unknownBudget = boost::make_shared<CStubBudget>(UnknownCallersBudget);
+  boost::shared_ptr<io::byte_budget_t> knownBudget = boost::make_shared<io::byte_budget_t>(KnownCallersBudget);
+  boost::shared_ptr<io::byte_budget_t> unknownBudget = boost::make_shared<io::byte_budget_t>(UnknownCallersBudget);
 };
 
 /// The state of one connection, without the connection: takes PDUs, runs the calls in them one after the other, and
@@ -74,7 +74,7 @@ class CAssociation {
   struct partial_t {
     call_t call;
     bytes_t stub;
-    CStubShare share;
+    io::byte_share_t share;
   };
 
   bool Dispatch(std::span<std::uint8_t> bytes, const SPdu& pdu);

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "foundation/byte_buffer.h"
+#include "rpc/record_buffer.h"
 #include "rpc/xdr_writer.h"
 #include "transports/async/request_queue.h"
 #include "transports/async/tcp_stream.h"
@@ -29,8 +30,6 @@ namespace impl {
 /// under way. A client that has too much under way, or does not take its replies, is not read from until that is less.
 class CAsyncConnection : public win::CTcpStream {
  public:
-  /// Record bodies grow beyond this as their bytes arrive; what a WRITE of a megabyte needs fits at once.
-  static constexpr std::size_t FirstBodySize = (1U << 20) + (64U << 10);
   /// Bounds of what one client has under way before it is read from no more. Reading goes on at half of them.
   static constexpr std::size_t MaxRequests = 128;
   static constexpr std::size_t MaxRequestBytes = 8U << 20;
@@ -91,7 +90,8 @@ class CAsyncConnection : public win::CTcpStream {
   std::size_t TakeStaged(std::uint8_t* target, std::size_t room);
   /// False for a mark that ends the connection.
   bool BeginBody();
-  void GrowBody();
+  /// False for a record that is too large beside the others.
+  bool GrowBody();
   /// Brings what came into the pipe into memory, where the rest of the record is received then.
   platform::error_t EndRest();
   void PostRecord();
@@ -130,7 +130,7 @@ class CAsyncConnection : public win::CTcpStream {
   // Completion thread only.
   std::array<std::uint8_t, 4> headerBuffer_{};
   std::size_t headerBytes_ = 0;
-  boost::shared_ptr<io::byte_buffer_t> body_;
+  boost::shared_ptr<CRecordBuffer> body_;
   std::size_t bodySize_ = 0;   ///< As announced; the buffer may be shorter yet.
   std::size_t bodyBytes_ = 0;  ///< Received, those in the pipe included.
   bool leaveRest_ = false;     ///< What follows the bytes that the buffer has room for goes into a pipe,

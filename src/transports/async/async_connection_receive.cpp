@@ -141,7 +141,9 @@ bool CAsyncConnection::TakeArrived() {
       return true;
     }
     if (bodyBytes_ < bodySize_) {
-      GrowBody();
+      if (!GrowBody()) {
+        return false;
+      }
       continue;
     }
     PostRecord();
@@ -182,8 +184,8 @@ bool CAsyncConnection::BeginBody() {
   const std::size_t first = std::max(wanted, stagingEnd_ - stagingBegin_);
   leaveRest_ = wanted != 0 && wanted <= StagingSize && bodySize_ >= first + platform::kernel_pipe_t::Least &&
                bodySize_ <= first + platform::kernel_pipe_t::Largest;
-  auto body = boost::make_shared<io::byte_buffer_t>();
-  body->resize(leaveRest_ ? first : std::min(bodySize_, FirstBodySize));
+  auto body = boost::make_shared<CRecordBuffer>();
+  body->resize(leaveRest_ ? first : std::min(bodySize_, CRecordBuffer::FirstSize));
   body_ = std::move(body);
   return true;
 }
@@ -200,8 +202,12 @@ platform::error_t CAsyncConnection::EndRest() {
   return rest->Read(std::span(*body_).subspan(first, bodyBytes_ - first), read);
 }
 
-void CAsyncConnection::GrowBody() {
-  body_->resize(std::min(bodySize_, body_->size() * 2));
+bool CAsyncConnection::GrowBody() {
+  if (body_->GrowTo(std::min(bodySize_, body_->size() * 2))) {
+    return true;
+  }
+  g_nfs_log.Error("Client %1: large records take too much memory", clientName_);
+  return false;
 }
 
 void CAsyncConnection::PostRecord() {

@@ -9,6 +9,7 @@
 
 #include "foundation/exc.h"
 #include "foundation/log.h"
+#include "rpc/record_buffer.h"
 #include "transports/sockets/close_tcp_connection.h"
 
 namespace {
@@ -86,9 +87,10 @@ boost::shared_ptr<CXDRReader> CXdrSessionReader::ReceiveRecord() {
     throw exc::runtime_exc_t("Partial packet not implemented.");
   const std::size_t size = mark & ~LastFragmentBit;
   readAhead_ = size <= StagingSize;
-  const auto body = boost::make_shared<io::byte_buffer_t>();
+  const auto body = boost::make_shared<CRecordBuffer>();
   for (std::size_t done = 0; done < size; done = body->size()) {
-    body->resize(std::min(size, std::max(done * 2, FirstBodySize)));
+    if (!body->GrowTo(std::min(size, std::max(done * 2, CRecordBuffer::FirstSize))))
+      throw exc::runtime_exc_t("Large records take too much memory.");
     Receive(body->data() + done, body->size() - done);
   }
   return boost::make_shared<CXDRReader>(body);

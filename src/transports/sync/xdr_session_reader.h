@@ -20,8 +20,6 @@ using xdr_reader_queue_t = CXDRRwQueue<CXDRReader>;
 /// is still answered. Made and destroyed by one thread.
 class CXdrSessionReader {
  public:
-  /// Record bodies grow beyond this as their bytes arrive; what a WRITE of a megabyte needs fits at once.
-  static constexpr std::size_t FirstBodySize = (1U << 20) + (64U << 10);
   /// What is read ahead of the next record.
   static constexpr std::size_t StagingSize = 8U << 10;
 

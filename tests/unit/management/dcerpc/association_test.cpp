@@ -242,8 +242,8 @@ TEST_F(CAssociationTest, FragmentsThatNeverEndMeetTheCap) {
 }
 
 TEST_F(CAssociationTest, StrangersCannotUseUpTheMemoryOfKnownCallers) {
-  settings_.unknownBudget = boost::make_shared<CStubBudget>(4);
-  settings_.knownBudget = boost::make_shared<CStubBudget>(8);
+  settings_.unknownBudget = boost::make_shared<io::byte_budget_t>(4);
+  settings_.knownBudget = boost::make_shared<io::byte_budget_t>(8);
   Connect();
   Bind();
   ASSERT_TRUE(Give(Fragment(1, FakeInterface::Echo, "12345", pdu_flag::First)));

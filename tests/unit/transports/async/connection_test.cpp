@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "config/address_checker.h"
+#include "rpc/record_buffer.h"
 #include "support/captured_log.h"
 #include "unit/transports/async/rig.h"
 
@@ -80,6 +81,33 @@ TEST_F(ConnectionTest, EndsAtAMarkWithoutTheLastFragmentBit) {
   EXPECT_TRUE(Logged(log_, "Client " + client.Name() + ": partial packet not implemented"));
   EXPECT_EQ(server_.program.begun, 0);
   ExpectServing();
+}
+
+TEST_F(ConnectionTest, LargeRecordsOfAllClientsTogetherHaveABound) {
+  CRecordBuffer other;
+  ASSERT_TRUE(other.GrowTo(CRecordBuffer::FirstSize + CRecordBuffer::MostBeyond));
+  bytes_t record = Request(order_t::Echo, 2);
+  record.resize(CRecordBuffer::FirstSize);
+  Client client(server_.port);
+  std::thread sender([&] { client.Call(record); });
+  EXPECT_TRUE(client.Reply() == record);
+  sender.join();
+  bytes_t larger = WithMark(bytes_t(CRecordBuffer::FirstSize + 1));
+  larger.pop_back();
+  client.Send(larger);
+  EXPECT_FALSE(client.Reply());
+  EXPECT_TRUE(Logged(log_, "Client " + client.Name() + ": large records take too much memory"));
+}
+
+TEST_F(ConnectionTest, MemoryOfALargeRecordGoesBackWithItsCall) {
+  bytes_t record = Request(order_t::Echo, 2);
+  record.resize(CRecordBuffer::FirstSize + 5000);
+  Client client(server_.port);
+  std::thread sender([&] { client.Call(record); });
+  EXPECT_TRUE(client.Reply() == record);
+  sender.join();
+  CRecordBuffer all;
+  EXPECT_TRUE(Eventually([&] { return all.GrowTo(CRecordBuffer::FirstSize + CRecordBuffer::MostBeyond); }));
 }
 
 TEST_F(ConnectionTest, EndsQuietlyAtAnEmptyRecord) {

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "config/address_checker.h"
+#include "rpc/record_buffer.h"
 #include "unit/transports/sync/rig.h"
 
 namespace test {
@@ -208,11 +209,28 @@ TEST_F(SessionTest, WithoutACheckerEveryoneIsAllowed) {
 TEST_F(SessionTest, RecordsGrowBeyondTheFirstBuffer) {
   Client& client = ConnectAndServe();
   bytes_t record = Request(order_t::Echo, 1);
-  record.resize(3 * CXdrSessionReader::FirstBodySize + 8, 0xA5);
+  record.resize(3 * CRecordBuffer::FirstSize + 8, 0xA5);
   std::thread sender([&] { client.Call(record); });
   const auto reply = client.Reply();
   sender.join();
   EXPECT_TRUE(reply == record);
+}
+
+TEST_F(SessionTest, LargeRecordsOfAllClientsTogetherHaveABound) {
+  CRecordBuffer other;
+  ASSERT_TRUE(other.GrowTo(CRecordBuffer::FirstSize + CRecordBuffer::MostBeyond));
+  Client& client = ConnectAndServe();
+  bytes_t record = Request(order_t::Echo, 2);
+  record.resize(CRecordBuffer::FirstSize);
+  std::thread sender([&] { client.Call(record); });
+  EXPECT_TRUE(client.Reply() == record);
+  sender.join();
+  bytes_t larger = WithMark(bytes_t(CRecordBuffer::FirstSize + 1));
+  larger.pop_back();
+  client.Send(larger);
+  EXPECT_EQ(client.Reply(), std::nullopt);
+  EXPECT_EQ(Result(), 0);
+  EXPECT_TRUE(Logged(log_, "Large records take too much memory."));
 }
 
 TEST_F(SessionTest, AnEmptyRecordIsACallThatCannotBeRead) {

@@ -1,4 +1,4 @@
-// How much memory the requests take that are being put together.
+// How much memory may be taken for what is still coming.
 #pragma once
 
 #include <atomic>
@@ -6,14 +6,14 @@
 #include <cstddef>
 #include <utility>
 
-namespace dcerpc {
+namespace io {
 
-/// The bytes that all connections together may hold of requests that have not come to their end. Any thread.
-class CStubBudget {
+/// The bytes that all who share it may hold together. Any thread.
+class byte_budget_t {
  public:
-  explicit CStubBudget(std::size_t bytes) : left_(bytes) {}
-  CStubBudget(const CStubBudget&) = delete;
-  CStubBudget& operator=(const CStubBudget&) = delete;
+  explicit byte_budget_t(std::size_t bytes) : left_(bytes) {}
+  byte_budget_t(const byte_budget_t&) = delete;
+  byte_budget_t& operator=(const byte_budget_t&) = delete;
 
   /// False, and nothing is taken, when so much is not left.
   bool Take(std::size_t bytes) {
@@ -31,15 +31,16 @@ class CStubBudget {
   std::atomic<std::size_t> left_;
 };
 
-/// What one request has of the budget; goes back with it. One thread.
-class CStubShare {
+/// What one request or record has of the budget; goes back with it. One thread at a time.
+class byte_share_t {
  public:
-  explicit CStubShare(boost::shared_ptr<CStubBudget> budget) : budget_(std::move(budget)) {}
-  CStubShare(const CStubShare&) = delete;
-  CStubShare& operator=(const CStubShare&) = delete;
-  CStubShare(CStubShare&& other) noexcept : budget_(std::move(other.budget_)), taken_(std::exchange(other.taken_, 0)) {}
-  CStubShare& operator=(CStubShare&&) = delete;
-  ~CStubShare() {
+  explicit byte_share_t(boost::shared_ptr<byte_budget_t> budget) : budget_(std::move(budget)) {}
+  byte_share_t(const byte_share_t&) = delete;
+  byte_share_t& operator=(const byte_share_t&) = delete;
+  byte_share_t(byte_share_t&& other) noexcept
+      : budget_(std::move(other.budget_)), taken_(std::exchange(other.taken_, 0)) {}
+  byte_share_t& operator=(byte_share_t&&) = delete;
+  ~byte_share_t() {
     if (budget_ != nullptr)
       budget_->Give(taken_);
   }
@@ -53,8 +54,8 @@ class CStubShare {
   }
 
  private:
-  boost::shared_ptr<CStubBudget> budget_;
+  boost::shared_ptr<byte_budget_t> budget_;
   std::size_t taken_ = 0;
 };
 
-}  // namespace dcerpc
+}  // namespace io
