@@ -108,7 +108,11 @@ class CTakenChild {
     if (child_)
       folder_.PutBack(child_);
   }
-  void IsGone() { child_.reset(); }
+  void IsGone() {
+    if (child_)
+      folder_.ChildIsGone(*child_);
+    child_.reset();
+  }
 
  private:
   CHostFsNode& folder_;

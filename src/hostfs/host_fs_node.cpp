@@ -120,21 +120,42 @@ void CHostFsNode::PutLocked(CHostFsNode* child) {
 
 CHostFsNodePtr CHostFsNode::Child(const std::string& name) {
   // Declared outside the lock: the end of a node takes it.
-  CHostFsNodePtr child;
-  {
-    const std::lock_guard lock(tree_->lock);
-    child = FindLocked(name);
+  CHostFsNodePtr made;
+  for (;;) {
+    CHostFsNodePtr child;
+    {
+      const std::lock_guard lock(tree_->lock);
+      // What has the name on the host then may be another file than the node's.
+      if (!IsBeingRenamedLocked(name)) {
+        child = FindLocked(name);
+        if (!child && made) {
+          PutLocked(made.get());
+          child = made;
+        }
+        if (child)
+          return child;
+      }
+    }
+    if (made) {
+      LocationAfterRenames();
+    } else {
+      made = CHostFsNodePtr(new CHostFsNode(tree_, this, name));
+    }
   }
-  if (child)
-    return child;
-  const CHostFsNodePtr made(new CHostFsNode(tree_, this, name));
-  const std::lock_guard lock(tree_->lock);
-  child = FindLocked(name);
-  if (!child) {
-    PutLocked(made.get());
-    child = made;
+}
+
+bool CHostFsNode::IsBeingRenamedLocked(std::string_view childName) const {
+  const CHostFsTree::SRename& rename = tree_->rename;
+  return rename.folder == this &&
+         (childName == rename.oldName || childName == rename.newName || childName == rename.replacedName);
+}
+
+bool CHostFsNode::IsGoingLocked() const {
+  const CHostFsNode* node = this;
+  while (!node->isReplaced_ && node->parent_) {
+    node = node->parent_.get();
   }
-  return child;
+  return node->isGoing_;
 }
 
 boost::shared_ptr<const platform::location_t> CHostFsNode::LocationLocked() const {
@@ -171,16 +192,17 @@ boost::shared_ptr<const platform::location_t> CHostFsNode::LocationAfterRenames(
 bool CHostFsNode::IsSettledAt(const platform::location_t& location) const {
   const std::lock_guard lock(tree_->lock);
   const boost::shared_ptr<const platform::location_t> present = LocationLocked();
-  if (!present || (present.get() != &location && present->Path() != location.Path())) {
+  if (!present) {
+    return IsGoingLocked();
+  }
+  if (present.get() != &location && present->Path() != location.Path()) {
     return false;
   }
-  const CHostFsTree::SRename& rename = tree_->rename;
-  if (rename.folder == nullptr) {
+  if (tree_->rename.folder == nullptr) {
     return true;
   }
   for (const CHostFsNode* node = this; node->parent_; node = node->parent_.get()) {
-    if (node->parent_.get() == rename.folder &&
-        (node->name_ == rename.oldName || node->name_ == rename.newName || node->name_ == rename.replacedName)) {
+    if (node->parent_->IsBeingRenamedLocked(node->name_)) {
       return false;
     }
   }
@@ -253,16 +275,23 @@ CHostFsNodePtr CHostFsNode::TakeChild(const std::string& name) {
   CHostFsNodePtr child = TakeLocked(name);
   if (child) {
     child->ReplaceLocked();
+    child->isGoing_ = true;
     if (child->children_)
       ++tree_->age;  // What is below it has no location either.
   }
   return child;
 }
 
+void CHostFsNode::ChildIsGone(CHostFsNode& child) {
+  const std::lock_guard lock(tree_->lock);
+  child.isGoing_ = false;
+}
+
 void CHostFsNode::PutBack(const CHostFsNodePtr& child) {
   CHostFsNodePtr other;  // Declared outside the lock, as in Child.
   const std::lock_guard lock(tree_->lock);
   child->isReplaced_ = false;
+  child->isGoing_ = false;
   child->locationAge_ = 0;
   other = FindLocked(child->name_);
   if (!other)

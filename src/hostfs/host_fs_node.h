@@ -30,7 +30,8 @@ class CHostFsNode {
   CHostFsNode(const CHostFsNode&) = delete;
   CHostFsNode& operator=(const CHostFsNode&) = delete;
 
-  /// The node of a name, as the host spells it, in this folder. Two calls give one node while anyone holds it.
+  /// The node of a name, as the host spells it, in this folder. Two calls give one node while anyone holds it. While
+  /// the name is just being renamed, or something else to it, that is waited for.
   CHostFsNodePtr Child(const std::string& name);
   /// Where it is now; null when a rename has put something else in its place.
   boost::shared_ptr<const platform::location_t> Location() const;
@@ -85,6 +86,8 @@ class CHostFsNode {
   /// To be called before an entry is deleted, by its name as the host spells it: its node has no location any more, and
   /// what comes to stand there has another. Gives the node; empty for none.
   CHostFsNodePtr TakeChild(const std::string& name);
+  /// One of the two follows. The entry was deleted. child: what TakeChild gave.
+  void ChildIsGone(CHostFsNode& child);
   /// The entry could not be deleted. child: what TakeChild gave.
   void PutBack(const CHostFsNodePtr& child);
 
@@ -118,9 +121,12 @@ class CHostFsNode {
   void PutLocked(CHostFsNode* child);
   void ReplaceLocked();
   void Relink(const std::string& oldName, const std::string& newName, const std::string& replacedName);
+  bool IsBeingRenamedLocked(std::string_view childName) const;
+  bool IsGoingLocked() const;
   boost::shared_ptr<const platform::location_t> LocationLocked() const;
   boost::shared_ptr<const platform::location_t> LocationAfterRenames() const;
-  /// Whether it is there, and neither it nor a folder around it is just being renamed or replaced.
+  /// Whether it is there, and neither it nor a folder around it is just being renamed or replaced; also while it or
+  /// a folder around it is being deleted, since nothing else comes to its place before that is over.
   bool IsSettledAt(const platform::location_t& location) const;
 
   CHostFsTree* const tree_;  // Owned by the root, which all others hold by their parents.
@@ -131,6 +137,7 @@ class CHostFsNode {
   // others were asked for theirs that the tree gives it up.
   mutable std::uint32_t keptAt_ = 0;  // Its place among the locations that the tree keeps, 0 for none.
   bool isReplaced_ = false;
+  bool isGoing_ = false;  // Between TakeChild and what follows.
   std::string name_;
   std::unique_ptr<children_t> children_;  // Nodes that live elsewhere, and leave when they end.
   mutable boost::shared_ptr<const platform::location_t> location_;

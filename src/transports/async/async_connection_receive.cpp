@@ -207,6 +207,7 @@ bool CAsyncConnection::GrowBody() {
     return true;
   }
   g_nfs_log.Error("Client %1: large records take too much memory", clientName_);
+  body_.reset();
   return false;
 }
 

@@ -107,18 +107,22 @@ bool completion_port_t::OfferWork(ILentWork& work) noexcept {
   return true;
 }
 
+void completion_port_t::DeclineOffered() noexcept {
+  RefuseOffers();
+  std::exchange(offered_, nullptr)->Decline();
+}
+
 void completion_port_t::RunOffered(std::unique_lock<std::mutex>& turn) {
-  ILentWork& work = *std::exchange(offered_, nullptr);
   if (!ready_.empty() || stop_) {
-    RefuseOffers();
-    work.Decline();
+    DeclineOffered();
     return;
   }
+  ILentWork& work = *std::exchange(offered_, nullptr);
   loopThread_ = std::thread::id();
-  lent_ = true;
+  lent_ = &work;
   turn.unlock();
   work.RunLent();
-  lent_ = false;
+  lent_ = nullptr;
   if (standIns_ != 0) {
     Wake();
   }
@@ -127,13 +131,13 @@ void completion_port_t::RunOffered(std::unique_lock<std::mutex>& turn) {
   wasLent_ = true;
 }
 
-void completion_port_t::StandIn() {
+void completion_port_t::StandIn(const ILentWork& work) {
   // Told before the look at lent_, as the lent thread tells that before its look at this.
   ++standIns_;
   if (std::unique_lock turn(turnLock_, std::try_to_lock); turn.owns_lock()) {
     loopThread_ = std::this_thread::get_id();
     RefuseOffers();
-    while (!stop_ && lent_) {
+    while (!stop_ && lent_ == &work) {
       Turn();
     }
     loopThread_ = std::thread::id();
@@ -386,6 +390,10 @@ void completion_port_t::RetryResting() {
 
 void completion_port_t::HandOut() {
   for (std::size_t i = 0; i < TurnBudget && !ready_.empty() && !stop_; ++i) {
+    if (offered_ != nullptr) {
+      // What comes next may take its time.
+      DeclineOffered();
+    }
     SCompletion completion = std::move(ready_.front());
     ready_.pop_front();
     if (completion.token != nullptr) {

@@ -65,9 +65,9 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   void RefuseOffers() noexcept { refused_.store(OffersRefused, std::memory_order_relaxed); }
   /// Whether an offer would be accepted. A guess, on any thread but that of Run.
   bool AcceptsOffers() const noexcept { return refused_.load(std::memory_order_relaxed) == 0; }
-  /// For the owner of lent work that takes its time: hands out completions until the thread that was lent wants to go
-  /// on with it, or until Stop. Returns at once when it is not lent any more.
-  void StandIn();
+  /// For the owner of lent work that takes its time: hands out completions until that is over, or until Stop. Returns
+  /// at once when the thread is not lent for it any more.
+  void StandIn(const ILentWork& work);
 
   /// Queues a completion; a null object with a null token merely wakes the loop. Dropped after Abandon.
   void Post(boost::intrusive_ptr<win::CIoObject> object, const void* token, win::SIoResult result);
@@ -108,6 +108,7 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   };
   using clock_t = std::chrono::steady_clock;
   void Turn();
+  void DeclineOffered() noexcept;
   void RunOffered(std::unique_lock<std::mutex>& turn);
   void Rest(boost::intrusive_ptr<win::CIoObject> object, boost::intrusive_ptr<win::CIoEventHandler> handler,
             platform::error_t error);
@@ -135,9 +136,9 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   std::atomic<bool> stop_{false};
   /// The completion thread; none while that of Run is lent and nobody stands in.
   std::atomic<std::thread::id> loopThread_{};
-  std::atomic<bool> lent_{false};
-  std::atomic<unsigned> refused_{0};  ///< Offers to be refused.
-  std::atomic<int> standIns_{0};      ///< Threads in StandIn, of which one may have the turn.
+  std::atomic<ILentWork*> lent_{nullptr};  ///< What the thread of Run is lent for.
+  std::atomic<unsigned> refused_{0};       ///< Offers to be refused.
+  std::atomic<int> standIns_{0};           ///< Threads in StandIn, of which one may have the turn.
 
   /// Held by the completion thread but while it is lent. Guards the three below.
   std::mutex turnLock_;

@@ -203,7 +203,7 @@ void CRequestQueue::Wait(std::unique_lock<std::mutex>& guard) {
     looksInVain_ = 0;
   } else if (lent_) {
     guard.unlock();
-    port_->StandIn();
+    port_->StandIn(*this);
     guard.lock();
   } else if (++looksInVain_ >= LooksInVain) {
     looks_ = false;

@@ -85,8 +85,50 @@ TEST_F(HostFsNodeTest, ACallFindsNothingWhereItsNodeWasReplacedOrDeletedMeanwhil
   const CHostFsNodePtr source = root_->Child("source");
   const auto replace = [&] { EXPECT_EQ(root_->RenameChild("source", "replaced", "", Done), platform::error::Success); };
   EXPECT_EQ(PathsTried(*replaced, replace, platform::error::FileNotFound), paths_t{"/nowhere/replaced"});
-  const auto remove = [&] { EXPECT_EQ(root_->TakeChild("deleted"), deleted); };
+  const auto remove = [&] {
+    EXPECT_EQ(root_->TakeChild("deleted"), deleted);
+    root_->ChildIsGone(*deleted);
+  };
   EXPECT_EQ(PathsTried(*deleted, remove, platform::error::FileNotFound), paths_t{"/nowhere/deleted"});
+}
+
+TEST_F(HostFsNodeTest, ACallIsSettledWhileItsNodeIsBeingDeleted) {
+  const CHostFsNodePtr folder = root_->Child("folder");
+  const CHostFsNodePtr file = folder->Child("file");
+  const auto remove = [&] { EXPECT_EQ(root_->TakeChild("folder"), folder); };
+  EXPECT_EQ(PathsTried(*file, remove, platform::error::Success), paths_t{"/nowhere/folder/file"});
+  root_->PutBack(folder);
+  EXPECT_EQ(PathsTried(
+                *file, [] {}, platform::error::Success),
+            paths_t{"/nowhere/folder/file"});
+  const auto removeForGood = [&] {
+    remove();
+    root_->ChildIsGone(*folder);
+  };
+  EXPECT_EQ(PathsTried(*file, removeForGood, platform::error::FileNotFound), paths_t{"/nowhere/folder/file"});
+}
+
+TEST_F(HostFsNodeTest, WhatIsMadeDuringARenameIsNotTheNodeThatIsRenamed) {
+  const CHostFsNodePtr file = root_->Child("file");
+  std::thread maker;
+  CHostFsNodePtr made;
+  std::promise<void> begun;
+  EXPECT_EQ(root_->RenameChild("file", "moved", "",
+                               [&] {
+                                 maker = std::thread([&] {
+                                   begun.set_value();
+                                   made = root_->Child("file");
+                                 });
+                                 begun.get_future().wait();
+                                 // Others need not wait.
+                                 EXPECT_EQ(root_->Child("other")->Path(), "/nowhere/other");
+                                 return platform::error::Success;
+                               }),
+            platform::error::Success);
+  maker.join();
+  EXPECT_NE(made, file);
+  EXPECT_EQ(made->Path(), "/nowhere/file");
+  EXPECT_EQ(file->Path(), "/nowhere/moved");
 }
 
 TEST_F(HostFsNodeTest, ACallWaitsForTheRenameThatIsUnderWayForItsNode) {
