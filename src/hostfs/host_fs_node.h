@@ -71,15 +71,15 @@ class CHostFsNode {
       if (failure != platform::error::Success || IsSettledAt(*location)) {
         return failure;
       }
-      // The next look is after it.
+      // A rename that is under way comes to its end first.
       LocationAfterRenames();
     }
   }
 
   /// Renames an entry on the host by `rename`, which gives an error number, and on success moves the nodes along.
   /// Names are as the host spells them: before, after, and of what is replaced (empty for nothing; its node then has
-  /// no location any more). `rename` must not ask nodes of this tree by AtLocation or
-  /// AtSettledLocation.
+  /// no location any more). `rename` must ask nodes of this tree neither for children
+  /// nor by AtLocation or AtSettledLocation.
   platform::error_t RenameChild(const std::string& oldName, const std::string& newName, const std::string& replacedName,
                                 const std::function<platform::error_t()>& rename);
 

@@ -25,8 +25,6 @@ constexpr std::uint64_t TimerKey = std::numeric_limits<std::uint64_t>::max();
 /// Completions handed out between two looks at the descriptors: none waits long behind one that is always ready.
 constexpr std::size_t TurnBudget = 64;
 constexpr std::size_t EventsPerWait = 64;
-/// About the time that waking a thread costs: who finds something to do within it has gained.
-constexpr std::chrono::microseconds SpinTime{30};
 constexpr std::uint32_t ReadEvents = EPOLLIN | EPOLLRDHUP | EPOLLET;
 
 std::string InHexadecimal(const void* token) {

@@ -41,6 +41,8 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   /// Lending does not pay where work takes its time, or where more becomes ready meanwhile, which could be received by
   /// then: so many offers are refused after that.
   static constexpr unsigned OffersRefused = 256;
+  /// About the time that waking a thread costs: who looks for more to do that long, and finds it, has gained.
+  static constexpr std::chrono::microseconds SpinTime{30};
   /// How long an operation rests that found the process out of descriptors or memory.
   static constexpr std::chrono::milliseconds ExhaustedRest{100};
   /// How long the completion thread rests when there is no memory for what must be started.

@@ -16,10 +16,8 @@
 namespace impl {
 namespace {
 
-/// About the time that waking a thread costs: a worker that finds work within it has gained.
-constexpr std::chrono::microseconds SpinTime{30};
-/// A record or a reply of so many bytes moves data. Who has that to take is not back with the next call within that
-/// time.
+/// A record or a reply of so many bytes moves data. Who has that to take is not back with the next call within
+/// the time that the worker looks for it.
 constexpr std::size_t Large = std::size_t{16} << 10;
 /// So many looks without a request that the completion thread was lent for, then the worker sleeps.
 constexpr unsigned LooksInVain = 16;
@@ -151,7 +149,7 @@ void CRequestQueue::SpinForWork() const noexcept {
   if (!useful) {
     return;
   }
-  const auto end = clock_t::now() + SpinTime;
+  const auto end = clock_t::now() + synch::completion_port_t::SpinTime;
   while (itemsCount_.load(std::memory_order_relaxed) == 0 && !continueParked_.load(std::memory_order_relaxed) &&
          !stopping_.load(std::memory_order_relaxed) && clock_t::now() < end) {
     std::this_thread::yield();
