@@ -8,9 +8,12 @@
 
 #include "config/backup_mount_cfg.h"
 #include "config/nfs_share_cfg.h"
+#include "config/reg_keys.h"
+#include "foundation/exc.h"
 #include "fuzz/program_session.h"
 #include "fuzz/service_world.h"
 #include "hostfs/host_fs_file_cache.h"
+#include "platform/guid.h"
 
 namespace {
 
@@ -57,11 +60,13 @@ class CSession : public fuzz::CProgramSession {
                   "nothing leads out of a share");
   }
 
-  /// A place that others reach without the service.
+  /// A place that others reach without the service. Its folder is no link: they themselves stay within the share.
   fs::path HostPath() {
     static const std::array<std::string, 12> Paths{"file", "folder", "FILE",        "a",        "b",           "A",
                                                    "link", "a.vmdk", "folder/file", "folder/a", "folder/link", "a/b"};
-    return World().Share() / Paths[Input().Byte() % Paths.size()];
+    const fs::path path = World().Share() / Paths[Input().Byte() % Paths.size()];
+    std::error_code ignored;
+    return fs::is_symlink(path.parent_path(), ignored) ? World().Share() / "other" : path;
   }
 
   void Happen(std::uint8_t number) override {
@@ -97,11 +102,7 @@ class CSession : public fuzz::CProgramSession {
   /// Links are made by others, and followed by the service alone.
   static fs::path NotALink(const fs::path& path) {
     std::error_code ignored;
-    for (fs::path at = path; at != World().Share(); at = at.parent_path()) {
-      if (fs::is_symlink(at, ignored) || fs::is_fifo(at, ignored))
-        return World().Share() / "other";
-    }
-    return path;
+    return fs::is_symlink(path, ignored) || fs::is_fifo(path, ignored) ? World().Share() / "other" : path;
   }
 
   void MakeLink() {
@@ -158,9 +159,22 @@ class CSession : public fuzz::CProgramSession {
     if (World().registry.quiet)
       return;
     World().Stop();
-    World().Start();
+    StartAsTheOperatorWould();
     fuzz::Require(World().Fs().GetShareHandle("fuzz") == root_ && World().Fs().GetShareId("fuzz") == uid_,
                   "a share outlives the service");
+  }
+
+  /// A mount keeps the service from starting when its folder has gone, until it is taken out of the registry.
+  void StartAsTheOperatorWould() const {
+    try {
+      World().Start();
+    } catch (const exc::runtime_exc_t& failure) {
+      fuzz::Require(std::string_view(failure.what()).starts_with("The specified mount folder does not exist."),
+                    "nothing else keeps the service from starting");
+      const std::string mount = std::string(regkeys::DynamicMounts) + "\\" + platform::GuidToText(mountUid_);
+      fuzz::Require(World().registry.DeleteKey(mount) == 0, "it is the mount that stands in the registry");
+      World().Start();
+    }
   }
 
   GUID uid_;
