@@ -152,7 +152,10 @@ class CSession : public fuzz::CProgramSession {
     cfg->mountPoint = Input().Byte() % 4 == 0 ? Name() : "folder";
     cfg->pipe = Input().Byte() % 8 == 0 ? Name() : fuzz::CServiceWorld::AgentPipe;
     cfg->vmName = "machine";
-    fuzz::Try([&] { World().Fs().MountBackupItems(mountUid_, cfg); });
+    if (!fuzz::Try([&] { World().Fs().MountBackupItems(mountUid_, cfg); })) {
+      // It may have taken the agent from the mount before, whose calls would then wait for it until the health check.
+      fuzz::Try([&] { World().Fs().DismountBackupItems(mountUid_); });
+    }
   }
 
   void Restart() {
