@@ -42,6 +42,10 @@ void RemoveKeyOf(std::string_view parent, const GUID& uid) {
 
 }  // namespace
 
+void CRegConfig::Check() {
+  ThrowIfFailed(Registry().Check(), "Failed to check the registry.", {});
+}
+
 void CRegConfig::CreateKeys() {
   try {
     CreateKey(regkeys::SharedFolders);

@@ -22,6 +22,8 @@ struct SRegConfigData {
 /// last text names the operation; reading skips what is damaged, with a line in the log.
 class CRegConfig {
  public:
+  /// Reads all that the registry holds, whoever wrote it: before a start drops what it does not find there.
+  void Check();
   /// Makes the three keys if they are missing.
   void CreateKeys();
   /// Shares, then mounts, then items; what the record held before is dropped.

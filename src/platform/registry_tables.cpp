@@ -333,4 +333,11 @@ error_t registry_tables_t::ReadTree(std::int64_t id, registry_node_t& node, unsi
   return result;
 }
 
+error_t registry_tables_t::Check() {
+  sqlite_query_t query(check_);
+  if (!query.Next())
+    return query.Error() == error::Success ? error::BadDatabase : query.Error();
+  return query.Text(0) == "ok" ? error::Success : error::BadDatabase;
+}
+
 }  // namespace platform

@@ -60,6 +60,8 @@ class registry_tables_t {
   error_t Visit(std::int64_t id, registry_t::visit_order_t order, const registry_t::visitor_t& visit);
   /// Fills everything but the name.
   error_t ReadTree(std::int64_t id, registry_node_t& node, unsigned depth);
+  /// 1009 unless each page holds what the others say of it, and the index what is in the tables.
+  error_t Check();
 
  private:
   /// A transaction whose end lacked memory is still open, and nothing can be begun inside it.
@@ -108,6 +110,8 @@ class registry_tables_t {
                                   "SELECT s.id, s.name, v.name, v.type, v.data, k.id FROM keys k NOT INDEXED "
                                   "CROSS JOIN keys s ON s.parent = k.id LEFT JOIN vals v ON v.key = s.id "
                                   "WHERE k.parent = ? ORDER BY k.id, s.name, v.name"};
+
+  sqlite_statement_t check_{db_, "PRAGMA integrity_check(1)"};
 
   /// Keys by their folded paths: those that others are looked up below, few and asked for again and again.
   std::map<std::string, std::int64_t, std::less<>> known_;

@@ -288,6 +288,10 @@ error_t sqlite_registry_t::ReadTree(std::string_view key, registry_node_t& node)
   return impl_->Read(key, [&node](registry_tables_t& tables, std::int64_t id) { return tables.ReadTree(id, node, 0); });
 }
 
+error_t sqlite_registry_t::Check() {
+  return impl_->Read({}, [](registry_tables_t& tables, std::int64_t) { return tables.Check(); });
+}
+
 error_t sqlite_registry_t::Begin() {
   return impl_->Begin();
 }

@@ -27,6 +27,7 @@ class sqlite_registry_t final : public registry_t {
   error_t EnumerateValues(std::string_view key, std::vector<registry_value_t>& values) override;
   error_t VisitKeys(std::string_view key, visit_order_t order, const visitor_t& visit) override;
   error_t ReadTree(std::string_view key, registry_node_t& node) override;
+  error_t Check() override;
   error_t Begin() override;
   error_t Commit() override;
   void Rollback() noexcept override;

@@ -25,7 +25,7 @@ class DiskFaultsTest : public CFaultTest {
     }
   }
 };
-KELVO_FAULT_SUITE(DiskFaultsTest);
+KELVO_WIRE_SUITE(DiskFaultsTest);
 
 TEST_P(DiskFaultsTest, AFullShareTakesNoWritesAndKeepsWhatItTook) {
   const auto disk = MakeDisk(service_.Root(), "2m");

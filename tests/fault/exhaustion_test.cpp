@@ -79,7 +79,7 @@ class ExhaustionTest : public CFaultTest {
 };
 KELVO_WIRE_SUITE(ExhaustionTest);
 class MemoryFaultsTest : public ExhaustionTest {};
-KELVO_FAULT_SUITE(MemoryFaultsTest);
+KELVO_WIRE_SUITE(MemoryFaultsTest);
 
 TEST_P(ExhaustionTest, WithoutDescriptorsFilesCannotBeOpenedAndConnectionsWait) {
   WriteFile(HostPath("closed"), "closed");

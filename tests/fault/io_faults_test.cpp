@@ -24,7 +24,7 @@ class IoFaultsTest : public CFaultTest {
   bytes_t bad_;     ///< Open in the service.
   bytes_t closed_;  ///< Not open yet.
 };
-KELVO_FAULT_SUITE(IoFaultsTest);
+KELVO_WIRE_SUITE(IoFaultsTest);
 
 TEST_P(IoFaultsTest, AReadThatFailsIsToldAndTheNextIsTriedAgain) {
   // Data of this size does not come into the service's memory.

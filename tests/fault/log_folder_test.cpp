@@ -21,7 +21,7 @@ class LogFolderTest : public CFaultTest {
     }
   }
 };
-KELVO_FAULT_SUITE(LogFolderTest);
+KELVO_WIRE_SUITE(LogFolderTest);
 
 TEST_P(LogFolderTest, AFullDiskCostsLinesAndNothingElse) {
   const auto disk = MakeDisk(LogFolder(), "1m");

@@ -30,6 +30,7 @@ class ForwardingRegistry : public platform::registry_t {
   platform::error_t EnumerateValues(std::string_view key, std::vector<platform::registry_value_t>& values) override {
     return target_.EnumerateValues(key, values);
   }
+  platform::error_t Check() override { return target_.Check(); }
   platform::error_t VisitKeys(std::string_view key, visit_order_t order, const visitor_t& visit) override {
     return target_.VisitKeys(key, order, visit);
   }

@@ -54,6 +54,8 @@ CVirtualFs::~CVirtualFs() {
 
 void CVirtualFs::Initialize() {
   invoker_ = CFsProcInvoker::Create("hostfs", 1, completionEventsAllocator_);
+  // What a damaged page hides would be taken for gone: its handles, its shares, the place of the root folder.
+  regConfig_->Check();
 
   const std::string rootFolder = CRegConfigRootFolder(true).Get();
   g_nfs_log.Info("Trying to create root folder '%1'.", rootFolder);

@@ -75,6 +75,3 @@ class CFaultTest : public CWireTest {
 };
 
 }  // namespace test
-
-#define KELVO_FAULT_SUITE(fixture) \
-  INSTANTIATE_TEST_SUITE_P(Server, fixture, testing::Values(test::AsyncServer), test::ServerName)

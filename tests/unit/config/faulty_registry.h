@@ -65,6 +65,10 @@ class FaultyRegistry : public platform::registry_t {
     const platform::error_t number = Fault("EnumerateValues", key);
     return number != 0 ? number : target_.EnumerateValues(key, values);
   }
+  platform::error_t Check() override {
+    const platform::error_t number = Fault("Check", {});
+    return number != 0 ? number : target_.Check();
+  }
   platform::error_t VisitKeys(std::string_view key, visit_order_t order, const visitor_t& visit) override {
     const platform::error_t number = Fault("VisitKeys", key);
     return number != 0 ? number : target_.VisitKeys(key, order, visit);
