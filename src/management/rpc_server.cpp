@@ -147,16 +147,19 @@ running_server_t& RunningServer() {
 
 auth_level_t ReadMinimumAuthLevel() {
   constexpr std::string_view Name = "MinimumAuthLevel";
-  std::uint32_t number = 0;
-  if (platform::registry_t::Instance().GetDword(regkeys::Root, Name, number) != platform::error::Success)
+  platform::registry_data_t data;
+  const platform::error_t result = platform::registry_t::Instance().GetValue(regkeys::Root, Name, data);
+  if (result == platform::error::FileNotFound)
     return auth_level_t::Connect;
-  if (number < static_cast<std::uint32_t>(auth_level_t::Connect) ||
-      number > static_cast<std::uint32_t>(auth_level_t::Privacy)) {
-    g_rpc_log.Warning("Invalid value of %1 was read from registry, setting '%2' is skipped.", Name, number);
-    return auth_level_t::Connect;
+  const auto* const number = result == platform::error::Success ? std::get_if<std::uint32_t>(&data) : nullptr;
+  if (number == nullptr || *number < static_cast<std::uint32_t>(auth_level_t::Connect) ||
+      *number > static_cast<std::uint32_t>(auth_level_t::Privacy)) {
+    g_rpc_log.Warning("The value %1 is no REG_DWORD from 2 to 6 or cannot be read: the highest level is demanded.",
+                      Name);
+    return auth_level_t::Privacy;
   }
-  g_rpc_log.Info("%1 = %2.", Name, number);
-  return static_cast<auth_level_t>(number);
+  g_rpc_log.Info("%1 = %2.", Name, *number);
+  return static_cast<auth_level_t>(*number);
 }
 
 void StartRpcListening(const CRpcServerConfig& config, IRpcRuntime& runtime) {

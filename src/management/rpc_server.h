@@ -26,7 +26,8 @@ struct CRpcServerConfig {
 };
 
 /// The level that the value MinimumAuthLevel (REG_DWORD, 2 to 6) of the service's key demands of authenticated callers
-/// of DoRpc; Connect, which admits all of them, when there is none. Any other number is logged and skipped.
+/// of DoRpc; Connect, which admits all of them, when there is none. Who set something else wanted protection: that is
+/// Privacy, with a line in the log.
 dcerpc::auth_level_t ReadMinimumAuthLevel();
 
 /// Opens the endpoints of the configuration and the Unix socket, and begins to serve. Waits on platform::Clock() for

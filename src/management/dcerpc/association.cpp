@@ -11,6 +11,8 @@ namespace dcerpc {
 namespace {
 
 constexpr std::uint8_t LastMinorVersion = 1;
+/// A client has one for each interface that it calls.
+constexpr std::size_t MostContexts = 32;
 
 /// The first half of the "transfer syntax" with which a peer tells its features; their bits are in the next byte
 /// ([MS-RPCE] 2.2.2.14).
@@ -195,6 +197,8 @@ SContextResult CAssociation::Judge(const SPresentationContext& context) {
     return {SContextResult::ProviderRejection, SContextResult::AbstractSyntaxNotSupported, {}};
   if (std::find(offered.begin(), offered.end(), NdrSyntax) == offered.end())
     return {SContextResult::ProviderRejection, SContextResult::TransferSyntaxesNotSupported, {}};
+  if (contexts_.size() >= MostContexts && !contexts_.contains(context.id))
+    return {SContextResult::ProviderRejection, SContextResult::LocalLimitExceeded, {}};
   contexts_[context.id] = std::move(found);
   return {SContextResult::Acceptance, 0, NdrSyntax};
 }
@@ -231,6 +235,9 @@ std::optional<SToken> CAssociation::Authenticate(const SPdu& pdu) {
 void CAssociation::BeginAuthentication(const SAuthTrailer& trailer) {
   // From here on it is a peer that wants to be known: it makes no call as one that is not.
   securityState_ = security_state_t::Pending;
+  // Its first fragments came from anyone, and its last one would make it the caller's.
+  if (IsInRequest())
+    throw exc::runtime_exc_t("A token comes inside of a request.");
   if (settings_.security == nullptr)
     throw exc::runtime_exc_t("Authentication is not offered here.");
   if (!IsServedLevel(trailer.level))

@@ -120,6 +120,7 @@ struct SContextResult {
   static constexpr std::uint16_t NegotiateAck = 3;
   static constexpr std::uint16_t AbstractSyntaxNotSupported = 1;
   static constexpr std::uint16_t TransferSyntaxesNotSupported = 2;
+  static constexpr std::uint16_t LocalLimitExceeded = 3;
 
   std::uint16_t result = Acceptance;
   std::uint16_t reason = 0;

@@ -107,7 +107,8 @@ void CRemoteFsMounter::Resume(const mounts_cfg_t& mountsCfg) {
   }
 }
 
-void CRemoteFsMounter::Mount(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg) {
+void CRemoteFsMounter::Mount(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg,
+                             const store_t& store) {
   // The catalogue would take its items for the host's.
   if (mountUid.IsNil())
     throw exc::runtime_exc_t("A backup mount cannot have the ID [%1].", platform::GuidToText(mountUid));
@@ -117,6 +118,8 @@ void CRemoteFsMounter::Mount(const GUID& mountUid, const boost::shared_ptr<CBack
   connector->Connect();
   Publish(mountUid, connector, FindMount(mountUid));
   PutMount(mountUid, {cfg, connector});
+  if (store)
+    store();
 }
 
 std::uint64_t CRemoteFsMounter::FindMountFolder(const CBackupMountCfg& cfg) {
@@ -143,14 +146,15 @@ void CRemoteFsMounter::Publish(const GUID& mountUid, const boost::shared_ptr<CRe
   }
 }
 
-void CRemoteFsMounter::Dismount(const GUID& mountUid) {
+void CRemoteFsMounter::Dismount(const GUID& mountUid, const store_t& store) {
   const CChange change(*this, mountUid);
-  const mount_t mount = FindMount(mountUid);
-  if (!mount.second) {
+  if (const mount_t mount = FindMount(mountUid); mount.second) {
+    Withdraw(mountUid, mount);
+  } else {
     g_nfs_log.Warning("Mount configuration \"%1\" was not found.", platform::GuidToText(mountUid));
-    return;
   }
-  Withdraw(mountUid, mount);
+  if (store)
+    store();
 }
 
 void CRemoteFsMounter::Withdraw(const GUID& mountUid, const mount_t& mount) {

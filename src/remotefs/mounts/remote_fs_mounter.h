@@ -4,6 +4,7 @@
 #include <boost/shared_ptr.hpp>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <mutex>
@@ -28,6 +29,7 @@ class CRemoteFsMounter {
  public:
   using mounts_cfg_t = std::map<GUID, boost::shared_ptr<CBackupMountCfg>>;
   using connectors_t = std::map<GUID, boost::shared_ptr<CRemoteFsConnector>>;
+  using store_t = std::function<void()>;
 
   /// Resumes the stored mounts. One whose agent is away is no failure; one whose folder is not there is thrown.
   CRemoteFsMounter(const mounts_cfg_t& mountsCfg, boost::shared_ptr<CFsItemsTab> itemsTab,
@@ -39,10 +41,11 @@ class CRemoteFsMounter {
   ~CRemoteFsMounter();
 
   /// Publishes a mount, in the place of one with the same identity. A failure to reach the agent or to find the folder
-  /// changes nothing.
-  void Mount(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg);
-  /// Withdraws a mount and its items. An unknown one is no fault.
-  void Dismount(const GUID& mountUid);
+  /// changes nothing. store: called once the mount stands, before another change of it begins; what it throws passes
+  /// through, and the mount stays.
+  void Mount(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg, const store_t& store = {});
+  /// Withdraws a mount and its items. An unknown one is no fault. store: as with Mount, also for an unknown one.
+  void Dismount(const GUID& mountUid, const store_t& store = {});
   /// The folder on which the mount is published. Every failure is told as "Failed to resolve RFS mount UID to FID.
   /// Mount UID: [%1]." with its cause.
   std::uint64_t ResolveMountRootFid(const GUID& mountUid) const;

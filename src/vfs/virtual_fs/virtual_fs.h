@@ -179,6 +179,7 @@ class CVirtualFs {
   std::atomic<std::uint64_t> renamesBegun_{0};
   std::atomic<std::uint64_t> renamesEnded_{0};
 
+  std::mutex sharesMutex_;        // One change of the shares at a time, so that table and registry end up the same.
   mutable std::mutex sizeMutex_;  // Guards the three below.
   bool customSizeSet_ = false;
   std::uint64_t customTotalBytes_ = 0;

@@ -25,6 +25,7 @@ GUID CVirtualFs::CreateShare(const boost::shared_ptr<CNfsShareCfg>& cfg) {
   try {
     g_nfs_log.Info("[COM] Creating NFS share [%1] (Local path: [%2]).", cfg->nfsFolderName, cfg->localPath);
     const GUID uid = platform::NewGuid();
+    const std::lock_guard change(sharesMutex_);
     MountShare(uid, cfg, InvalidFid);
     regConfig_->SaveShare(uid, *cfg);
     g_nfs_log.Info("[COM] NFS share \"%1\" is created.", cfg->nfsFolderName);
@@ -38,8 +39,11 @@ GUID CVirtualFs::CreateShare(const boost::shared_ptr<CNfsShareCfg>& cfg) {
 void CVirtualFs::DismountShare(const GUID& uid) {
   CheckNotLocked();
   g_nfs_log.Info("[COM] Dismounting NFS share (ID: [%1]).", platform::GuidToText(uid));
-  regConfig_->RemoveShare(uid);
-  itemsTab_->UnregisterShare(uid);
+  {
+    const std::lock_guard change(sharesMutex_);
+    regConfig_->RemoveShare(uid);
+    itemsTab_->UnregisterShare(uid);
+  }
   g_nfs_log.Info("[COM] NFS share was dismounted.");
 }
 
@@ -47,8 +51,7 @@ void CVirtualFs::MountBackupItems(const GUID& mountUid, const boost::shared_ptr<
   CheckNotLocked();
   try {
     g_nfs_log.Info("[COM] Mounting backup items.");
-    mounter_->Mount(mountUid, cfg);
-    regConfig_->SaveMount(mountUid, *cfg);
+    mounter_->Mount(mountUid, cfg, [&] { regConfig_->SaveMount(mountUid, *cfg); });
     g_nfs_log.Info("[COM] Items were mounted");
     g_nfs_log.Info("[COM] Backup items were mounted.");
   } catch (const std::exception& failure) {
@@ -62,8 +65,7 @@ void CVirtualFs::DismountBackupItems(const GUID& mountUid) {
   const std::string uidText = platform::GuidToText(mountUid);
   try {
     g_nfs_log.Info("[COM] Dismounting backup items. Mount ID: [%1].", uidText);
-    mounter_->Dismount(mountUid);
-    regConfig_->RemoveMount(mountUid);
+    mounter_->Dismount(mountUid, [&] { regConfig_->RemoveMount(mountUid); });
     g_nfs_log.Info("[COM] Items were dismounted.");
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to unmount backup items. Mount ID: [%1].", failure, uidText);

@@ -366,14 +366,22 @@ TEST_F(RpcServerTest, TheMinimumLevelComesFromTheRegistry) {
     ASSERT_EQ(registry_.SetDword(regkeys::RpcSettings, "MinimumAuthLevel", level), Success);
     EXPECT_EQ(ReadMinimumAuthLevel(), static_cast<auth_level_t>(level));
   }
-  for (const std::uint32_t level : {0U, 1U, 7U, 262U}) {
+}
+
+TEST_F(RpcServerTest, AMinimumLevelThatIsNoneIsTheHighest) {
+  const auto expectHighest = [] {
     const test::CapturedLog log;
-    ASSERT_EQ(registry_.SetDword(regkeys::RpcSettings, "MinimumAuthLevel", level), Success);
-    EXPECT_EQ(ReadMinimumAuthLevel(), auth_level_t::Connect);
+    EXPECT_EQ(ReadMinimumAuthLevel(), auth_level_t::Privacy);
     EXPECT_EQ(log.Texts("Warning").size(), 1U);
+  };
+  for (const std::uint32_t level : {0U, 1U, 7U, 262U}) {
+    ASSERT_EQ(registry_.SetDword(regkeys::RpcSettings, "MinimumAuthLevel", level), Success);
+    expectHighest();
   }
-  ASSERT_EQ(registry_.SetText(regkeys::RpcSettings, "MinimumAuthLevel", "6"), Success);
-  EXPECT_EQ(ReadMinimumAuthLevel(), auth_level_t::Connect);
+  ASSERT_EQ(registry_.SetText(regkeys::RpcSettings, "MinimumAuthLevel", "5"), Success);
+  expectHighest();
+  ASSERT_EQ(registry_.SetQword(regkeys::RpcSettings, "MinimumAuthLevel", 5), Success);
+  expectHighest();
 }
 
 TEST_F(RpcServerTest, TheMinimumLevelGuardsCommandsAlone) {

@@ -90,6 +90,15 @@ TEST_F(AssociationSecurityTest, AuthenticationMayBeginWithAlterContext) {
   EXPECT_EQ(ResponseStub(3), Bytes("peer|REALM\\peer|2|yes"));
 }
 
+TEST_F(AssociationSecurityTest, NoRequestThatBeganBeforeTheAuthenticationIsMadeAsTheCallers) {
+  Bind();
+  ASSERT_TRUE(Give(Fragment(3, FakeInterface::WhoAmI, "what anyone says", pdu_flag::First)));
+  AlterWith(TokenOf("hello alone", auth_level_t::Connect));
+  EXPECT_FALSE(association_->Caller().authenticated);
+  ASSERT_TRUE(Give(Fragment(3, FakeInterface::WhoAmI, "", pdu_flag::Last)));
+  EXPECT_EQ(FaultStatus(3), fault::AccessDenied);
+}
+
 TEST_F(AssociationSecurityTest, RefusedTokensEndTheBind) {
   const auto expectRefused = [this](const SToken& token) {
     Connect();

@@ -113,6 +113,28 @@ TEST_F(CAssociationTest, AlterContextAddsContexts) {
   EXPECT_EQ(ResponseStub(6), Bytes("b"));
 }
 
+TEST_F(CAssociationTest, APeerHasContextsForWhatItCallsAndNoMore) {
+  constexpr std::uint16_t Most = 32;
+  Bind();
+  const auto addContext = [this](std::uint16_t id) {
+    EXPECT_TRUE(Give(EncodeBind(ClientHeader(pdu_type_t::AlterContext, 4),
+                                test::BindOf({{id, FakeInterface::Identity(), {NdrSyntax}}}), std::nullopt)));
+    const bytes_t answer = Answer();
+    return DecodeBindAck(ParsePdu(answer)).results.at(0);
+  };
+  for (std::uint16_t id = 1; id < Most; ++id)
+    EXPECT_EQ(addContext(id), (SContextResult{SContextResult::Acceptance, 0, NdrSyntax})) << id;
+  const SContextResult refused{SContextResult::ProviderRejection, SContextResult::LocalLimitExceeded, {}};
+  EXPECT_EQ(addContext(Most), refused);
+  EXPECT_EQ(addContext(65535), refused);
+  // Those that it has stay, and may be told again.
+  EXPECT_EQ(addContext(Most - 1).result, SContextResult::Acceptance);
+  ASSERT_TRUE(Give(Fragment(5, FakeInterface::Echo, "a", 3, Most - 1)));
+  EXPECT_EQ(ResponseStub(5), Bytes("a"));
+  ASSERT_TRUE(Give(Fragment(6, FakeInterface::Echo, "a", 3, Most)));
+  EXPECT_EQ(FaultStatus(6), fault::UnknownInterface);
+}
+
 TEST_F(CAssociationTest, OtherVersionsOfTheProtocolAreTurnedAway) {
   for (const auto& [major, minor] : {std::pair{4, 0}, {6, 0}, {5, 2}}) {
     Connect();

@@ -3,12 +3,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <thread>
 
 #include "config/backup_mount_cfg.h"
 #include "config/reg_config.h"
 #include "support/captured_log.h"
 #include "support/fake_mount_agent.h"
+#include "support/forwarding_registry.h"
 #include "virtual_fs_fixture.h"
 
 namespace test {
@@ -121,6 +125,60 @@ TEST_F(BackupMounts, AFileMadeOverOneOfThemIsAllThatIsStored) {
   EXPECT_THAT(backings, ElementsAre(platform::GuidToText(GUID{})));
   Restart();
   EXPECT_EQ(Read(fid), "of the host");
+}
+
+/// While something is written below a key, lets another thread do what it would undo.
+class InterruptedRegistry : public ForwardingRegistry {
+ public:
+  InterruptedRegistry(platform::registry_t& target, std::string below, std::function<void()> other)
+      : ForwardingRegistry(target), below_(std::move(below)), other_(std::move(other)) {
+    replaced_ = SetInstance(this);
+  }
+  InterruptedRegistry(const InterruptedRegistry&) = delete;
+  InterruptedRegistry& operator=(const InterruptedRegistry&) = delete;
+  ~InterruptedRegistry() override { SetInstance(replaced_); }
+
+  platform::error_t SetValues(std::string_view key, const std::vector<platform::registry_value_t>& values) override {
+    if (key.find(below_) != std::string_view::npos && !interrupted_.exchange(true)) {
+      ended_ = std::async(std::launch::async, other_);
+      // It is over by then, or waits for what is done here.
+      ended_.wait_for(std::chrono::milliseconds(100));
+    }
+    return ForwardingRegistry::SetValues(key, values);
+  }
+  void Join() {
+    ASSERT_TRUE(interrupted_);
+    ended_.get();
+  }
+
+ private:
+  const std::string below_;
+  const std::function<void()> other_;
+  std::atomic<bool> interrupted_{false};
+  std::future<void> ended_;
+  platform::registry_t* replaced_ = nullptr;
+};
+
+TEST_F(BackupMounts, OneThatIsWithdrawnWhileItIsStoredIsNotStored) {
+  InterruptedRegistry interrupted(registry, "\\Dynamic mounts\\", [this] { fs->DismountBackupItems(mountUid); });
+  Mount();
+  interrupted.Join();
+  EXPECT_THAT(fs->EnumLocks(), IsEmpty());
+  EXPECT_THAT(StoredMounts(), IsEmpty());
+}
+
+TEST_F(BackupMounts, AShareThatIsDismountedWhileItIsStoredIsNotStored) {
+  InterruptedRegistry interrupted(registry, "\\Shared Folders\\",
+                                  [this] { fs->DismountShare(fs->GetShareId("brief")); });
+  const auto share = boost::make_shared<CNfsShareCfg>();
+  share->nfsFolderName = "brief";
+  share->localPath = local.string();
+  const GUID uid = fs->CreateShare(share);
+  interrupted.Join();
+  EXPECT_THROW(fs->GetShareCfgCopy(uid), exc::runtime_exc_t);
+  SRegConfigData catalogue;
+  CRegConfig().Load(catalogue);
+  EXPECT_FALSE(catalogue.shares.contains(uid));
 }
 
 TEST_F(BackupMounts, ADismountOfAnUnknownOneSucceeds) {
