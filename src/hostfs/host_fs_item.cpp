@@ -11,9 +11,8 @@ namespace host_fs_item {
 namespace error = platform::error;
 
 bool MeansAbsent(platform::error_t failure) noexcept {
-  constexpr platform::error_t CircleOfLinks = 1921;
   return failure == error::FileNotFound || failure == error::PathNotFound || failure == error::AccessDenied ||
-         failure == error::FilenameExceedsRange || failure == CircleOfLinks;
+         failure == error::FilenameExceedsRange || failure == error::TooManyLinks;
 }
 
 platform::error_t TryGetAttributes(const CHostFsNode& node, WIN32_FILE_ATTRIBUTE_DATA& attributes) {

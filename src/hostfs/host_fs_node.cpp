@@ -184,6 +184,15 @@ boost::shared_ptr<const platform::location_t> CHostFsNode::Location() const {
   return LocationLocked();
 }
 
+boost::shared_ptr<const platform::location_t> CHostFsNode::LocationOr(platform::error_t& absence) const {
+  const std::lock_guard lock(tree_->lock);
+  boost::shared_ptr<const platform::location_t> present = LocationLocked();
+  if (!present) {
+    absence = IsGoingLocked() ? platform::error::SharingViolation : platform::error::FileNotFound;
+  }
+  return present;
+}
+
 boost::shared_ptr<const platform::location_t> CHostFsNode::LocationAfterRenames() const {
   const std::lock_guard<std::mutex> lock(tree_->renames);
   return Location();

@@ -40,10 +40,12 @@ class CHostFsNode {
   platform::files_t& Files() const;
 
   /// Runs `call` with the location (a shared pointer), again when it found nothing there (2, 3) while something in the
-  /// tree was renamed. Gives 2 for a node that was replaced.
+  /// tree was renamed. Gives 2 for a node that was replaced, and 32 while it or a folder around it is being deleted:
+  /// it may yet stay.
   template <typename Call>
   platform::error_t AtLocation(const Call& call) const {
-    boost::shared_ptr<const platform::location_t> location = Location();
+    platform::error_t absence = platform::error::Success;
+    boost::shared_ptr<const platform::location_t> location = LocationOr(absence);
     while (location) {
       const platform::error_t failure = call(location);
       if (failure != platform::error::FileNotFound && failure != platform::error::PathNotFound) {
@@ -55,7 +57,7 @@ class CHostFsNode {
       }
       location = std::move(present);
     }
-    return platform::error::FileNotFound;
+    return absence;
   }
 
   /// As AtLocation, and again when it succeeded while the node was moved, replaced or deleted: for calls that open or
@@ -123,6 +125,8 @@ class CHostFsNode {
   void Relink(const std::string& oldName, const std::string& newName, const std::string& replacedName);
   bool IsBeingRenamedLocked(std::string_view childName) const;
   bool IsGoingLocked() const;
+  /// Tells why there is none.
+  boost::shared_ptr<const platform::location_t> LocationOr(platform::error_t& absence) const;
   boost::shared_ptr<const platform::location_t> LocationLocked() const;
   boost::shared_ptr<const platform::location_t> LocationAfterRenames() const;
   /// Whether it is there, and neither it nor a folder around it is just being renamed or replaced; also while it or

@@ -194,7 +194,13 @@ platform::error_t CFolderContent::ReadNames(std::vector<std::string>& names) con
 platform::error_t CFolderContent::Find(const std::string& name, platform::descriptor_t& place,
                                        struct stat& status) const {
   // Looked at before it is opened: opening a device can act on it.
-  const platform::error_t failure = platform::OpenBelow(source_.Get(), name, O_PATH, 0, place);
+  platform::error_t failure = platform::OpenBelow(source_.Get(), name, O_PATH, 0, place, platform::links_t::Refused);
+  if (failure == error::TooManyLinks) {
+    failure = platform::OpenBelow(source_.Get(), name, O_PATH, 0, place);
+    // A link that leads out of the folder, or round in a circle, is as good as none.
+    if (failure == error::AccessDenied || failure == error::TooManyLinks)
+      return error::FileNotFound;
+  }
   if (failure != error::Success)
     return failure;
   if (::fstat(place.Get(), &status) != 0)
@@ -206,8 +212,7 @@ platform::error_t CFolderContent::OpenSource(const std::string& name, platform::
                                              struct stat& status) const {
   platform::descriptor_t place(-1);
   if (const platform::error_t failure = Find(name, place, status); failure != error::Success)
-    // A link that leads out of the folder is as good as none.
-    return failure == error::AccessDenied ? error::FileNotFound : failure;
+    return failure;
   const int flags = O_CLOEXEC | (options_.writes == writes_t::ToSource ? O_RDWR : O_RDONLY);
   file = platform::descriptor_t(::open(("/proc/self/fd/" + std::to_string(place.Get())).c_str(), flags));
   return file.IsOpen() ? error::Success : platform::LastError();
@@ -223,8 +228,12 @@ platform::error_t CFolderContent::List(const path_t& path, std::vector<SListedIt
   for (std::string& name : names) {
     platform::descriptor_t place(-1);
     struct stat status {};
-    if (Find(name, place, status) != error::Success)
+    const platform::error_t failure = Find(name, place, status);
+    if (failure == error::FileNotFound || failure == error::PathNotFound)
       continue;
+    // The service would forget for good what it does not find in a listing.
+    if (failure != error::Success)
+      return failure;
     auto size = static_cast<std::uint64_t>(status.st_size);
     {
       const std::lock_guard lock(mutex_);

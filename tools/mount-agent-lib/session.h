@@ -17,8 +17,8 @@ namespace mount_agent {
 /// The commands of the protocol; each request begins with one.
 enum class command_t : std::uint32_t { Enumerate = 0, Open = 1, Read = 2, Write = 3, GetSize = 4 };
 
-/// The longest read that is answered in full; a longer one gets this much.
-inline constexpr std::uint32_t MaxReadLength = 16U << 20U;
+/// The longest read that is answered in full; a longer one gets this much, and the service does not ask for it.
+inline constexpr std::uint32_t MaxReadLength = 40U << 20U;
 /// The longest request that is received: the largest write, and room to spare.
 inline constexpr std::uint32_t MaxRequestLength = MaxReadLength + 4096;
 /// Reads of this length and more are answered from where they lie, when the item tells: below, a copy costs less.

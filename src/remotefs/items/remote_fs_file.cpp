@@ -4,6 +4,18 @@
 
 #include "foundation/log.h"
 
+namespace {
+
+/// An agent answers a longer read in part, which would be taken for the end of the file, and takes no longer write.
+constexpr std::uint32_t InvalidCount = 0x2800000;
+
+void CheckCount(std::uint32_t count) {
+  if (count >= InvalidCount)
+    throw exc::runtime_exc_t("Specified  length of the file buffer is invalid: [%1].", count);
+}
+
+}  // namespace
+
 CRemoteFsFile::CRemoteFsFile(boost::shared_ptr<CRemoteFsConnector> connector, std::string path, const GUID& mountUid,
                              const SRemoteHandle& handle, std::uint64_t sizeHint)
     : CRemoteFsItem(std::move(connector), std::move(path), mountUid), handle_(handle) {
@@ -58,6 +70,7 @@ void CRemoteFsFile::GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) {
 }
 
 void CRemoteFsFile::Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) {
+  CheckCount(count);
   times_.NoteRead();
   // Received where it leaves from.
   remotevfs::Buffer reply(std::move(buffer.data));
@@ -77,6 +90,7 @@ void CRemoteFsFile::Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffe
 
 void CRemoteFsFile::WriteFrom(std::uint64_t offset, std::uint32_t count, const void* data,
                               platform::kernel_pipe_t* rest) {
+  CheckCount(count);
   times_.NoteWrite();
   const CRemoteVfsClientHolder client = connector_->GetClient();
   const std::int32_t written = client->Write(HandleOn(client), offset, count, data, rest);

@@ -19,6 +19,11 @@ std::uint32_t TickCount() {
   return static_cast<std::uint32_t>(platform::Clock().MonotonicMilliseconds());
 }
 
+/// No agent is asked for what can be no entry of a folder.
+bool CanBeAsked(const std::string& name) {
+  return platform::IsPlainName(name) && platform::IsValidUtf8(name);
+}
+
 bool IsRecent(std::uint32_t last, std::uint32_t now) {
   return last == now || (now > last && now - last < LookupFailurePeriodMs);
 }
@@ -98,8 +103,7 @@ boost::shared_ptr<IFsItem> CRemoteFsFolder::OpenFile(const std::string& name) {
 }
 
 boost::shared_ptr<IFsItem> CRemoteFsFolder::OpenChild(const std::string& name) {
-  // No agent is asked for what can be no entry of a folder.
-  if (!platform::IsPlainName(name) || !platform::IsValidUtf8(name))
+  if (!CanBeAsked(name))
     return {};
   try {
     return OpenFile(name);
@@ -134,13 +138,17 @@ boost::shared_ptr<IFsItem> CRemoteFsFolder::MakePlaceholder(const SFsItemSpec& s
 }
 
 boost::shared_ptr<IFsItem> CRemoteFsFolder::ResumeChild(const std::string& name, const SFsItemSpec& spec) {
-  if (connector_->IsConnected()) {
-    auto child = OpenChild(name);
-    // An agent that goes just now has not said that the file is gone, and hosts hold its handle.
-    if (child || connector_->IsConnected())
-      return child;
+  if (!connector_->IsConnected())
+    return MakePlaceholder(spec);
+  if (!CanBeAsked(name))
+    return {};
+  try {
+    return OpenFile(name);
+  } catch (const std::exception& failure) {
+    // An agent that fails has not said that the file is gone, and hosts hold its handle.
+    ProcessLookupFail(name, failure);
+    return MakePlaceholder(spec);
   }
-  return MakePlaceholder(spec);
 }
 
 void CRemoteFsFolder::DeleteChild(const std::string& name) {

@@ -109,6 +109,22 @@ TEST_F(HostFsNodeTest, ACallIsSettledWhileItsNodeIsBeingDeleted) {
   EXPECT_EQ(PathsTried(*file, removeForGood, platform::error::FileNotFound), paths_t{"/nowhere/folder/file"});
 }
 
+TEST_F(HostFsNodeTest, WhatIsBeingDeletedIsNotSaidToBeGone) {
+  const CHostFsNodePtr folder = root_->Child("folder");
+  const CHostFsNodePtr file = folder->Child("file");
+  const auto expect = [&](platform::error_t expected) {
+    for (const CHostFsNodePtr& node : {folder, file})
+      EXPECT_EQ(node->AtLocation([](const auto&) { return platform::error::Success; }), expected) << node->Path();
+  };
+  ASSERT_EQ(root_->TakeChild("folder"), folder);
+  expect(platform::error::SharingViolation);
+  root_->PutBack(folder);
+  expect(platform::error::Success);
+  ASSERT_EQ(root_->TakeChild("folder"), folder);
+  root_->ChildIsGone(*folder);
+  expect(platform::error::FileNotFound);
+}
+
 TEST_F(HostFsNodeTest, WhatIsMadeDuringARenameIsNotTheNodeThatIsRenamed) {
   const CHostFsNodePtr file = root_->Child("file");
   std::thread maker;

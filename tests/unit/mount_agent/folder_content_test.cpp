@@ -1,5 +1,7 @@
 #include "kelvo-mount-agent/folder_content.h"
 
+#include <sys/fsuid.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -52,6 +54,35 @@ TEST_F(FolderContentTest, SeesRegularFilesRightInTheFolder) {
   EXPECT_EQ(TryOpen(*content, {}), error::FileNotFound);
   EXPECT_EQ(TryOpen(*content, {"sub", "inner"}), error::FileNotFound);
   EXPECT_EQ(TryOpen(*content, {"..", "outside"}), error::FileNotFound);
+}
+
+/// The thread's right to files is that of an account without any.
+class ForeignUser {
+ public:
+  ForeignUser() { ::setfsuid(65534); }
+  ForeignUser(const ForeignUser&) = delete;
+  ForeignUser& operator=(const ForeignUser&) = delete;
+  ~ForeignUser() { ::setfsuid(::geteuid()); }
+};
+
+TEST_F(FolderContentTest, WhatCannotBeReachedIsNotSaidToBeGone) {
+  WriteFile(SourceFile("disk"), "data");
+  fs::create_symlink("disk", SourceFile("link"));
+  const auto content = MakeContent(writes_t::Refused, false);
+  ASSERT_EQ(::chmod(Source().c_str(), 0600), 0);
+  {
+    const ForeignUser noRights;
+    EXPECT_EQ(TryOpen(*content, {"disk"}), error::AccessDenied);
+    std::vector<mount_agent::SListedItem> items;
+    EXPECT_EQ(content->List({}, items), error::AccessDenied);
+  }
+  ASSERT_EQ(::chmod(Source().c_str(), 0700), 0);
+  EXPECT_EQ(Names(*content), (std::vector<std::string>{"disk", "link"}));
+  fs::create_symlink("circle", SourceFile("circle"));
+  fs::create_symlink("nowhere", SourceFile("dangling"));
+  EXPECT_EQ(Names(*content), (std::vector<std::string>{"disk", "link"}));
+  EXPECT_EQ(TryOpen(*content, {"circle"}), error::FileNotFound);
+  EXPECT_EQ(TryOpen(*content, {"dangling"}), error::FileNotFound);
 }
 
 TEST_F(FolderContentTest, ListsNothingBelowTheRoot) {

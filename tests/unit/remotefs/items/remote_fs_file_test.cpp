@@ -231,6 +231,19 @@ TEST_F(FileTest, AnyHandleButMinusOneIsOne) {
   }
 }
 
+TEST_F(FileTest, WhatAnAgentWouldAnswerInPartIsNotAskedFor) {
+  agent->SetFile("disk", Counting(10));
+  const auto file = OpenFile("disk");
+  const std::size_t asked = agent->Requests().size();
+  const std::string refusal = "Specified  length of the file buffer is invalid: [41943040].";
+  EXPECT_EQ(FailureOf([&] { file->Read(0, 41943040, buffer); }), refusal);
+  EXPECT_EQ(FailureOf([&] { file->Write(0, 41943040, ""); }), refusal);
+  EXPECT_EQ(agent->Requests().size(), asked);
+  file->Read(0, 41943039, buffer);
+  EXPECT_EQ(Delivered(buffer), Counting(10));
+  EXPECT_TRUE(buffer.eof);
+}
+
 TEST_F(FileTest, MinusOneOnItsOwnConnectionGoesToTheAgent) {
   const std::uint64_t connection = connector->GetClient().Connection();
   CRemoteFsFile file(connector, "disk", mountUid, {SRemoteHandle::None, connection}, 0);

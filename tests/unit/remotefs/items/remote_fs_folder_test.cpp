@@ -472,6 +472,26 @@ TEST_F(FolderTest, ResumesAFolderAsAPlaceholderWhileTheAgentIsAway) {
   EXPECT_TRUE(resumed.isFolder);
 }
 
+TEST_F(FolderTest, AnAgentThatFailsWhileItResumesLeavesAPlaceholder) {
+  agent->SetFile("a//disk", Bytes(3));
+  SFsItemSpec spec;
+  spec.path = "a//disk";
+  spec.rfsSize = 42;
+  for (const std::uint32_t command : {OpenCommand, GetSizeCommand}) {
+    AnswerTo(command, AgentReply::Message({}));
+    const auto child = sub->ResumeChild("disk", spec);
+    ASSERT_TRUE(child);
+    WIN32_FILE_ATTRIBUTE_DATA attributes;
+    child->GetAttributes(attributes);
+    EXPECT_EQ(attributes.Size(), 42U);
+    EXPECT_TRUE(connector->IsConnected());
+    // Nobody has to reconnect: the next call opens it.
+    agent->SetScript({});
+    child->GetAttributes(attributes);
+    EXPECT_EQ(attributes.Size(), 3U);
+  }
+}
+
 TEST_F(FolderTest, AnAgentLostWhileItResumesLeavesAPlaceholder) {
   Answer(DieInReply());
   SFsItemSpec spec;
