@@ -82,6 +82,8 @@ void BeginNfsWrite(const SAsyncProcedureCall& call) {
   const auto args = boost::make_shared<WRITE3args>();
   args->Decode(*call.reader);
   const auto callback = boost::make_shared<CNfsAsyncWriteCompletionCallback>(args, call.reader);
-  callback->SetRecord(call.completionQueue.Reserve(call.writer, CallWeight + args->DataSize()));
+  // The call keeps the record, with whatever stands behind the data.
+  const std::size_t kept = call.reader->Record().size() + (args->Rest() == nullptr ? 0 : args->Rest()->Held());
+  callback->SetRecord(call.completionQueue.Reserve(call.writer, CallWeight + kept));
   call.fs.AsyncWrite(*args, callback);
 }

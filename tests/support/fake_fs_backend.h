@@ -16,6 +16,8 @@
 #include <set>
 #include <span>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "foundation/exc.h"
@@ -58,6 +60,26 @@ struct SFakeBackend {
   std::shared_ptr<SFakeNode> root = std::make_shared<SFakeNode>();
   /// Set before it is used: puts each file that is opened behind another one.
   std::function<boost::shared_ptr<IFsItem>(const boost::shared_ptr<IFsFile>& file)> wrapFile;
+
+  /// Called once, after the next operation of the name: what other clients do just then.
+  void After(std::string operation, std::function<void()> meanwhile) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    interrupted = std::move(operation);
+    interruption = std::move(meanwhile);
+  }
+  /// Without the lock.
+  void Ended(std::string_view operation) {
+    std::function<void()> due;
+    {
+      const std::lock_guard<std::mutex> lock(mutex);
+      if (operation == interrupted)
+        due = std::exchange(interruption, nullptr);
+    }
+    if (due)
+      due();
+  }
+  std::string interrupted;
+  std::function<void()> interruption;
 
   SFakeBackend() { root->isFolder = true; }
   explicit SFakeBackend(const GUID& uid) : SFakeBackend() { mountUid = uid; }
@@ -134,8 +156,12 @@ class CFakeItem : public Base {
       node_->attributes.lastWriteTime = *lastWrite;
   }
   bool Exists() override {
-    const auto lock = Lock();
-    return !node_->isDeleted;
+    const bool isThere = [this] {
+      const auto lock = Lock();
+      return !node_->isDeleted;
+    }();
+    backend_->Ended("Exists");
+    return isThere;
   }
   bool GetMountUid(GUID& mountUid) override {
     if (!node_->isFolder)
@@ -255,35 +281,32 @@ class CFakeFolder : public CFakeItem<IFsFolder> {
     return state == 0 ? std::nullopt : std::optional(SFsFolderState{0, 0, state, 0});
   }
   boost::shared_ptr<IFsItem> CreateFile(const std::string& name, const std::string& allowedHostAddr) override {
-    return Create(name, allowedHostAddr, false);
+    auto item = Create(name, allowedHostAddr, false);
+    backend_->Ended("CreateFile");
+    return item;
   }
   boost::shared_ptr<IFsItem> CreateSubfolder(const std::string& name, const std::string& allowedHostAddr) override {
-    return Create(name, allowedHostAddr, true);
+    auto item = Create(name, allowedHostAddr, true);
+    backend_->Ended("CreateSubfolder");
+    return item;
   }
   boost::shared_ptr<IFsItem> OpenChild(const std::string& name) override {
-    const auto lock = Lock();
-    if (!backend_->isAvailable)
-      return {};
-    const auto child = node_->children.find(name);
-    return child == node_->children.end() ? boost::shared_ptr<IFsItem>() : MakeItem(name, child->second);
+    auto item = Open(name);
+    backend_->Ended("OpenChild");
+    return item;
   }
   /// A backend that is away makes a placeholder from the record.
   boost::shared_ptr<IFsItem> ResumeChild(const std::string& name, const SFsItemSpec& spec) override {
     if (backend_->isAvailable)
-      return OpenChild(name);
+      return Open(name);
     auto placeholder = std::make_shared<SFakeNode>();
     placeholder->isFolder = spec.isFolder;
     placeholder->content.resize(spec.rfsSize);
     return MakeItem(name, placeholder);
   }
   void DeleteChild(const std::string& name) override {
-    const auto lock = Lock();
-    ThrowFailure();
-    const auto child = node_->children.find(name);
-    if (child == node_->children.end())
-      return;
-    child->second->isDeleted = true;
-    node_->children.erase(child);
+    Delete(name);
+    backend_->Ended("DeleteChild");
   }
   void RenameChild(const std::string& oldName, const std::string& newName) override {
     const auto lock = Lock();
@@ -294,7 +317,10 @@ class CFakeFolder : public CFakeItem<IFsFolder> {
     }
     const auto node = child->second;
     node_->children.erase(child);
-    node_->children[newName] = node;
+    auto& place = node_->children[newName];
+    if (place)
+      place->isDeleted = true;
+    place = node;
   }
   bool IsAddressListEmpty() override {
     const auto lock = Lock();
@@ -303,6 +329,22 @@ class CFakeFolder : public CFakeItem<IFsFolder> {
   bool IsRootFolder() override { return isRootFolder_; }
 
  private:
+  boost::shared_ptr<IFsItem> Open(const std::string& name) {
+    const auto lock = Lock();
+    if (!backend_->isAvailable)
+      return {};
+    const auto child = node_->children.find(name);
+    return child == node_->children.end() ? boost::shared_ptr<IFsItem>() : MakeItem(name, child->second);
+  }
+  void Delete(const std::string& name) {
+    const auto lock = Lock();
+    ThrowFailure();
+    const auto child = node_->children.find(name);
+    if (child == node_->children.end())
+      return;
+    child->second->isDeleted = true;
+    node_->children.erase(child);
+  }
   boost::shared_ptr<IFsItem> Create(const std::string& name, const std::string& allowedHostAddr, bool isFolder) {
     const auto lock = Lock();
     ThrowFailure();

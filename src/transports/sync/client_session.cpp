@@ -94,6 +94,9 @@ void CClientSession::End() noexcept {
 
 void CClientSession::PrepareSocket() {
   args_.socket->SetDelay(false);
+  // A peer that lost its power never closes: without this its connection would stay for ever.
+  const int on = 1;
+  ::setsockopt(args_.socket->Socket(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
   RaiseReceiveBuffer(args_.socket->Socket());
   RaiseSendBuffer(args_.socket->Socket());
 }

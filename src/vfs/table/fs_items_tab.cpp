@@ -29,15 +29,22 @@ std::uint64_t CFsItemsTab::AddFoundItem(std::uint64_t parentFid, const std::stri
   return AddOne(parentFid, name, item, from, found_t::Keep);
 }
 
+std::uint64_t CFsItemsTab::AddMadeItem(std::uint64_t parentFid, const std::string& name,
+                                       const boost::shared_ptr<IFsItem>& item,
+                                       const boost::shared_ptr<IFsItem>& before) {
+  return AddOne(parentFid, name, item, nullptr, found_t::ReplaceBefore, before.get());
+}
+
 std::uint64_t CFsItemsTab::AddOne(std::uint64_t parentFid, const std::string& name,
-                                  const boost::shared_ptr<IFsItem>& item, const IFsFolder* from, found_t found) {
+                                  const boost::shared_ptr<IFsItem>& item, const IFsFolder* from, found_t found,
+                                  const IFsItem* before) {
   if (name == ".")
     return parentFid;
   if (name == "..") {
     const lock_t lock(mutex_);
     return GetRec(parentFid)->parentFid;
   }
-  SPrepared prepared{name, item, from, {}};
+  SPrepared prepared{name, item, from, {}, before};
   item->GetItemSpec(prepared.spec);
 
   changes_t changes;
@@ -63,7 +70,7 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
     std::vector<SPrepared> prepared;
     prepared.reserve(end - begin);
     for (std::size_t i = begin; i < end; ++i) {
-      prepared.push_back(SPrepared{items[i].name, items[i].item, from, {}});
+      prepared.push_back(SPrepared{items[i].name, items[i].item, from, {}, nullptr});
       try {
         items[i].item->GetItemSpec(prepared.back().spec);
       } catch (const std::exception& failure) {
@@ -109,6 +116,13 @@ bool CFsItemsTab::IsBacked(const CNfsItemRec& parent, const SPrepared& prepared)
   return backing && (prepared.from == nullptr || backing.get() == prepared.from);
 }
 
+bool CFsItemsTab::IsReplaced(std::uint64_t fid, const SPrepared& prepared, found_t found) const {
+  if (found != found_t::ReplaceBefore)
+    return found == found_t::Replace;
+  const rec_ptr there = FindRec(fid);
+  return !there || there->Item().get() == prepared.before;
+}
+
 std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, found_t found,
                                        changes_t& changes, changes_t& removed) {
   const rec_ptr parent = GetRec(parentFid);
@@ -117,7 +131,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   const auto entry = listing_.find(SListingKeyView{parentFid, prepared.name});
   const bool wasFound = entry != listing_.end();
   const std::uint64_t fid = wasFound ? entry->fid : GenerateFid();
-  if (wasFound && found == found_t::Keep) {
+  if (wasFound && !IsReplaced(fid, prepared, found)) {
     g_nfs_log.Info("Item [%1] was found. ID: [%2].", prepared.name, fid);
     return fid;
   }

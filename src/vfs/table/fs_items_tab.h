@@ -84,6 +84,10 @@ class CFsItemsTab {
   /// from: the folder's backing that opened it, when that must still be one.
   std::uint64_t AddFoundItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item,
                              const IFsFolder* from = nullptr);
+  /// AddItem for an item that was made where `before` stood, as GetItem gives it, or nothing: what has come to the
+  /// place since then is younger, and stays.
+  std::uint64_t AddMadeItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item,
+                            const boost::shared_ptr<IFsItem>& before);
   /// AddFoundItem for many items of one folder: fills their FIDs and replaces items that were there already by
   /// those that the table keeps; what is not added has neither. The registry is written in few transactions, and the
   /// lock is given up between them, so that other calls go on while a large folder comes in.
@@ -206,6 +210,7 @@ class CFsItemsTab {
     const boost::shared_ptr<IFsItem>& item;
     const IFsFolder* from;  ///< As AddFoundItem says.
     SFsItemSpec spec;
+    const IFsItem* before = nullptr;  ///< As AddMadeItem says.
   };
   /// Items of which the log is to be told once the lock is free.
   struct SChange {
@@ -223,9 +228,11 @@ class CFsItemsTab {
   rec_ptr GetRec(std::uint64_t fid) const;
   const SShare* FindShare(const std::string& alias, GUID* uid) const;
   /// What becomes of a record that has the name already.
-  enum class found_t { Replace, Keep };
+  enum class found_t { Replace, ReplaceBefore, Keep };
   std::uint64_t AddOne(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item,
-                       const IFsFolder* from, found_t found);
+                       const IFsFolder* from, found_t found, const IFsItem* before = nullptr);
+  /// Whether the item at the place gives way to the one that is added.
+  bool IsReplaced(std::uint64_t fid, const SPrepared& prepared, found_t found) const;
   static bool IsBacked(const CNfsItemRec& parent, const SPrepared& prepared);
   std::uint64_t AddPrepared(std::uint64_t parentFid, const SPrepared& prepared, found_t found, changes_t& changes,
                             changes_t& removed);

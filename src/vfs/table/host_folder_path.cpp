@@ -35,7 +35,7 @@ std::uint64_t SyncHostFolderPath(CFsItemsTab& tab, const GUID& shareUid, const s
         tab.RemoveChildIf(fid, name, known);
       return InvalidFid;
     }
-    fid = known != InvalidFid ? known : tab.AddItem(fid, name, onDisk);
+    fid = known != InvalidFid ? known : tab.AddFoundItem(fid, name, onDisk, folder.get());
   }
   return fid;
 }

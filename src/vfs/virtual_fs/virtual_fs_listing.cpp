@@ -91,7 +91,7 @@ class CListing {
   void RemoveGone() {
     for (std::size_t i = 0; i < known_.size(); ++i) {
       if (!isListed_[i])
-        itemsTab_.RemoveChildIf(folderFid_, known_[i].name, known_[i].fid);
+        itemsTab_.RemoveChildIf(folderFid_, known_[i].name, known_[i].fid, known_[i].item.get());
     }
   }
 

@@ -27,7 +27,36 @@ boost::shared_ptr<IFsItem> KnownChild(const CFsItemsTab& tab, std::uint64_t pare
   }
 }
 
-/// Shows a rename to listings that run beside it.
+/// What stands at a place before something is made there.
+struct SPlaceBefore {
+  SPlaceBefore(CFsItemsTab& tab, std::uint64_t parentFid, const std::string& name)
+      : fid(tab.LookupChild(parentFid, name)), item(tab.GetItem(fid)) {}
+
+  std::uint64_t fid;
+  boost::shared_ptr<IFsItem> item;
+};
+
+bool IsStillThere(IFsItem& item) {
+  try {
+    return item.Exists();
+  } catch (const std::exception&) {
+    // It is just being deleted: what has its name now was made beside that.
+    return false;
+  }
+}
+
+/// Adds what was made at the place.
+std::uint64_t AddMade(CFsItemsTab& tab, std::uint64_t parentFid, const std::string& name,
+                      const boost::shared_ptr<IFsItem>& item, SPlaceBefore&& before) {
+  // Who has the handle of a file that another client just deletes is not to have that of the new one.
+  if (before.item && !IsStillThere(*before.item)) {
+    tab.RemoveChildIf(parentFid, name, before.fid, before.item.get());
+    before.item.reset();
+  }
+  return tab.AddMadeItem(parentFid, name, item, before.item);
+}
+
+/// Shows a rename to lookups and listings that run beside it.
 class CRenameMark {
  public:
   CRenameMark(std::atomic<std::uint64_t>& begun, std::atomic<std::uint64_t>& ended) : ended_(ended) { ++begun; }
@@ -64,8 +93,8 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
       itemsTab_->RemoveItem(fid);
       return InvalidFid;
     }
-    // Another client may have met the same and been faster.
-    itemsTab_->RemoveChildIf(parentFid, name, fid);
+    // Another client may have met the same and been faster, and may have made it again.
+    itemsTab_->RemoveChildIf(parentFid, name, fid, item.get());
   } else if (IsDotName(name)) {
     return InvalidFid;
   }
@@ -73,10 +102,15 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
   std::vector<boost::shared_ptr<IFsFolder>> mirrors;
   itemsTab_->GetFolderMirrors(parentFid, mirrors);
   for (const auto& folder : mirrors) {
+    const std::uint64_t renamesEnded = renamesEnded_;
     const auto child = folder->OpenChild(name);
     const std::uint64_t added = child ? itemsTab_->AddFoundItem(parentFid, name, child, folder.get()) : InvalidFid;
-    if (added != InvalidFid)
+    if (added == InvalidFid)
+      continue;
+    if (renamesBegun_ == renamesEnded || folder->OpenChild(name))
       return added;
+    // It was opened before a rename that took the name from it, and added after that.
+    itemsTab_->RemoveChildIf(parentFid, name, added, child.get());
   }
   return InvalidFid;
 }
@@ -147,11 +181,13 @@ void CVirtualFs::CreateFile(const CREATE3args& args, const sockaddr_in& client, 
 
         const bool isRestricted = !folder->IsRootFolder() && !folder->IsAddressListEmpty();
         itemsTab_->ReleasePlace(parentFid, name);
-        const auto item = folder->CreateFile(name, isRestricted ? folder->GetAllowedHostAddr() : std::string());
-        ApplyAttributes(*item, args.attributes);
-        const std::uint64_t fid = itemsTab_->AddItem(parentFid, name, item);
+        SPlaceBefore before(*itemsTab_, parentFid, name);
+        const auto made = folder->CreateFile(name, isRestricted ? folder->GetAllowedHostAddr() : std::string());
+        ApplyAttributes(*made, args.attributes);
+        const std::uint64_t fid = AddMade(*itemsTab_, parentFid, name, made, std::move(before));
+        const auto item = itemsTab_->GetItem(fid);
         result.object = HandleFromFid(fid);
-        result.attributes = MakeFattr(fid, *item);
+        result.attributes = MakeFattr(fid, item ? *item : *made);
         result.status = NFS3_OK;
       },
       [&](const std::exception& failure, nfsstat3) {
@@ -165,7 +201,9 @@ std::uint64_t CVirtualFs::MakeSubfolder(IFsFolder& folder, std::uint64_t parentF
                                         const std::string& allowedHostAddr) {
   try {
     itemsTab_->ReleasePlace(parentFid, name);
-    return itemsTab_->AddItem(parentFid, name, folder.CreateSubfolder(name, allowedHostAddr));
+    SPlaceBefore before(*itemsTab_, parentFid, name);
+    const auto made = folder.CreateSubfolder(name, allowedHostAddr);
+    return AddMade(*itemsTab_, parentFid, name, made, std::move(before));
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to create subfolder [%1] of the folder  [%2].", failure, name,
                        itemsTab_->GetItemPath(parentFid));

@@ -267,6 +267,13 @@ TEST_F(NfsSession, WeighsWhatACallMayKeep) {
   held_->EndRead(0, "short");
   held_->EndWrite(1);
   EXPECT_LT(queue_->Weight(), 2000U);
+  // The record is kept as it came, also what stands behind the data.
+  auto arguments = test::BytesOf(WRITE3args{heldHandle_, 0, 0, UNSTABLE, {}});
+  arguments.resize(1 << 20);
+  Begin(7, arguments);
+  EXPECT_GT(queue_->Weight(), std::size_t{1} << 20);
+  held_->EndWrite(2);
+  EXPECT_LT(queue_->Weight(), 2000U);
 }
 
 }  // namespace

@@ -313,10 +313,12 @@ TEST_F(SessionTest, SocketsSendAtOnceAndBufferMuch) {
   EXPECT_EQ(::setsockopt(socket_->Socket(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
   EXPECT_EQ(::setsockopt(socket_->Socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)), 0);
   EXPECT_EQ(option(IPPROTO_TCP, TCP_NODELAY), 0);
+  EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 0);
   Serve();
   client_->Call(Request(order_t::Echo, 1));
   EXPECT_EQ(client_->Reply(), Request(order_t::Echo, 1));
   EXPECT_EQ(option(IPPROTO_TCP, TCP_NODELAY), 1);
+  EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1) << "who lost power never closes";
   EXPECT_GT(option(SOL_SOCKET, SO_RCVBUF), 100000);
   EXPECT_GT(option(SOL_SOCKET, SO_SNDBUF), 100000);
   EXPECT_TRUE(Logged(log_, "SO_SNDBUF option is updated."));

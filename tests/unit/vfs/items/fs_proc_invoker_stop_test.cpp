@@ -2,14 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <boost/weak_ptr.hpp>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "unit/vfs/items/wrapper_fixture.h"
 
 using test::CapturedLog;
 using test::Gate;
+using test::PatientMs;
 using test::RecordingCallback;
+using test::RecordingFile;
 using test::WrapperTest;
 
 namespace {
@@ -90,6 +94,31 @@ TEST_F(WrapperTest, DestructionFailsWhatIsQueued) {
   opener.join();
   EXPECT_EQ(callback->failed, 1);
   EXPECT_EQ(callback->Failure(), "Procedure is cancelled.");
+}
+
+TEST_F(WrapperTest, AFileThatIsRemovedWhileACallWaitsLivesUntilItIsAnswered) {
+  Make();
+  Gate gate;
+  Occupy(gate);
+  auto removed = boost::make_shared<RecordingFile>();
+  const boost::weak_ptr<RecordingFile> trace(removed);
+  SFsReadBuffer buffer;
+  const auto read = boost::make_shared<RecordingCallback>();
+  const auto write = boost::make_shared<RecordingCallback>();
+  {
+    CAsyncFsFileWrapper last(std::exchange(removed, nullptr), invoker, allocator);
+    last.AsyncRead(0, 1, buffer, read);
+    last.AsyncWrite(0, 1, "x", write);
+  }
+  EXPECT_FALSE(trace.expired());
+  gate.Open();
+  EXPECT_TRUE(read->told.Wait(PatientMs));
+  EXPECT_TRUE(write->told.Wait(PatientMs));
+  EXPECT_EQ(read->failed, 0);
+  EXPECT_EQ(write->failed, 0);
+  WaitIdle();
+  while (!trace.expired())
+    std::this_thread::yield();
 }
 
 TEST_F(WrapperTest, AThreadThatStopsLateIsToldOfAndWaitedFor) {

@@ -69,6 +69,70 @@ TEST_F(SideBySide, ARenameBesideListingsKeepsItsHandle) {
   finder.join();
   EXPECT_EQ(Read(fid), "hello");
   EXPECT_EQ(Find(root, "a"), fid);
+  List(root);
+  EXPECT_EQ(Lookup(root, "b").status, NFS3ERR_NOENT);
+}
+
+/// One client's call in the middle of another's.
+class InBetween : public VirtualFsFixture {
+ protected:
+  const boost::shared_ptr<SFakeBackend> backend = boost::make_shared<SFakeBackend>();
+  const std::uint64_t fake = PublishFake(backend);
+};
+
+TEST_F(InBetween, ARenameToTheNameOfAFileThatIsJustMadeKeepsItsHandle) {
+  MakeFile(fake, "x");
+  const auto moved = MakeFile(fake, "y");
+  ASSERT_EQ(Write(moved, 0, "disk"), NFS3_OK);
+  backend->After("CreateFile", [&] { EXPECT_EQ(Rename(fake, "y", fake, "x"), NFS3_OK); });
+  const auto created = Create(fake, "x");
+  EXPECT_EQ(created.status, NFS3_OK);
+  EXPECT_EQ(FidFromHandle(*created.object), moved);
+  EXPECT_EQ(Read(moved), "disk");
+  EXPECT_EQ(Find(fake, "x"), moved);
+  EXPECT_TRUE(IsStored(moved));
+}
+
+TEST_F(InBetween, AFolderThatIsMadeAnewKeepsWhatIsInIt) {
+  backend->After("CreateSubfolder", [&] {
+    EXPECT_EQ(RemoveDir(fake, "vm"), NFS3_OK);
+    MakeFile(MakeFolder(fake, "vm"), "disk");
+  });
+  const auto folder = MakeFolder(fake, "vm");
+  EXPECT_EQ(Find(fake, "vm"), folder);
+  EXPECT_EQ(GetAttrs(folder).status, NFS3_OK);
+  EXPECT_EQ(List(folder), std::vector<std::string>{"disk"});
+}
+
+TEST_F(InBetween, AFileThatIsMadeWhileItsNameIsRemovedHasAHandleOfItsOwn) {
+  const auto removed = MakeFile(fake, "x");
+  std::uint64_t made = InvalidFid;
+  backend->After("DeleteChild", [&] { made = MakeFile(fake, "x"); });
+  EXPECT_EQ(Remove(fake, "x"), NFS3_OK);
+  EXPECT_NE(made, removed);
+  EXPECT_EQ(GetAttrs(removed).status, NFS3ERR_STALE);
+  EXPECT_FALSE(IsStored(removed));
+  EXPECT_EQ(GetAttrs(made).status, NFS3_OK);
+  EXPECT_EQ(Find(fake, "x"), made);
+}
+
+TEST_F(InBetween, WhatIsMadeAgainWhileItIsFoundGoneStays) {
+  MakeFile(fake, "x");
+  backend->Drop("x");
+  std::uint64_t made = InvalidFid;
+  backend->After("Exists", [&] { made = MakeFile(fake, "x"); });
+  EXPECT_EQ(Find(fake, "x"), made);
+  EXPECT_EQ(GetAttrs(made).status, NFS3_OK);
+  EXPECT_TRUE(IsStored(made));
+}
+
+TEST_F(InBetween, ANameThatIsLostWhileItIsLookedUpIsNotThere) {
+  backend->Put("n", false, "disk");
+  backend->After("OpenChild", [&] { EXPECT_EQ(Rename(fake, "n", fake, "m"), NFS3_OK); });
+  EXPECT_EQ(Lookup(fake, "n").status, NFS3ERR_NOENT);
+  EXPECT_EQ(Lookup(fake, "n").status, NFS3ERR_NOENT);
+  EXPECT_EQ(Read(Find(fake, "m")), "disk");
+  EXPECT_EQ(Create(fake, "n", GUARDED).status, NFS3_OK);
 }
 
 TEST_F(SideBySide, OneFolderIsCreatedListedAndRemovedByAll) {
