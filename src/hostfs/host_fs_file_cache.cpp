@@ -34,6 +34,7 @@ class CHostFsFileHandleCacheRecord {
   const std::string key;
   file_ptr_t file;
   bool isForReadingAlone = false;
+  bool passesLink = false;
   std::uint64_t lastUse = 0;       // Milliseconds of platform::Clock().
   std::vector<std::string> roots;  // Below which of them the path was found to lead to this file.
 };
@@ -52,6 +53,7 @@ struct SCacheState {
 
   std::mutex lock;  // Guards the records and all but the key of each, and isClosed.
   records_t records;
+  std::size_t linkedRecords = 0;  // Those whose paths pass a link.
   bool isClosed = false;
 
   std::mutex stopLock;  // Guards the rest.
@@ -67,6 +69,7 @@ struct SCacheState {
   records_t::iterator Drop(records_t::iterator record, dropped_t& dropped) {
     dropped.push_back(record->second);
     record->second->file->ReleaseShare();
+    linkedRecords -= record->second->passesLink ? 1 : 0;
     return records.erase(record);
   }
 
@@ -301,8 +304,10 @@ platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where,
     const auto record = boost::make_shared<CHostFsFileHandleCacheRecord>(key, where.Root().Path());
     record->file = file;
     record->isForReadingAlone = isForReadingAlone;
+    record->passesLink = files.PassesLink(where);
     record->lastUse = platform::Clock().MonotonicMilliseconds();
     state->records.emplace(key, record);
+    state->linkedRecords += record->passesLink ? 1 : 0;
   }
   g_nfs_log.Info("[HostFsFileCache] Add record '%1'", key);
   return platform::error::Success;
@@ -350,6 +355,14 @@ void HostFsFileCache::RemoveSubtree(const std::string& path) {
                platform::EqualIgnoringCase(std::string_view(record.key).substr(0, folder.size()), folder);
       },
       dropped);
+}
+
+void HostFsFileCache::RemoveLinked() {
+  const boost::shared_ptr<SCacheState> state = State();
+  dropped_t dropped;
+  const CCacheLock lock(*state);
+  if (state->linkedRecords != 0)
+    state->DropIf([](const CHostFsFileHandleCacheRecord& record) { return record.passesLink; }, dropped);
 }
 
 platform::error_t HostFsFileCache::CreateOver(const platform::location_t& where, platform::files_t& files) {

@@ -35,6 +35,9 @@ class HostFsFileCache {
   static void Remove(const std::string& path);
   /// Drops every record below a folder; A to Z are equal to a to z.
   static void RemoveSubtree(const std::string& path);
+  /// Drops every record whose path passes a link. To be called where an entry is renamed or deleted: the path may lead
+  /// to another file from then on, whatever is called so.
+  static void RemoveLinked();
 
   /// Makes the file at the location, or empties the one that is there, with no record of that file in the way: neither
   /// under this path nor under another spelling or link. Other files are served while it is emptied, which can take

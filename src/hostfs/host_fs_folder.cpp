@@ -82,19 +82,19 @@ void DropHandles(const platform::location_t& where, bool isFolder) {
   if (isFolder) {
     HostFsFileCache::RemoveSubtree(where.Path());
   }
+  HostFsFileCache::RemoveLinked();
 }
 
 platform::error_t DeleteFound(const platform::location_t& where, bool isFolder, platform::files_t& files) {
   // Dropped once more afterwards: a call under way may have opened the entry again before it went.
+  DropHandles(where, isFolder);
+  platform::error_t failure = error::Success;
   if (isFolder) {
-    HostFsFileCache::RemoveSubtree(where.Path());
     DeleteHostFolderTree(where, files);
-    HostFsFileCache::RemoveSubtree(where.Path());
-    return error::Success;
+  } else {
+    failure = files.DeleteFile(where);
   }
-  HostFsFileCache::Remove(where.Path());
-  const platform::error_t failure = files.DeleteFile(where);
-  HostFsFileCache::Remove(where.Path());
+  DropHandles(where, isFolder);
   return failure;
 }
 

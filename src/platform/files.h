@@ -110,6 +110,8 @@ class files_t {
   /// Only regular files; anything else is 5, and is not opened to find that out: opening a device can act on it. A file
   /// without any write bit cannot be opened for writing (5), whoever the process is.
   virtual error_t Open(const location_t& where, const file_request_t& request, boost::shared_ptr<file_t>& file) = 0;
+  /// Whether a link stands on the way or at the end; also true when that cannot be told.
+  virtual bool PassesLink(const location_t& where) = 0;
   /// Takes every write bit away, or gives the owner's when there is none.
   virtual error_t SetReadOnly(const location_t& where, bool readOnly) = 0;
   /// 183 when the name, in whatever case, is taken.

@@ -241,6 +241,14 @@ error_t system_files_t::Open(const location_t& where, const file_request_t& requ
   return error::AccessDenied;  // A link that leads nowhere has the name.
 }
 
+bool system_files_t::PassesLink(const location_t& where) {
+  CheckNoBriefLock("PassesLink");
+  boost::shared_ptr<const descriptor_t> root;
+  descriptor_t found(-1);
+  return where.Root().Acquire(root) != error::Success ||
+         OpenBelow(root->Get(), where.Relative(), O_PATH, 0, found, links_t::Refused) != error::Success;
+}
+
 error_t system_files_t::SetReadOnly(const location_t& where, bool readOnly) {
   CheckNoBriefLock("SetReadOnly");
   const auto isAsWanted = [readOnly](mode_t mode) { return ((mode & AnyWriteBit) == 0) == readOnly; };

@@ -12,6 +12,7 @@ class system_files_t : public files_t {
   error_t GetInfo(const location_t& where, file_info_t& info) override;
   error_t FindEntry(const location_t& where, file_info_t& info) override;
   error_t Open(const location_t& where, const file_request_t& request, boost::shared_ptr<file_t>& file) override;
+  bool PassesLink(const location_t& where) override;
   error_t SetReadOnly(const location_t& where, bool readOnly) override;
   error_t CreateFolder(const location_t& where) override;
   error_t DeleteFile(const location_t& where) override;

@@ -26,6 +26,7 @@ class ForwardingFiles : public platform::files_t {
                          boost::shared_ptr<platform::file_t>& file) override {
     return target_.Open(where, request, file);
   }
+  bool PassesLink(const platform::location_t& where) override { return target_.PassesLink(where); }
   platform::error_t SetReadOnly(const platform::location_t& where, bool readOnly) override {
     return target_.SetReadOnly(where, readOnly);
   }

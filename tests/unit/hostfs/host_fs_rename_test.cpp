@@ -159,6 +159,39 @@ TEST_F(HostFsRename, ACallUnderWayDoesNotMeetWhatComesAfterADeletion) {
   EXPECT_EQ(NumberOf([&] { SizeOf(*file); }), error::FileNotFound);
 }
 
+TEST_F(HostFsRename, ALinkLeadsToWhatHasTheNameNow) {
+  Put("disk", "first");
+  Put("next", "second");
+  fs::create_symlink("disk", Path("link"));
+  const auto link = File("link");
+  EXPECT_EQ(Read(*link), "first");
+  root->RenameChild("disk", "old");
+  root->RenameChild("next", "disk");
+  EXPECT_EQ(Read(*link), "second");
+  Write(*link, "SECOND");
+  EXPECT_EQ(Get("disk"), "SECOND");
+  EXPECT_EQ(Get("old"), "first");
+  root->DeleteChild("disk");
+  Put("disk", "third");
+  EXPECT_EQ(Read(*link), "third");
+}
+
+TEST_F(HostFsRename, AFileBelowALinkIsThatOfTheFolderThatTheLinkLeadsTo) {
+  for (const char* name : {"first", "second"}) {
+    fs::create_directory(Path(name));
+    Put(std::string(name) + "/disk", name);
+  }
+  fs::create_symlink("first", Path("link"));
+  const auto disk = [this] { return boost::dynamic_pointer_cast<IFsFile>(Folder("link")->OpenChild("disk")); };
+  EXPECT_EQ(Read(*disk()), "first");
+  root->RenameChild("first", "away");
+  root->RenameChild("second", "first");
+  EXPECT_EQ(Read(*disk()), "second");
+  root->DeleteChild("link");
+  fs::create_symlink("away", Path("link"));
+  EXPECT_EQ(Read(*disk()), "first");
+}
+
 TEST_F(HostFsRename, OthersDoNotWaitForARenameThatTakesItsTime) {
   Put("old", "old");
   Put("other", "other");
