@@ -51,6 +51,7 @@ struct SFakeBackend {
   GUID mountUid;                          ///< Nil for a backend that is no mount.
   std::atomic<bool> isAvailable{true};    ///< False: listing tells so, opening finds nothing, transfers fail.
   std::atomic<int> enumerations{0};       ///< Calls of Enumerate.
+  std::atomic<int> opens{0};              ///< Calls of OpenChild.
   std::atomic<int> specQuestions{0};      ///< Calls of GetItemSpec and GetMountUid of files.
   std::atomic<bool> takesPipes{false};    ///< Whether files are written from pipes.
   std::atomic<int> pipeWrites{0};         ///< Calls of WritePipe.
@@ -267,15 +268,16 @@ class CFakeFolder : public CFakeItem<IFsFolder> {
   void Enumerate(SFsEnumeration& enumeration) override {
     const auto lock = Lock();
     ++backend_->enumerations;
+    enumeration.mountUid = backend_->mountUid;
     if (!backend_->isAvailable) {
       enumeration.unavailable = true;
-      enumeration.mountUid = backend_->mountUid;
       return;
     }
     for (const auto& child : node_->children)
       enumeration.names.push_back(child.first);
     enumeration.state = GetState();
   }
+  bool IsAvailable() override { return backend_->isAvailable; }
   std::optional<SFsFolderState> GetState() override {
     const int state = backend_->state;
     return state == 0 ? std::nullopt : std::optional(SFsFolderState{0, 0, state, 0});
@@ -291,6 +293,7 @@ class CFakeFolder : public CFakeItem<IFsFolder> {
     return item;
   }
   boost::shared_ptr<IFsItem> OpenChild(const std::string& name) override {
+    ++backend_->opens;
     auto item = Open(name);
     backend_->Ended("OpenChild");
     return item;

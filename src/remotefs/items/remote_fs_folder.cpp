@@ -48,6 +48,10 @@ void CRemoteFsFolder::GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) {
   times_.CopyTo(attributes);
 }
 
+bool CRemoteFsFolder::IsAvailable() {
+  return connector_->IsConnected();
+}
+
 void CRemoteFsFolder::Enumerate(SFsEnumeration& enumeration) {
   enumeration = SFsEnumeration{};
   enumeration.mountUid = mountUid_;

@@ -23,6 +23,7 @@ class CRemoteFsFolder : public CRemoteFsItem<IFsFolder> {
   /// Without the agent.
   void GetAttributes(WIN32_FILE_ATTRIBUTE_DATA& attributes) override;
   /// An agent that does not answer leaves the listing unavailable.
+  bool IsAvailable() override;
   void Enumerate(SFsEnumeration& enumeration) override;
   boost::shared_ptr<IFsItem> CreateFile(const std::string& name, const std::string& allowedHostAddr) override;
   boost::shared_ptr<IFsItem> CreateSubfolder(const std::string& name, const std::string& allowedHostAddr) override;

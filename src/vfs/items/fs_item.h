@@ -109,6 +109,8 @@ class IFsFolder : public IFsItem {
  public:
   /// Without "." and "..".
   virtual void Enumerate(SFsEnumeration& enumeration) = 0;
+  /// False while whatever is asked of it waits and fails.
+  virtual bool IsAvailable() { return true; }
   /// Cheap beside Enumerate. None when the backend cannot tell.
   virtual std::optional<SFsFolderState> GetState() { return std::nullopt; }
   virtual boost::shared_ptr<IFsItem> CreateFile(const std::string& name, const std::string& allowedHostAddr) = 0;

@@ -82,9 +82,17 @@ class CListing {
       AddChildrenOf(enumeration.mountUid);
       return;
     }
-    for (std::string& name : enumeration.names)
-      AddName(folder, std::move(name));
+    bool isLost = false;
+    for (std::string& name : enumeration.names) {
+      isLost = !AddName(folder, std::move(name));
+      if (isLost)
+        break;
+    }
     AddNewItems(folder);
+    if (isLost) {
+      isRepeatable_ = false;
+      AddChildrenOf(enumeration.mountUid);
+    }
   }
 
   /// What the table knows and no backend has.
@@ -126,20 +134,23 @@ class CListing {
     return children;
   }
 
-  void AddName(IFsFolder& folder, std::string name) {
+  /// False when the backing has been lost over it: each further name would take the time of one that fails.
+  bool AddName(IFsFolder& folder, std::string name) {
     if (const std::size_t known = index_.Find(name); known != CNameIndex::None) {
       if (!isListed_[known] && known_[known].name != name)
         known_[known].name = std::move(name);
       isListed_[known] = true;
-      return;
+      return true;
     }
     if (found_.contains(name))
-      return;
-    if (auto item = Open(folder, name)) {
-      newItems_.push_back({std::move(name), InvalidFid, std::move(item)});
-      if (newItems_.size() == MaxNewItems)
-        AddNewItems(folder);
-    }
+      return true;
+    auto item = Open(folder, name);
+    if (!item)
+      return folder.IsAvailable();
+    newItems_.push_back({std::move(name), InvalidFid, std::move(item)});
+    if (newItems_.size() == MaxNewItems)
+      AddNewItems(folder);
+    return true;
   }
 
   void AddChildrenOf(const GUID& mountUid) {

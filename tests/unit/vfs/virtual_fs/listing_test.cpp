@@ -274,6 +274,26 @@ TEST_F(Listing, NamesThatDifferByCaseUnderTwoMirrorsAreOne) {
   EXPECT_EQ(List(folder), (std::vector<std::string>{"Disk", "other"}));
 }
 
+TEST_F(Listing, AMountThatIsLostMeanwhileIsAskedForNoMore) {
+  const auto folder = MakeFolder(root, "backup");
+  PutLocal("backup/notes");
+  const auto mount = boost::make_shared<SFakeBackend>(Guid(7));
+  mount->Put("known", false);
+  fs->ItemsTab()->MountMirroredFolder(folder, Guid(7), CFakeFolder::Root(mount));
+  ASSERT_EQ(List(folder), (std::vector<std::string>{"known", "notes"}));
+  const auto known = Find(folder, "known");
+  for (const char* name : {"a", "b", "c", "d"})
+    mount->Put(name, false);
+  const int before = mount->opens;
+  mount->After("OpenChild", [&] { mount->isAvailable = false; });
+  EXPECT_EQ(List(folder), (std::vector<std::string>{"a", "known", "notes"}));
+  EXPECT_EQ(mount->opens, before + 2) << "that of the second name told that it is lost";
+  EXPECT_EQ(GetAttrs(known).status, NFS3_OK);
+  mount->isAvailable = true;
+  EXPECT_EQ(List(folder), (std::vector<std::string>{"a", "b", "c", "d", "known", "notes"}));
+  EXPECT_EQ(Find(folder, "known"), known);
+}
+
 TEST_F(Listing, AMountThatIsAwayKeepsItsChildren) {
   const auto folder = MakeFolder(root, "backup");
   PutLocal("backup/notes");
