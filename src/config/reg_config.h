@@ -22,7 +22,8 @@ struct SRegConfigData {
 /// last text names the operation; reading skips what is damaged, with a line in the log.
 class CRegConfig {
  public:
-  /// Reads all that the registry holds, whoever wrote it: before a start drops what it does not find there.
+  /// Reads all that the registry holds, whoever wrote it, and fails when a part is damaged: before a start drops what
+  /// it does not find there.
   void Check();
   /// Makes the three keys if they are missing.
   void CreateKeys();

@@ -159,6 +159,7 @@ class CFakeItem : public Base {
   bool Exists() override {
     const bool isThere = [this] {
       const auto lock = Lock();
+      CheckNotMute();
       return !node_->isDeleted;
     }();
     backend_->Ended("Exists");

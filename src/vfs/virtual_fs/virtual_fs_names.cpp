@@ -36,12 +36,14 @@ struct SPlaceBefore {
   boost::shared_ptr<IFsItem> item;
 };
 
+/// What has the name of an item that is just being deleted was made beside that. Any other failure tells nothing.
 bool IsStillThere(IFsItem& item) {
   try {
     return item.Exists();
+  } catch (const exc::win_sys_exc_t& failure) {
+    return failure.Code() != platform::error::SharingViolation;
   } catch (const std::exception&) {
-    // It is just being deleted: what has its name now was made beside that.
-    return false;
+    return true;
   }
 }
 

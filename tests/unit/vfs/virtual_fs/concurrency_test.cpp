@@ -116,6 +116,16 @@ TEST_F(InBetween, AFileThatIsMadeWhileItsNameIsRemovedHasAHandleOfItsOwn) {
   EXPECT_EQ(Find(fake, "x"), made);
 }
 
+TEST_F(InBetween, AFileThatDoesNotAnswerKeepsItsHandleWhenItIsMadeAgain) {
+  const auto fid = MakeFile(fake, "x");
+  const auto node = backend->root->children.at("x");
+  node->isMute = true;
+  EXPECT_NE(Create(fake, "x").status, NFS3_OK);
+  node->isMute = false;
+  EXPECT_EQ(GetAttrs(fid).status, NFS3_OK);
+  EXPECT_EQ(Find(fake, "x"), fid);
+}
+
 TEST_F(InBetween, WhatIsMadeAgainWhileItIsFoundGoneStays) {
   MakeFile(fake, "x");
   backend->Drop("x");
