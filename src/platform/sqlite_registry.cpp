@@ -224,9 +224,10 @@ error_t sqlite_registry_t::DeleteKey(std::string_view key) {
   const error_t found = impl_->OpenExisting();
   if (found != error::Success)
     return found;
-  return impl_->Write(key, [](registry_tables_t& tables, const registry_path_t& path) {
-    return path.IsRoot() ? error::AccessDenied : tables.Delete(path);
-  });
+  // Refused before it is part of a transaction, which goes on without it.
+  if (SplitPath(key).empty())
+    return error::AccessDenied;
+  return impl_->Write(key, [](registry_tables_t& tables, const registry_path_t& path) { return tables.Delete(path); });
 }
 
 error_t sqlite_registry_t::SetValues(std::string_view key, const std::vector<registry_value_t>& values) {

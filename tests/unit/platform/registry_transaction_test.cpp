@@ -157,6 +157,17 @@ TEST_F(RegistryTransactionTest, WhatIsNotThereDoesNotMakeItFail) {
   EXPECT_TRUE(Has("B"));
 }
 
+TEST_F(RegistryTransactionTest, WhatIsRefusedDoesNotMakeItFail) {
+  ASSERT_EQ(registry_.CreateKey("a"), 0U);
+  registry_transaction_t transaction(registry_);
+  EXPECT_EQ(registry_.SetText("b", "name", "text"), 0U);
+  EXPECT_EQ(registry_.DeleteKey(""), error::AccessDenied);
+  EXPECT_EQ(registry_.SetText("b", "name", "\xff"), error::NoUnicodeTranslation);
+  EXPECT_EQ(transaction.Commit(), 0U);
+  EXPECT_TRUE(Has("a"));
+  EXPECT_TRUE(Has("b"));
+}
+
 TEST_F(RegistryTransactionTest, OtherThreadsWait) {
   std::atomic<bool> started = false;
   std::atomic<bool> wrote = false;
