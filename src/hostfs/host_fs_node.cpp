@@ -188,7 +188,7 @@ boost::shared_ptr<const platform::location_t> CHostFsNode::LocationOr(platform::
   const std::lock_guard lock(tree_->lock);
   boost::shared_ptr<const platform::location_t> present = LocationLocked();
   if (!present) {
-    absence = IsGoingLocked() ? platform::error::SharingViolation : platform::error::FileNotFound;
+    absence = IsGoingLocked() ? platform::error::BeingDeleted : platform::error::FileNotFound;
   }
   return present;
 }

@@ -40,7 +40,7 @@ class CHostFsNode {
   platform::files_t& Files() const;
 
   /// Runs `call` with the location (a shared pointer), again when it found nothing there (2, 3) while something in the
-  /// tree was renamed. Gives 2 for a node that was replaced, and 32 while it or a folder around it is being deleted:
+  /// tree was renamed. Gives 2 for a node that was replaced, and 10008 while it or a folder around it is being deleted:
   /// it may yet stay.
   template <typename Call>
   platform::error_t AtLocation(const Call& call) const {

@@ -173,6 +173,7 @@ constexpr text_t Texts[] = {
     {1921, "The name contains too many symbolic links."},
     {2250, "The connection does not exist."},
     {10004, "The socket call was interrupted."},
+    {10008, "The file is just being deleted."},
     {10009, "The socket is not valid."},
     {10013, "The socket may not be used in this way."},
     {10014, "The address of a socket call is not valid."},

@@ -45,6 +45,7 @@ inline constexpr error_t RevisionMismatch = 1306;
 inline constexpr error_t InvalidFunctionHandle = 1627;
 inline constexpr error_t InvalidUserBuffer = 1784;
 inline constexpr error_t TooManyLinks = 1921;
+inline constexpr error_t BeingDeleted = 10008;  // Ours. As a status it is NFS3ERR_JUKEBOX: the client asks again.
 inline constexpr error_t WsaWouldBlock = 10035;
 inline constexpr error_t WsaAddressFamilyNotSupported = 10047;
 inline constexpr error_t WsaAddressInUse = 10048;

@@ -37,6 +37,7 @@ inline sockaddr_in Client(const char* address) {
 struct SFakeNode {
   bool isFolder = false;
   bool isDeleted = false;
+  std::string movedTo;  ///< Its path after a rename.
   bool isMute = false;  ///< Questions about it throw, as while its mount is withdrawn.
   std::string allowedHostAddr;
   std::set<std::uint32_t> refused;  ///< Clients that may not touch it, as in sin_addr.
@@ -126,7 +127,7 @@ class CFakeItem : public Base {
     if (!node_->isFolder)
       ++backend_->specQuestions;
     spec = SFsItemSpec{};
-    spec.path = path_;
+    spec.path = node_->movedTo.empty() ? path_ : node_->movedTo;
     spec.isFolder = node_->isFolder;
     spec.isRfsItem = !backend_->mountUid.IsNil();
     spec.mountUid = backend_->mountUid;
@@ -325,6 +326,7 @@ class CFakeFolder : public CFakeItem<IFsFolder> {
     if (place)
       place->isDeleted = true;
     place = node;
+    node->movedTo = path_.empty() ? newName : path_ + "//" + newName;
   }
   bool IsAddressListEmpty() override {
     const auto lock = Lock();

@@ -85,7 +85,7 @@ class CFsItemsTab {
   std::uint64_t AddFoundItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item,
                              const IFsFolder* from = nullptr);
   /// AddItem for an item that was made where `before` stood, as GetItem gives it, or nothing: what has come to the
-  /// place since then is younger, and stays.
+  /// place since then stays, for the caller to look at.
   std::uint64_t AddMadeItem(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& item,
                             const boost::shared_ptr<IFsItem>& before);
   /// AddFoundItem for many items of one folder: fills their FIDs and replaces items that were there already by

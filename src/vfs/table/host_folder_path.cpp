@@ -28,11 +28,13 @@ std::uint64_t SyncHostFolderPath(CFsItemsTab& tab, const GUID& shareUid, const s
   for (const std::string_view component : components) {
     const std::string name(component);
     const auto folder = boost::dynamic_pointer_cast<IFsFolder>(tab.GetItem(fid));
-    const auto onDisk = folder ? folder->OpenChild(name) : boost::shared_ptr<IFsItem>();
     const std::uint64_t known = tab.LookupChild(fid, name);
+    const auto item = tab.GetItem(known);
+    const auto onDisk = folder ? folder->OpenChild(name) : boost::shared_ptr<IFsItem>();
     if (!onDisk) {
+      // But for what a client has made since the look.
       if (known != InvalidFid)
-        tab.RemoveChildIf(fid, name, known);
+        tab.RemoveChildIf(fid, name, known, item.get());
       return InvalidFid;
     }
     fid = known != InvalidFid ? known : tab.AddFoundItem(fid, name, onDisk, folder.get());

@@ -16,6 +16,7 @@
 #include "platform/guid.h"
 #include "vfs/items/fs_item.h"
 #include "vfs/items/virtual_fs_exc.h"
+#include "vfs/table/nfs_name.h"
 
 class CCompletionEventsAllocator;
 class CFsItemsTab;
@@ -156,6 +157,17 @@ class CVirtualFs {
 
   // Steps that several operations share. All throw unless told otherwise.
   std::uint64_t FindChild(std::uint64_t parentFid, const std::string& name);
+  /// What the table has at a place, and at which moment among the renames.
+  struct SPlace {
+    std::uint64_t fid = InvalidFid;
+    boost::shared_ptr<IFsItem> item;
+    std::uint64_t renamesEnded = 0;
+  };
+  SPlace LookAt(std::uint64_t parentFid, const std::string& name) const;
+  /// Adds what was made at the place after the look at it. When it has lost its name again, gives what has come
+  /// instead, or InvalidFid.
+  std::uint64_t AddMade(std::uint64_t parentFid, const std::string& name, const boost::shared_ptr<IFsItem>& made,
+                        SPlace place);
   std::uint64_t MakeSubfolder(IFsFolder& folder, std::uint64_t parentFid, const std::string& name,
                               const std::string& allowedHostAddr);
   void RenameEntry(const RENAME3args& args, const sockaddr_in& client, std::uint64_t fromDir, std::uint64_t toDir);

@@ -27,35 +27,26 @@ boost::shared_ptr<IFsItem> KnownChild(const CFsItemsTab& tab, std::uint64_t pare
   }
 }
 
-/// What stands at a place before something is made there.
-struct SPlaceBefore {
-  SPlaceBefore(CFsItemsTab& tab, std::uint64_t parentFid, const std::string& name)
-      : fid(tab.LookupChild(parentFid, name)), item(tab.GetItem(fid)) {}
-
-  std::uint64_t fid;
-  boost::shared_ptr<IFsItem> item;
-};
-
-/// What has the name of an item that is just being deleted was made beside that. Any other failure tells nothing.
-bool IsStillThere(IFsItem& item) {
+/// Whether it is known that the item is there no more. One that is just being deleted may yet stay.
+bool IsGone(IFsItem& item) {
   try {
-    return item.Exists();
-  } catch (const exc::win_sys_exc_t& failure) {
-    return failure.Code() != platform::error::SharingViolation;
+    return !item.Exists();
   } catch (const std::exception&) {
-    return true;
+    return false;
   }
 }
 
-/// Adds what was made at the place.
-std::uint64_t AddMade(CFsItemsTab& tab, std::uint64_t parentFid, const std::string& name,
-                      const boost::shared_ptr<IFsItem>& item, SPlaceBefore&& before) {
-  // Who has the handle of a file that another client just deletes is not to have that of the new one.
-  if (before.item && !IsStillThere(*before.item)) {
-    tab.RemoveChildIf(parentFid, name, before.fid, before.item.get());
-    before.item.reset();
+/// Whether the item stands where it was made or found, as far as can be told: neither removed nor renamed since.
+bool StillHasName(IFsItem& item, const std::string& name) {
+  try {
+    if (!item.Exists())
+      return false;
+    SFsItemSpec spec;
+    item.GetItemSpec(spec);
+    return platform::EqualIgnoringCase(spec.path.substr(spec.path.rfind('/') + 1), name);
+  } catch (const std::exception&) {
+    return true;
   }
-  return tab.AddMadeItem(parentFid, name, item, before.item);
 }
 
 /// Shows a rename to lookups and listings that run beside it.
@@ -109,12 +100,47 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
     const std::uint64_t added = child ? itemsTab_->AddFoundItem(parentFid, name, child, folder.get()) : InvalidFid;
     if (added == InvalidFid)
       continue;
-    if (renamesBegun_ == renamesEnded || folder->OpenChild(name))
+    if (renamesBegun_ == renamesEnded || StillHasName(*child, name))
       return added;
-    // It was opened before a rename that took the name from it, and added after that.
+    // It was opened before a rename that took the name from it, and added after that. Another may have the name now.
     itemsTab_->RemoveChildIf(parentFid, name, added, child.get());
+    return FindChild(parentFid, name);
   }
   return InvalidFid;
+}
+
+CVirtualFs::SPlace CVirtualFs::LookAt(std::uint64_t parentFid, const std::string& name) const {
+  SPlace place;
+  place.renamesEnded = renamesEnded_;
+  place.fid = itemsTab_->LookupChild(parentFid, name);
+  place.item = itemsTab_->GetItem(place.fid);
+  return place;
+}
+
+std::uint64_t CVirtualFs::AddMade(std::uint64_t parentFid, const std::string& name,
+                                  const boost::shared_ptr<IFsItem>& made, SPlace place) {
+  constexpr int MostAttempts = 16;
+  std::uint64_t fid = InvalidFid;
+  bool isDisturbed = renamesBegun_ != place.renamesEnded;
+  for (int attempt = 0; attempt < MostAttempts; ++attempt) {
+    if (isDisturbed) {
+      place = LookAt(parentFid, name);
+      if (!StillHasName(*made, name))
+        return place.fid;
+    }
+    // Who has the handle of a file that another client just removed is not to have that of the new one.
+    if (place.item && IsGone(*place.item)) {
+      itemsTab_->RemoveChildIf(parentFid, name, place.fid, place.item.get());
+      place.item.reset();
+    }
+    fid = itemsTab_->AddMadeItem(parentFid, name, made, place.item);
+    if (fid == InvalidFid || itemsTab_->GetItem(fid) == made)
+      break;
+    // Something has come to the place since it was looked at: it is either an older look, or younger than what was
+    // made.
+    isDisturbed = true;
+  }
+  return fid;
 }
 
 void CVirtualFs::Lookup(const LOOKUP3args& args, const sockaddr_in& client, LOOKUP3res& result) noexcept {
@@ -183,13 +209,15 @@ void CVirtualFs::CreateFile(const CREATE3args& args, const sockaddr_in& client, 
 
         const bool isRestricted = !folder->IsRootFolder() && !folder->IsAddressListEmpty();
         itemsTab_->ReleasePlace(parentFid, name);
-        SPlaceBefore before(*itemsTab_, parentFid, name);
+        SPlace before = LookAt(parentFid, name);
         const auto made = folder->CreateFile(name, isRestricted ? folder->GetAllowedHostAddr() : std::string());
         ApplyAttributes(*made, args.attributes);
-        const std::uint64_t fid = AddMade(*itemsTab_, parentFid, name, made, std::move(before));
-        const auto item = itemsTab_->GetItem(fid);
-        result.object = HandleFromFid(fid);
-        result.attributes = MakeFattr(fid, item ? *item : *made);
+        const std::uint64_t fid = AddMade(parentFid, name, made, std::move(before));
+        // Else another client has removed or renamed it by now.
+        if (const auto item = itemsTab_->GetItem(fid)) {
+          result.object = HandleFromFid(fid);
+          result.attributes = MakeFattr(fid, *item);
+        }
         result.status = NFS3_OK;
       },
       [&](const std::exception& failure, nfsstat3) {
@@ -203,9 +231,9 @@ std::uint64_t CVirtualFs::MakeSubfolder(IFsFolder& folder, std::uint64_t parentF
                                         const std::string& allowedHostAddr) {
   try {
     itemsTab_->ReleasePlace(parentFid, name);
-    SPlaceBefore before(*itemsTab_, parentFid, name);
+    SPlace before = LookAt(parentFid, name);
     const auto made = folder.CreateSubfolder(name, allowedHostAddr);
-    return AddMade(*itemsTab_, parentFid, name, made, std::move(before));
+    return AddMade(parentFid, name, made, std::move(before));
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to create subfolder [%1] of the folder  [%2].", failure, name,
                        itemsTab_->GetItemPath(parentFid));

@@ -117,7 +117,7 @@ TEST_F(HostFsNodeTest, WhatIsBeingDeletedIsNotSaidToBeGone) {
       EXPECT_EQ(node->AtLocation([](const auto&) { return platform::error::Success; }), expected) << node->Path();
   };
   ASSERT_EQ(root_->TakeChild("folder"), folder);
-  expect(platform::error::SharingViolation);
+  expect(platform::error::BeingDeleted);
   root_->PutBack(folder);
   expect(platform::error::Success);
   ASSERT_EQ(root_->TakeChild("folder"), folder);

@@ -116,6 +116,39 @@ TEST_F(InBetween, AFileThatIsMadeWhileItsNameIsRemovedHasAHandleOfItsOwn) {
   EXPECT_EQ(Find(fake, "x"), made);
 }
 
+TEST_F(InBetween, WhatIsMadeCountsForMoreThanAnOlderLook) {
+  std::uint64_t found = InvalidFid;
+  boost::shared_ptr<IFsItem> seen;
+  backend->After("CreateSubfolder", [&] {
+    found = Find(fake, "vm");
+    seen = fs->ItemsTab()->GetItem(found);
+  });
+  EXPECT_EQ(MakeFolder(fake, "vm"), found);
+  EXPECT_NE(fs->ItemsTab()->GetItem(found), seen) << "the one that was made has its list of addresses";
+}
+
+TEST_F(InBetween, AFileThatIsRenamedBeforeItIsAddedHasItsNewNameAlone) {
+  backend->After("CreateFile", [&] { EXPECT_EQ(Rename(fake, "x", fake, "z"), NFS3_OK); });
+  const auto created = Create(fake, "x");
+  EXPECT_EQ(created.status, NFS3_OK);
+  EXPECT_FALSE(created.object.has_value());
+  EXPECT_EQ(Lookup(fake, "x").status, NFS3ERR_NOENT);
+  EXPECT_EQ(GetAttrs(Find(fake, "z")).status, NFS3_OK);
+  EXPECT_EQ(List(fake), std::vector<std::string>{"z"});
+}
+
+TEST_F(InBetween, ANameThatIsGivenAnewWhileItIsLookedUpIsTheNewFile) {
+  backend->Put("n", false, "old");
+  std::uint64_t made = InvalidFid;
+  backend->After("OpenChild", [&] {
+    EXPECT_EQ(Rename(fake, "n", fake, "m"), NFS3_OK);
+    made = MakeFile(fake, "n");
+  });
+  EXPECT_EQ(Find(fake, "n"), made);
+  EXPECT_EQ(Write(made, 0, "new"), NFS3_OK);
+  EXPECT_EQ(Read(Find(fake, "m")), "old");
+}
+
 TEST_F(InBetween, AFileThatDoesNotAnswerKeepsItsHandleWhenItIsMadeAgain) {
   const auto fid = MakeFile(fake, "x");
   const auto node = backend->root->children.at("x");
