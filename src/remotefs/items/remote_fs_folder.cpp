@@ -19,11 +19,6 @@ std::uint32_t TickCount() {
   return static_cast<std::uint32_t>(platform::Clock().MonotonicMilliseconds());
 }
 
-/// No agent is asked for what can be no entry of a folder.
-bool CanBeAsked(const std::string& name) {
-  return platform::IsPlainName(name) && platform::IsValidUtf8(name);
-}
-
 bool IsRecent(std::uint32_t last, std::uint32_t now) {
   return last == now || (now > last && now - last < LookupFailurePeriodMs);
 }
@@ -106,15 +101,23 @@ boost::shared_ptr<IFsItem> CRemoteFsFolder::OpenFile(const std::string& name) {
   return file;
 }
 
-boost::shared_ptr<IFsItem> CRemoteFsFolder::OpenChild(const std::string& name) {
-  if (!CanBeAsked(name))
+boost::shared_ptr<IFsItem> CRemoteFsFolder::TryOpen(const std::string& name, bool& hasFailed) {
+  hasFailed = false;
+  // No agent is asked for what can be no entry of a folder.
+  if (!platform::IsPlainName(name) || !platform::IsValidUtf8(name))
     return {};
   try {
     return OpenFile(name);
   } catch (const std::exception& failure) {
     ProcessLookupFail(name, failure);
+    hasFailed = true;
     return {};
   }
+}
+
+boost::shared_ptr<IFsItem> CRemoteFsFolder::OpenChild(const std::string& name) {
+  bool hasFailed = false;
+  return TryOpen(name, hasFailed);
 }
 
 void CRemoteFsFolder::ProcessLookupFail(const std::string& name, const std::exception& failure) noexcept {
@@ -144,15 +147,10 @@ boost::shared_ptr<IFsItem> CRemoteFsFolder::MakePlaceholder(const SFsItemSpec& s
 boost::shared_ptr<IFsItem> CRemoteFsFolder::ResumeChild(const std::string& name, const SFsItemSpec& spec) {
   if (!connector_->IsConnected())
     return MakePlaceholder(spec);
-  if (!CanBeAsked(name))
-    return {};
-  try {
-    return OpenFile(name);
-  } catch (const std::exception& failure) {
-    // An agent that fails has not said that the file is gone, and hosts hold its handle.
-    ProcessLookupFail(name, failure);
-    return MakePlaceholder(spec);
-  }
+  bool hasFailed = false;
+  auto child = TryOpen(name, hasFailed);
+  // An agent that fails has not said that the file is gone, and hosts hold its handle.
+  return hasFailed ? MakePlaceholder(spec) : child;
 }
 
 void CRemoteFsFolder::DeleteChild(const std::string& name) {

@@ -47,6 +47,8 @@ class CRemoteFsFolder : public CRemoteFsItem<IFsFolder> {
   std::string ChildPath(const std::string& name) const;
   /// Throws what went wrong; empty when the agent has no such file.
   boost::shared_ptr<IFsItem> OpenFile(const std::string& name);
+  /// Empty also after a failure, which is noted.
+  boost::shared_ptr<IFsItem> TryOpen(const std::string& name, bool& hasFailed);
   boost::shared_ptr<IFsItem> Wrap(const boost::shared_ptr<IFsFile>& file) const;
   boost::shared_ptr<IFsItem> MakePlaceholder(const SFsItemSpec& spec) const;
   void ProcessLookupFail(const std::string& name, const std::exception& failure) noexcept;

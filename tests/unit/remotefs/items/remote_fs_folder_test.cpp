@@ -490,18 +490,8 @@ TEST_F(FolderTest, AnAgentThatFailsWhileItResumesLeavesAPlaceholder) {
     child->GetAttributes(attributes);
     EXPECT_EQ(attributes.Size(), 3U);
   }
-}
-
-TEST_F(FolderTest, AnAgentLostWhileItResumesLeavesAPlaceholder) {
   Answer(DieInReply());
-  SFsItemSpec spec;
-  spec.path = "a//disk";
-  spec.rfsSize = 42;
-  const auto child = sub->ResumeChild("disk", spec);
-  ASSERT_TRUE(child);
-  WIN32_FILE_ATTRIBUTE_DATA attributes;
-  child->GetAttributes(attributes);
-  EXPECT_EQ(attributes.Size(), 42U);
+  EXPECT_TRUE(sub->ResumeChild("disk", spec)) << "nor has one that goes just now";
 }
 
 }  // namespace
