@@ -10,6 +10,7 @@
 #include "foundation/exc.h"
 #include "foundation/log.h"
 #include "platform/error.h"
+#include "transports/sockets/congestion_control.h"
 
 namespace win {
 namespace {
@@ -59,6 +60,7 @@ std::uint16_t BindTcpPort(int handle, const SPortBinding& binding) {
   }
   Bind(handle, binding);
   const std::uint16_t port = BoundPort(handle, binding);
+  AvoidPacing(handle);
   if (::listen(handle, std::numeric_limits<int>::max()) != 0) {
     throw exc::win_sys_exc_t(exc::FormatText("Failed to start port listening. Port: \"%1\".", port),
                              platform::SocketErrorFromErrno(errno));

@@ -9,6 +9,7 @@
 #include "foundation/exc.h"
 #include "foundation/log.h"
 #include "platform/error.h"
+#include "transports/sockets/congestion_control.h"
 
 namespace {
 
@@ -39,6 +40,7 @@ void CreateEventAndListen(CSocketIP& socket, std::uint16_t port) {
     throw exc::win_sys_exc_t("Cannot bind socket in CreateEventAndListen()", failure.Code());
   }
   NeverWait(socket, "WSAEventSelect failed in CreateEventAndListen()");
+  AvoidPacing(socket.Socket());
   if (::listen(socket.Socket(), std::numeric_limits<int>::max()) != 0)
     ThrowSocketError("Cannot listen socket in CreateEventAndListen");
 }

@@ -9,6 +9,7 @@
 #include "support/captured_log.h"
 #include "transports/async/async_connection.h"
 #include "transports/async/tcp_acceptor.h"
+#include "transports/sockets/congestion_control.h"
 #include "unit/transports/async/rig.h"
 
 namespace test {
@@ -294,6 +295,13 @@ TEST_F(AcceptTest, GoesOnOnceThereIsMemoryForTheNextAccept) {
 
 TEST_F(AcceptTest, RaisesWhatItCannotHelp) {
   EXPECT_THROW(Run({{win::io_attempt_t::Refused, 10038}}), exc::win_sys_exc_t);
+}
+
+TEST_F(AcceptTest, DoesNotPaceItsConnections) {
+  Run({});
+  const std::string chosen = CongestionControl(acceptor_->GetHandle());
+  EXPECT_FALSE(chosen.empty());
+  EXPECT_FALSE(chosen.starts_with("bbr")) << chosen;
 }
 
 TEST_F(AcceptTest, DropsAPeerOfAnotherFamily) {

@@ -16,6 +16,7 @@
 #include "platform/sqlite_registry.h"
 #include "rpc/service_ports.h"
 #include "support/temp_dir.h"
+#include "transports/sockets/congestion_control.h"
 #include "transports/sync/client_threads.h"
 #include "transports/sync/listening.h"
 #include "unit/transports/sync/rig.h"
@@ -147,6 +148,14 @@ TEST(PortSearchTest, APortThatConnectionsOfAnEarlierRunHoldIsFree) {
   client.Close();
   listener.Close();
   EXPECT_TRUE(IsPortFree(port));
+}
+
+TEST(ListeningTest, ConnectionsAreNotPaced) {
+  CSocketIP listener(true);
+  CreateEventAndListen(listener, 0);
+  const std::string chosen = CongestionControl(listener.Socket());
+  EXPECT_FALSE(chosen.empty());
+  EXPECT_FALSE(chosen.starts_with("bbr")) << chosen;
 }
 
 class ProtocolServerTest : public testing::Test {

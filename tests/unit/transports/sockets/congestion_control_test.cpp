@@ -1,0 +1,71 @@
+#include "transports/sockets/congestion_control.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <string>
+#include <string_view>
+
+#include "support/captured_log.h"
+#include "transports/sockets/socket_ip.h"
+
+namespace {
+
+using test::CapturedLog;
+
+bool Choose(const CSocketIP& socket, std::string_view name) {
+  return ::setsockopt(socket.Socket(), IPPROTO_TCP, TCP_CONGESTION, name.data(), static_cast<socklen_t>(name.size())) ==
+         0;
+}
+
+TEST(CongestionControlTest, WhatDoesNotPaceStays) {
+  const CapturedLog log;
+  const CSocketIP listener(true);
+  // Every system has it and lets everyone choose it.
+  ASSERT_TRUE(Choose(listener, "reno"));
+  AvoidPacing(listener.Socket());
+  EXPECT_EQ(CongestionControl(listener.Socket()), "reno");
+  EXPECT_TRUE(log.Texts("Info").empty());
+}
+
+TEST(CongestionControlTest, WhatPacesIsReplacedForTheConnectionsToo) {
+  const CapturedLog log;
+  const CSocketIP listener(true);
+  const std::string usual = CongestionControl(listener.Socket());
+  // A system that has no such algorithm has nothing to replace.
+  const bool paces = Choose(listener, "bbr");
+  AvoidPacing(listener.Socket());
+  const std::string chosen = CongestionControl(listener.Socket());
+  EXPECT_EQ(log.Texts("Info").size(), paces ? 1U : 0U);
+  if (paces) {
+    EXPECT_TRUE(chosen == "cubic" || chosen == "reno") << chosen;
+  } else {
+    EXPECT_EQ(chosen, usual);
+  }
+
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(listener.Socket(), reinterpret_cast<const sockaddr*>(&address), length), 0);
+  ASSERT_EQ(::listen(listener.Socket(), 1), 0);
+  ASSERT_EQ(::getsockname(listener.Socket(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+  CSocketIP client(true);
+  client.Connect("127.0.0.1", ntohs(address.sin_port));
+  const int accepted = ::accept4(listener.Socket(), nullptr, nullptr, SOCK_CLOEXEC);
+  ASSERT_GE(accepted, 0);
+  const CSocketIP connection(accepted, true);
+  EXPECT_EQ(CongestionControl(accepted), chosen);
+}
+
+TEST(CongestionControlTest, WhatIsNoTcpSocketHasNone) {
+  const CapturedLog log;
+  const CSocketIP datagrams(false);
+  EXPECT_EQ(CongestionControl(datagrams.Socket()), "");
+  AvoidPacing(datagrams.Socket());
+  EXPECT_TRUE(log.Texts("Info").empty());
+}
+
+}  // namespace
