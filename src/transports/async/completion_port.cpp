@@ -105,6 +105,12 @@ bool completion_port_t::OfferWork(ILentWork& work) noexcept {
   return true;
 }
 
+void completion_port_t::LookForMore() noexcept {
+  if (loopThread_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
+    looks_ = true;
+  }
+}
+
 void completion_port_t::DeclineOffered() noexcept {
   RefuseOffers();
   std::exchange(offered_, nullptr)->Decline();
@@ -126,7 +132,8 @@ void completion_port_t::RunOffered(std::unique_lock<std::mutex>& turn) {
   }
   turn.lock();
   loopThread_ = std::this_thread::get_id();
-  wasLent_ = true;
+  // Who has just got an answer may be back at once.
+  looks_ = true;
 }
 
 void completion_port_t::StandIn(const ILentWork& work) {
@@ -255,6 +262,9 @@ void completion_port_t::Rest(boost::intrusive_ptr<win::CIoObject> object,
 }
 
 bool completion_port_t::Pause(std::chrono::milliseconds duration) {
+  if (loopThread_.load(std::memory_order_relaxed) == std::this_thread::get_id() && offered_ != nullptr) {
+    DeclineOffered();
+  }
   std::unique_lock guard(lock_);
   return stopped_.wait_for(guard, duration, [this] { return stop_.load(); });
 }
@@ -273,16 +283,17 @@ int completion_port_t::WaitMilliseconds() {
 
 int completion_port_t::WaitForEvents(epoll_event* events, int room) {
   static const bool useful = std::thread::hardware_concurrency() > 1;
-  // Who has just got an answer may be back at once.
-  if (std::exchange(wasLent_, false) && useful && ready_.empty()) {
-    const auto end = clock_t::now() + SpinTime;
+  if (std::exchange(looks_, false) && useful && ready_.empty() && lookGauge_.Pays()) {
+    const auto end = clock_t::now() + LookTime;
     do {
       const int count = ::epoll_wait(epoll_, events, room, 0);
       if (count != 0) {
+        lookGauge_.Tell(true);
         return count;
       }
       std::this_thread::yield();
     } while (clock_t::now() < end);
+    lookGauge_.Tell(false);
   }
   return ::epoll_wait(epoll_, events, room, WaitMilliseconds());
 }
@@ -388,10 +399,6 @@ void completion_port_t::RetryResting() {
 
 void completion_port_t::HandOut() {
   for (std::size_t i = 0; i < TurnBudget && !ready_.empty() && !stop_; ++i) {
-    if (offered_ != nullptr) {
-      // What comes next may take its time.
-      DeclineOffered();
-    }
     SCompletion completion = std::move(ready_.front());
     ready_.pop_front();
     if (completion.token != nullptr) {

@@ -16,13 +16,14 @@
 #include <vector>
 
 #include "transports/async/io_object.h"
+#include "transports/async/look_gauge.h"
 
 struct epoll_event;
 
 namespace synch {
 
 /// Work that a thread of its own would do, and that the completion thread may be lent for when it has nothing else to
-/// do: a call that comes alone is then answered without a change of threads.
+/// do: calls are then answered without a change of threads.
 class ILentWork {
  public:
   virtual ~ILentWork() = default;
@@ -38,11 +39,12 @@ class ILentWork {
 /// one, but while it is lent and another one stands in for it.
 class completion_port_t : public boost::enable_shared_from_this<completion_port_t> {
  public:
-  /// Lending does not pay where work takes its time, or where more becomes ready meanwhile, which could be received by
-  /// then: so many offers are refused after that.
+  /// Lending does not pay where work takes its time, or where more becomes ready than a turn hands out: so many offers
+  /// are refused after that.
   static constexpr unsigned OffersRefused = 256;
-  /// About the time that waking a thread costs: who looks for more to do that long, and finds it, has gained.
-  static constexpr std::chrono::microseconds SpinTime{30};
+  /// How long the completion thread looks for more before it sleeps, where that is expected. A call and its answer take
+  /// less, but where they wait for a disk.
+  static constexpr std::chrono::microseconds LookTime{100};
   /// How long an operation rests that found the process out of descriptors or memory.
   static constexpr std::chrono::milliseconds ExhaustedRest{100};
   /// How long the completion thread rests when there is no memory for what must be started.
@@ -63,10 +65,13 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   /// Offers work for the end of the turn, where it is run or declined; it must live until then. False when it is not to
   /// be: on any other thread than that of Run, while other work is offered, and after lending that did not pay.
   bool OfferWork(ILentWork& work) noexcept;
-  /// Refuses the next offers: more came at a time than one piece of work. Any thread.
+  /// Refuses the next offers. Any thread.
   void RefuseOffers() noexcept { refused_.store(OffersRefused, std::memory_order_relaxed); }
   /// Whether an offer would be accepted. A guess, on any thread but that of Run.
   bool AcceptsOffers() const noexcept { return refused_.load(std::memory_order_relaxed) == 0; }
+  /// More is expected at once: before it sleeps the completion thread looks for that, once, for LookTime. No other
+  /// thread asks for it in vain.
+  void LookForMore() noexcept;
   /// For the owner of lent work that takes its time: hands out completions until that is over, or until Stop. Returns
   /// at once when the thread is not lent for it any more.
   void StandIn(const ILentWork& work);
@@ -75,7 +80,7 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   void Post(boost::intrusive_ptr<win::CIoObject> object, const void* token, win::SIoResult result);
   /// Queues a completion that is due after the delay. Dropped after Abandon.
   void PostIn(std::chrono::milliseconds delay, boost::intrusive_ptr<win::CIoObject> object, const void* token);
-  /// Waits on the completion thread; ends early at Stop, and is true then.
+  /// Waits on the completion thread, and declines what is offered; ends early at Stop, and is true then.
   bool Pause(std::chrono::milliseconds duration);
   /// Starts what nobody would ever start again, trying until there is memory for it. Completion thread. Throws what the
   /// start throws, but bad_alloc only when the port stops.
@@ -146,7 +151,8 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   std::mutex turnLock_;
   std::deque<SCompletion> ready_;
   ILentWork* offered_ = nullptr;
-  bool wasLent_ = false;  ///< Just before this turn.
+  bool looks_ = false;  ///< For more, before it sleeps.
+  look_gauge_t lookGauge_;
 
   /// Guards all below. Taken under no other lock.
   std::mutex lock_;

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <iterator>
@@ -16,11 +17,14 @@
 namespace impl {
 namespace {
 
-/// A record or a reply of so many bytes moves data. Who has that to take is not back with the next call within
-/// the time that the worker looks for it.
+/// A reply of so many bytes moves data.
 constexpr std::size_t Large = std::size_t{16} << 10;
 /// So many looks without a request that the completion thread was lent for, then the worker sleeps.
 constexpr unsigned LooksInVain = 16;
+/// A request that comes while another one is carried out counts twice as much as one that does not; from Crowded on,
+/// several are taken to be under way at a time.
+constexpr unsigned MostCrowded = 32;
+constexpr unsigned Crowded = 16;
 
 std::string NumericHost(const sockaddr_in& peer) {
   std::array<char, INET_ADDRSTRLEN> text{};
@@ -51,6 +55,7 @@ CRequestQueue::~CRequestQueue() {
 void CRequestQueue::Post(boost::intrusive_ptr<CResponseSender> sender, boost::shared_ptr<io::byte_buffer_t> record,
                          completion_ptr extra, boost::shared_ptr<platform::kernel_pipe_t> rest) {
   bool wake = false;
+  bool look = false;
   {
     const std::lock_guard guard(lock_);
     if (stopping_) {
@@ -58,33 +63,51 @@ void CRequestQueue::Post(boost::intrusive_ptr<CResponseSender> sender, boost::sh
     }
     items_.push_back({std::move(sender), std::move(record), std::move(extra), std::move(rest)});
     itemsCount_.store(items_.size(), std::memory_order_relaxed);
+    CountPostLocked();
     if (sleeping_ && !lent_ && !MayLendLocked()) {
       sleeping_ = false;
       wake = true;
     }
+    look = !offered_ && items_.size() == 1;
   }
   if (wake) {
     notEmpty_.notify_one();
   }
+  if (look && port_ != nullptr) {
+    port_->LookForMore();
+  }
+}
+
+void CRequestQueue::CountPostLocked() noexcept {
+  const bool isAlone = items_.size() == 1 && !lent_ && !isWorking_.load(std::memory_order_relaxed);
+  const unsigned crowd = crowd_.load(std::memory_order_relaxed);
+  crowd_.store(isAlone ? crowd - std::min(crowd, 1U) : std::min(crowd + 2, MostCrowded), std::memory_order_relaxed);
+}
+
+bool CRequestQueue::LeavesNext() const noexcept {
+  return lastReply_ >= Large && !hasAsked_ && crowd_.load(std::memory_order_relaxed) >= Crowded;
 }
 
 bool CRequestQueue::MayLendLocked() noexcept {
+  if (offered_) {
+    return items_.size() <= MostLent;
+  }
   // While the worker sleeps, nobody changes what is known of the last request.
-  return port_ != nullptr && items_.size() == 1 && (lastReply_ >= Large || lastRequest_ >= Large) &&
-         port_->OfferWork(*this);
+  offered_ = port_ != nullptr && items_.size() == 1 && LeavesNext() && port_->OfferWork(*this);
+  return offered_;
 }
 
 void CRequestQueue::RunLent() noexcept {
-  SItem item;
+  std::vector<SItem> batch;
   bool wake = false;
   {
     const std::lock_guard guard(lock_);
-    if (!sleeping_ || items_.size() != 1) {
-      // The worker has it, or is about to.
+    offered_ = false;
+    if (!sleeping_ || items_.empty()) {
+      // The worker has them, or is about to.
       return;
     }
-    item = std::move(items_.front());
-    items_.clear();
+    batch.swap(items_);
     itemsCount_.store(0, std::memory_order_relaxed);
     lent_ = true;
     ++lentRequests_;
@@ -93,12 +116,8 @@ void CRequestQueue::RunLent() noexcept {
   if (wake) {
     notEmpty_.notify_one();
   }
-  {
-    const platform::lookup_scope_t scope;
-    leftInBatch_ = 0;
-    Process(item, reply_t::Send);
-    item = SItem();
-  }
+  RunBatch(batch);
+  SendHeld();
   {
     const std::lock_guard guard(lock_);
     lent_ = false;
@@ -116,6 +135,7 @@ void CRequestQueue::Decline() noexcept {
   bool wake = false;
   {
     const std::lock_guard guard(lock_);
+    offered_ = false;
     wake = !items_.empty() && std::exchange(sleeping_, false);
   }
   if (wake) {
@@ -144,30 +164,36 @@ void CRequestQueue::ContinueParked() noexcept {
   }
 }
 
-void CRequestQueue::SpinForWork() const noexcept {
+void CRequestQueue::LookForWork() noexcept {
   static const bool useful = std::thread::hardware_concurrency() > 1;
-  if (!useful) {
+  if (!useful || !lookGauge_.Pays()) {
     return;
   }
-  const auto end = clock_t::now() + synch::completion_port_t::SpinTime;
-  while (itemsCount_.load(std::memory_order_relaxed) == 0 && !continueParked_.load(std::memory_order_relaxed) &&
-         !stopping_.load(std::memory_order_relaxed) && clock_t::now() < end) {
+  const auto isThere = [this] {
+    return itemsCount_.load(std::memory_order_relaxed) != 0 || continueParked_.load(std::memory_order_relaxed) ||
+           stopping_.load(std::memory_order_relaxed);
+  };
+  const auto end = clock_t::now() + synch::completion_port_t::LookTime;
+  bool found = isThere();
+  while (!found && clock_t::now() < end) {
     std::this_thread::yield();
+    found = isThere();
   }
+  lookGauge_.Tell(found);
 }
 
-bool CRequestQueue::ShallSpin() const noexcept {
-  // After a large request the completion thread does, if it is to carry out the next one.
-  const bool leavesIt = lastRequest_ >= Large && port_ != nullptr && port_->AcceptsOffers();
-  return lastReply_ < Large && !leavesIt;
+bool CRequestQueue::ShallLook() const noexcept {
+  // The completion thread is lent only while the worker sleeps.
+  return !(LeavesNext() && port_ != nullptr && port_->AcceptsOffers());
 }
 
 bool CRequestQueue::Take(std::vector<SItem>& batch) {
   if (itemsCount_.load(std::memory_order_relaxed) == 0) {
     SendHeld();
   }
-  if (ShallSpin()) {
-    SpinForWork();
+  isWorking_.store(false, std::memory_order_relaxed);
+  if (ShallLook()) {
+    LookForWork();
   }
   std::unique_lock guard(lock_);
   while (lent_ || (items_.empty() && !continueParked_)) {
@@ -178,9 +204,7 @@ bool CRequestQueue::Take(std::vector<SItem>& batch) {
   }
   batch.swap(items_);
   itemsCount_.store(0, std::memory_order_relaxed);
-  if (batch.size() > 1 && port_ != nullptr) {
-    port_->RefuseOffers();
-  }
+  isWorking_.store(true, std::memory_order_relaxed);
   return true;
 }
 
@@ -210,26 +234,30 @@ void CRequestQueue::Wait(std::unique_lock<std::mutex>& guard) {
 }
 
 void CRequestQueue::Work() noexcept {
+  std::vector<SItem> batch;
+  while (Take(batch)) {
+    RunBatch(batch);
+  }
+  RunOutParked();
+}
+
+void CRequestQueue::RunBatch(std::vector<SItem>& batch) noexcept {
   const platform::meanwhile_t meanwhile([this] {
     hasAsked_ = true;
     SendHeld();
   });
-  std::vector<SItem> batch;
-  while (Take(batch)) {
-    // What arrived together may be served as if at one moment: folders on the way to its files are looked up once.
-    const platform::lookup_scope_t scope;
-    if (continueParked_.exchange(false)) {
-      RunParked();
-    }
-    for (std::size_t i = 0; i < batch.size(); ++i) {
-      leftInBatch_ = batch.size() - i - 1;
-      const bool isFollowed = leftInBatch_ != 0 && batch[i + 1].sender->Client() == batch[i].sender->Client();
-      Process(batch[i], isFollowed ? reply_t::Hold : reply_t::HoldIfAsked);
-      batch[i] = SItem();
-    }
-    batch.clear();
+  // What arrived together may be served as if at one moment: folders on the way to its files are looked up once.
+  const platform::lookup_scope_t scope;
+  if (continueParked_.exchange(false)) {
+    RunParked();
   }
-  RunOutParked();
+  for (std::size_t i = 0; i < batch.size(); ++i) {
+    leftInBatch_ = batch.size() - i - 1;
+    const bool isFollowed = leftInBatch_ != 0 && batch[i + 1].sender->Client() == batch[i].sender->Client();
+    Process(batch[i], isFollowed ? reply_t::Hold : reply_t::HoldIfAsked);
+    batch[i] = SItem();
+  }
+  batch.clear();
 }
 
 void CRequestQueue::Process(SItem& item, reply_t reply) noexcept {

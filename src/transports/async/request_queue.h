@@ -16,6 +16,7 @@
 #include "foundation/byte_buffer.h"
 #include "rpc/rpc_message.h"
 #include "transports/async/completion_port.h"
+#include "transports/async/look_gauge.h"
 #include "transports/async/response_sender.h"
 
 namespace synch {
@@ -28,9 +29,11 @@ namespace impl {
 /// so that replies follow in the order of their requests. Any thread may post; the owner stops and destroys.
 /// A client that takes no replies holds up nobody and costs no more memory: its requests are parked until it does.
 ///
-/// A client that moves large pieces of data one by one is served by the completion thread, which is lent for a request
-/// that comes alone while the worker sleeps: same order, same exclusion, no change of threads. Should it take its time,
-/// the worker hands out completions meanwhile.
+/// Where requests follow closely, one at a time, both threads look for the next one before they sleep: waking a thread
+/// costs more than most requests, and a processor that sleeps more than that. Where several that move large pieces of
+/// data are under way at a time, the completion thread is lent for those that came together while the worker sleeps:
+/// same order, same exclusion, no change of threads. Should they take their time, the worker hands out completions
+/// meanwhile.
 class CRequestQueue : private synch::ILentWork {
  public:
   /// Bounds of what is held to leave in one send: replies, their bytes, and, from FewHeld replies on, the time from the
@@ -41,6 +44,8 @@ class CRequestQueue : private synch::ILentWork {
   static constexpr std::size_t FewHeld = 6;
   static constexpr std::size_t MaxHeldBytes = 64U << 10;
   static constexpr std::chrono::microseconds MaxHeldTime{100};
+  /// The completion thread is lent for so many requests at a time.
+  static constexpr std::size_t MostLent = 16;
   /// How often the worker looks whether a request that the completion thread was lent for goes on; after one look
   /// without any change it stands in.
   static constexpr std::chrono::milliseconds LookPeriod{1};
@@ -81,13 +86,17 @@ class CRequestQueue : private synch::ILentWork {
   void Work() noexcept;
   /// The next requests, in order; false when the worker is to end.
   bool Take(std::vector<SItem>& batch);
+  void CountPostLocked() noexcept;
   bool MayLendLocked() noexcept;
-  bool ShallSpin() const noexcept;
+  /// The next requests are for the completion thread, if it can be lent. Of who carries out requests.
+  bool LeavesNext() const noexcept;
+  void RunBatch(std::vector<SItem>& batch) noexcept;
+  bool ShallLook() const noexcept;
   void RunLent() noexcept override;
   void Decline() noexcept override;
   /// Until something has changed, or for LookPeriod.
   void Wait(std::unique_lock<std::mutex>& guard);
-  void SpinForWork() const noexcept;
+  void LookForWork() noexcept;
   void Process(SItem& item, reply_t reply) noexcept;
   bool Park(SItem& item);
   void Answer(SItem& item, reply_t reply) noexcept;
@@ -109,9 +118,13 @@ class CRequestQueue : private synch::ILentWork {
   std::vector<SItem> items_;
   std::atomic<std::size_t> itemsCount_{0};
   bool sleeping_ = false;
+  /// Written under lock_, read without it: how many requests are under way at a time, as counted from the last ones.
+  std::atomic<unsigned> crowd_{0};
+  std::atomic<bool> isWorking_{false};  ///< The worker, neither looking for a request nor asleep.
   std::atomic<bool> stopping_{false};
   /// Guarded by lock_. The completion thread has the place of the worker.
   bool lent_ = false;
+  bool offered_ = false;  ///< To the port, for the end of its turn.
   std::uint64_t lentRequests_ = 0;
   bool looks_ = false;  ///< The worker, every LookPeriod.
   unsigned looksInVain_ = 0;
@@ -128,7 +141,8 @@ class CRequestQueue : private synch::ILentWork {
   clock_t::time_point heldSince_{};
   std::size_t lastRequest_ = 0;  ///< Sizes, bytes.
   std::size_t lastReply_ = 0;
-  bool hasAsked_ = false;  ///< Another process, with the request at hand.
+  synch::look_gauge_t lookGauge_;  ///< Of the worker alone.
+  bool hasAsked_ = false;          ///< Another process, with the request at hand.
 
   std::unique_ptr<synch::thread_t> thread_;
 };

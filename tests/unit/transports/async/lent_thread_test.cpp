@@ -1,4 +1,5 @@
-// The completion thread carries out what comes alone, and another one stands in for it when that takes its time.
+// The completion thread carries out large requests of which several are under way at a time, and another one stands in
+// for it when that takes its time.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -17,7 +18,7 @@ class LentThreadTest : public testing::Test {
   static constexpr std::uint32_t LargeReply = 20000;
 
   void SetUp() override {
-    // Before anything large was moved, nothing is lent.
+    // Before anything large was moved, and several requests were under way at a time, nothing is lent.
     client_.Call(Request(order_t::Echo, 1));
     ASSERT_TRUE(client_.Reply());
     worker_ = server_.program.lastThread;
@@ -26,12 +27,36 @@ class LentThreadTest : public testing::Test {
     client.Call(Request(order_t::Blow, 2, LargeReply));
     ASSERT_TRUE(client.Reply());
   }
+  /// Requests that arrive while another one is carried out, with large replies.
+  void MoveDataTogether() {
+    constexpr std::uint32_t Count = 20;
+    const int before = server_.program.begun;
+    client_.Call(Request(order_t::Wait, 1, gate_));
+    ASSERT_TRUE(Eventually([&] { return server_.program.begun == before + 1; }));
+    for (std::uint32_t i = 0; i < Count; ++i) {
+      client_.Call(Request(order_t::Blow, 2, LargeReply));
+    }
+    server_.AwaitReceived();
+    server_.program.OpenGate(gate_++);
+    for (std::uint32_t i = 0; i <= Count; ++i) {
+      ASSERT_TRUE(client_.Reply());
+    }
+  }
+  /// So many requests in one send.
+  void CallAtOnce(std::uint32_t count) {
+    bytes_t records;
+    for (std::uint32_t i = 0; i < count; ++i) {
+      const bytes_t record = WithMark(Request(order_t::Echo, i));
+      records.insert(records.end(), record.begin(), record.end());
+    }
+    client_.Send(records);
+  }
   bool WasLent() const { return server_.program.lastThread.load() != worker_; }
   /// Leaves the program waiting for gate_ on the completion thread. The worker may still be on its way to sleep when
   /// the request comes; then it is tried again.
   void BlockCompletionThread() {
     ASSERT_TRUE(Eventually([&] {
-      MoveData(client_);
+      MoveDataTogether();
       const int before = server_.program.begun;
       client_.Call(Request(order_t::Wait, Blocked, gate_));
       EXPECT_TRUE(Eventually([&] { return server_.program.begun == before + 1; }));
@@ -57,23 +82,62 @@ class LentThreadTest : public testing::Test {
   std::uint32_t gate_ = 0;
 };
 
-TEST_F(LentThreadTest, CarriesOutWhatComesAloneAfterALargeReply) {
+TEST_F(LentThreadTest, CarriesOutLargeRequestsOfWhichSeveralAreUnderWay) {
   EXPECT_TRUE(Eventually([&] {
+    MoveDataTogether();
     MoveData(client_);
     return WasLent();
   }));
 }
 
-TEST_F(LentThreadTest, CarriesOutWhatComesAloneAfterALargeRecord) {
-  bytes_t record = Request(order_t::Echo, 3);
-  record.resize(LargeReply);
+TEST_F(LentThreadTest, CarriesOutThoseThatArriveTogetherInTheirOrder) {
   EXPECT_TRUE(Eventually([&] {
-    client_.Call(record);
-    EXPECT_EQ(client_.Reply(), record);
-    client_.Call(Request(order_t::Echo, 4));
-    EXPECT_EQ(client_.Reply(), Request(order_t::Echo, 4));
+    MoveDataTogether();
+    const std::uint32_t count = impl::CRequestQueue::MostLent;
+    CallAtOnce(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+      EXPECT_EQ(client_.Reply(), Request(order_t::Echo, i));
+    }
     return WasLent();
   }));
+}
+
+TEST_F(LentThreadTest, LeavesManyThatArriveTogetherToTheWorker) {
+  for (int round = 0; round < 10; ++round) {
+    MoveDataTogether();
+    const std::uint32_t count = impl::CRequestQueue::MostLent + 1;
+    CallAtOnce(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+      EXPECT_EQ(client_.Reply(), Request(order_t::Echo, i));
+    }
+    EXPECT_FALSE(WasLent());
+  }
+}
+
+TEST_F(LentThreadTest, LeavesWhatComesOneByOneToTheWorker) {
+  // The worker may be late to tell that it is done; not always.
+  EXPECT_TRUE(Eventually([&] {
+    bool wasLent = false;
+    for (int i = 0; i < 40; ++i) {
+      MoveData(client_);
+      wasLent = wasLent || WasLent();
+    }
+    return !wasLent;
+  }));
+}
+
+TEST_F(LentThreadTest, LeavesRequestsThatAskAnotherProcessToTheWorker) {
+  server_.program.OpenGate();
+  MoveDataTogether();
+  bytes_t record = Request(order_t::Ask, 3);
+  record.resize(LargeReply);
+  client_.Call(record);
+  ASSERT_EQ(client_.Reply(), record);
+  for (int i = 0; i < 10; ++i) {
+    client_.Call(record);
+    ASSERT_EQ(client_.Reply(), record);
+    EXPECT_FALSE(WasLent());
+  }
 }
 
 TEST_F(LentThreadTest, LeavesSmallRequestsToTheWorker) {
@@ -120,11 +184,15 @@ TEST_F(LentThreadTest, IsNotLentForAWhileAfterARequestThatTookItsTime) {
   other.Call(Request(order_t::Echo, 8));
   ASSERT_TRUE(other.Reply());
   Unblock();
-  for (unsigned i = 0; i < 20; ++i) {
-    MoveData(client_);
-    EXPECT_FALSE(WasLent());
+  for (unsigned i = 0; i < 3; ++i) {
+    MoveDataTogether();
+    for (unsigned k = 0; k < 10; ++k) {
+      MoveData(client_);
+      EXPECT_FALSE(WasLent());
+    }
   }
   EXPECT_TRUE(Eventually([&] {
+    MoveDataTogether();
     MoveData(client_);
     return WasLent();
   }));
@@ -133,6 +201,7 @@ TEST_F(LentThreadTest, IsNotLentForAWhileAfterARequestThatTookItsTime) {
 TEST_F(LentThreadTest, GoesOnAfterALentRequestThatFailed) {
   EXPECT_TRUE(Eventually([&] {
     Client failing(server_.port);
+    MoveDataTogether();
     MoveData(failing);
     failing.Call(Request(order_t::Throw, 5));
     EXPECT_FALSE(failing.Reply());
@@ -226,14 +295,35 @@ TEST_F(LentPortTest, TakesOffersOnItsThreadAloneAndOneAtATime) {
   EXPECT_EQ(second.run, 0);
 }
 
-TEST_F(LentPortTest, DeclinesBeforeMoreIsHandedOut) {
+TEST_F(LentPortTest, HandsOutWhatElseIsReadyFirst) {
   OnCompletionThread([&] {
     EXPECT_TRUE(port_->OfferWork(work_));
-    // What comes next may take its time, and the work does not wait for it.
-    object_->CompleteLater(new CallEvent(object_, [&] { EXPECT_EQ(work_.declined, 1); }), {});
+    object_->CompleteLater(new CallEvent(object_, [&] { EXPECT_EQ(work_.run, 0); }), {});
+  });
+  EXPECT_EQ(work_.run, 1);
+  EXPECT_EQ(work_.declined, 0);
+}
+
+TEST_F(LentPortTest, DeclinesWhenMoreIsReadyThanATurnHandsOut) {
+  constexpr int Enough = 1000;
+  OnCompletionThread([&] {
+    EXPECT_TRUE(port_->OfferWork(work_));
+    for (int i = 0; i < Enough; ++i) {
+      object_->CompleteLater(new CallEvent(object_, [] {}), {});
+    }
   });
   EXPECT_EQ(work_.run, 0);
   EXPECT_EQ(work_.declined, 1);
+  EXPECT_FALSE(port_->AcceptsOffers());
+}
+
+TEST_F(LentPortTest, DeclinesBeforeItRests) {
+  OnCompletionThread([&] {
+    EXPECT_TRUE(port_->OfferWork(work_));
+    port_->Pause(std::chrono::milliseconds(1));
+    EXPECT_EQ(work_.declined, 1);
+  });
+  EXPECT_EQ(work_.run, 0);
 }
 
 TEST_F(LentPortTest, RefusesForAWhileAfterLendingThatDidNotPay) {
@@ -247,6 +337,41 @@ TEST_F(LentPortTest, RefusesForAWhileAfterLendingThatDidNotPay) {
     EXPECT_TRUE(port_->OfferWork(work_));
   });
   EXPECT_EQ(work_.run, 1);
+}
+
+TEST_F(LentPortTest, ServesWhetherOrNotItLooksForMore) {
+  port_->LookForMore();
+  std::atomic<unsigned> served{0};
+  // Looks in vain often enough to leave some out.
+  for (unsigned i = 0; i < 4 * synch::look_gauge_t::InVain; ++i) {
+    OnCompletionThread([&] {
+      ++served;
+      port_->LookForMore();
+    });
+  }
+  EXPECT_EQ(served, 4 * synch::look_gauge_t::InVain);
+}
+
+TEST(LookGaugeTest, LeavesLooksOutThatFoundNothingSeveralTimes) {
+  synch::look_gauge_t gauge;
+  for (unsigned i = 1; i < synch::look_gauge_t::InVain; ++i) {
+    EXPECT_TRUE(gauge.Pays());
+    gauge.Tell(false);
+  }
+  gauge.Tell(true);
+  for (unsigned i = 0; i < synch::look_gauge_t::InVain; ++i) {
+    EXPECT_TRUE(gauge.Pays());
+    gauge.Tell(false);
+  }
+  // The next try in vain costs as many again, one that finds something ends it.
+  for (int tries = 0; tries < 2; ++tries) {
+    for (unsigned i = 0; i < synch::look_gauge_t::LeftOut; ++i) {
+      EXPECT_FALSE(gauge.Pays());
+    }
+    EXPECT_TRUE(gauge.Pays());
+    gauge.Tell(tries != 0);
+  }
+  EXPECT_TRUE(gauge.Pays());
 }
 
 TEST_F(LentPortTest, NobodyStandsInForAThreadThatIsThere) {
