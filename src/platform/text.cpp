@@ -6,6 +6,8 @@
 #include <charconv>
 #include <cstring>
 
+#include "platform/guid.h"
+
 namespace platform {
 namespace {
 
@@ -150,6 +152,13 @@ std::uint64_t HashIgnoringCase(std::string_view text, std::uint64_t seed) noexce
   mix(rest);
   mix(seed);
   return hash;
+}
+
+std::uint64_t NewHashSeed() {
+  const GUID random = NewGuid();
+  std::uint64_t seed = 0;
+  std::memcpy(&seed, random.bytes.data(), sizeof seed);
+  return seed;
 }
 
 bool IsValidUtf8(std::string_view text) noexcept {

@@ -18,6 +18,8 @@ std::string FoldAscii(std::string_view text);
 /// Equal for texts that are equal without regard to ASCII case. Whoever does not know the seed cannot choose texts that
 /// meet.
 std::uint64_t HashIgnoringCase(std::string_view text, std::uint64_t seed) noexcept;
+/// Another one each time, which nobody can guess.
+std::uint64_t NewHashSeed();
 
 bool EqualIgnoringCase(std::string_view left, std::string_view right) noexcept;
 /// Below, at or above zero, as the folded bytes compare (as unsigned).

@@ -15,7 +15,9 @@ using lock_t = std::lock_guard<platform::brief_mutex_t<std::recursive_mutex>>;
 
 }  // namespace
 
-CFsItemsTab::CFsItemsTab(boost::shared_ptr<CRegConfigUpdateSink> updateSink) : updateSink_(std::move(updateSink)) {}
+CFsItemsTab::CFsItemsTab(boost::shared_ptr<CRegConfigUpdateSink> updateSink)
+    // Clients choose names; that they cannot choose such as meet is the seed's work.
+    : listingIndex_(0, SListedHash{platform::NewHashSeed()}), updateSink_(std::move(updateSink)) {}
 
 CFsItemsTab::~CFsItemsTab() = default;
 
@@ -128,8 +130,8 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   const rec_ptr parent = GetRec(parentFid);
   if (!IsBacked(*parent, prepared))
     return InvalidFid;
-  const auto entry = listing_.find(SListingKeyView{parentFid, prepared.name});
-  const bool wasFound = entry != listing_.end();
+  const SListed* const entry = FindListed(parentFid, prepared.name);
+  const bool wasFound = entry != nullptr;
   const std::uint64_t fid = wasFound ? entry->fid : GenerateFid();
   if (wasFound && !IsReplaced(fid, prepared, found)) {
     g_nfs_log.Info("Item [%1] was found. ID: [%2].", prepared.name, fid);
@@ -182,6 +184,7 @@ void CFsItemsTab::TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t&
 void CFsItemsTab::Expect(std::size_t items) {
   const lock_t lock(mutex_);
   items_.reserve(items);
+  listingIndex_.reserve(items);
 }
 
 void CFsItemsTab::ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,
@@ -228,8 +231,8 @@ void CFsItemsTab::RemoveChild(std::uint64_t parentFid, const std::string& name) 
 void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid,
                                 const IFsItem* item) {
   RemoveAndLog([&](changes_t& removed) {
-    const auto found = listing_.find(SListingKeyView{parentFid, name});
-    if (found != listing_.end() && found->fid == fid && (item == nullptr || found->rec->Item().get() == item))
+    const SListed* const found = FindListed(parentFid, name);
+    if (found != nullptr && found->fid == fid && (item == nullptr || found->rec->Item().get() == item))
       Delete(fid, nullptr, false, removed);
   });
 }
@@ -242,8 +245,13 @@ std::uint64_t CFsItemsTab::LookupChild(std::uint64_t parentFid, std::string_view
     const rec_ptr parent = FindRec(parentFid);
     return parent ? parent->parentFid : InvalidFid;
   }
-  const auto found = listing_.find(SListingKeyView{parentFid, name});
-  return found == listing_.end() ? InvalidFid : found->fid;
+  const SListed* const found = FindListed(parentFid, name);
+  return found == nullptr ? InvalidFid : found->fid;
+}
+
+const CFsItemsTab::SListed* CFsItemsTab::FindListed(std::uint64_t parentFid, std::string_view name) const {
+  const auto found = listingIndex_.find(SListingKeyView{parentFid, name});
+  return found == listingIndex_.end() ? nullptr : *found;
 }
 
 void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName) {
@@ -258,8 +266,8 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const 
     if (IsSameOrBelow(newParentFid, fid))
       throw CVirtualFsExc(NFS3ERR_INVAL);
 
-    const auto occupied = listing_.find(SListingKeyView{newParentFid, newName});
-    if (occupied != listing_.end() && occupied->fid != fid)
+    const SListed* const occupied = FindListed(newParentFid, newName);
+    if (occupied != nullptr && occupied->fid != fid)
       Delete(occupied->fid, nullptr, false, removed);
 
     FreeStoredPlace(newParentFid, newName, fid);
@@ -329,8 +337,16 @@ void CFsItemsTab::NoteFolderChange(std::uint64_t fid) {
 void CFsItemsTab::PutListing(std::uint64_t fid, const rec_ptr& rec) {
   NoteFolderChange(rec->parentFid);
   const auto [entry, isNew] = listing_.insert(SListed{fid, rec});
-  if (isNew)
+  if (isNew) {
+    try {
+      listingIndex_.insert(&*entry);
+    } catch (...) {
+      listing_.erase(entry);
+      throw;
+    }
     return;
+  }
+  // The index has the entry already: it stays where it is, and its hash with it.
   auto node = listing_.extract(entry);
   node.value() = SListed{fid, rec};
   listing_.insert(std::move(node));

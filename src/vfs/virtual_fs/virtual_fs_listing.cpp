@@ -1,7 +1,6 @@
 // Listing folders.
 #include <bit>
 #include <boost/make_shared.hpp>
-#include <cstring>
 #include <map>
 #include <utility>
 #include <vector>
@@ -45,12 +44,7 @@ class CNameIndex {
 
   std::size_t FirstPlace(std::string_view name) const {
     // Clients choose names; that they cannot choose such as meet is the seed's work.
-    static const std::uint64_t seed = [] {
-      const GUID random = platform::NewGuid();
-      std::uint64_t value = 0;
-      std::memcpy(&value, random.bytes.data(), sizeof value);
-      return value;
-    }();
+    static const std::uint64_t seed = platform::NewHashSeed();
     return platform::HashIgnoringCase(name, seed) & (places_.size() - 1);
   }
   std::size_t Next(std::size_t place) const { return (place + 1) & (places_.size() - 1); }

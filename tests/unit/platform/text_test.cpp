@@ -75,6 +75,7 @@ TEST(Text, AHashIgnoresCaseAndDependsOnTheSeed) {
     hashes.insert(HashIgnoringCase("file" + std::to_string(i), 7) & 0xFFFFFF);
   EXPECT_GT(hashes.size(), 9900U) << "the low bits spread";
   EXPECT_NE(HashIgnoringCase("", 7), HashIgnoringCase(std::string_view("\0", 1), 7));
+  EXPECT_NE(platform::NewHashSeed(), platform::NewHashSeed());
 }
 
 TEST(Text, AMapMayIgnoreCase) {
