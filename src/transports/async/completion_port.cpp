@@ -15,6 +15,7 @@
 
 #include "foundation/exc.h"
 #include "foundation/log.h"
+#include "platform/futex.h"
 
 namespace synch {
 namespace {
@@ -97,8 +98,8 @@ bool completion_port_t::OfferWork(ILentWork& work) noexcept {
       offered_ != nullptr) {
     return false;
   }
-  if (const unsigned refused = refused_.load(std::memory_order_relaxed); refused != 0) {
-    refused_.store(refused - 1, std::memory_order_relaxed);
+  if (refused_ != 0) {
+    --refused_;
     return false;
   }
   offered_ = &work;
@@ -282,18 +283,23 @@ int completion_port_t::WaitMilliseconds() {
 }
 
 int completion_port_t::WaitForEvents(epoll_event* events, int room) {
-  static const bool useful = std::thread::hardware_concurrency() > 1;
-  if (std::exchange(looks_, false) && useful && ready_.empty() && lookGauge_.Pays()) {
-    const auto end = clock_t::now() + LookTime;
-    do {
-      const int count = ::epoll_wait(epoll_, events, room, 0);
+  static const bool useful = platform::AvailableProcessors() > 1;
+  if (std::exchange(looks_, false) && useful && ready_.empty()) {
+    // What is there already is no gain of looking.
+    int count = ::epoll_wait(epoll_, events, room, 0);
+    if (count != 0) {
+      return count;
+    }
+    if (lookGauge_.Pays()) {
+      for (const auto end = clock_t::now() + LookTime; count == 0 && clock_t::now() < end;) {
+        std::this_thread::yield();
+        count = ::epoll_wait(epoll_, events, room, 0);
+      }
+      lookGauge_.Tell(count > 0);
       if (count != 0) {
-        lookGauge_.Tell(true);
         return count;
       }
-      std::this_thread::yield();
-    } while (clock_t::now() < end);
-    lookGauge_.Tell(false);
+    }
   }
   return ::epoll_wait(epoll_, events, room, WaitMilliseconds());
 }

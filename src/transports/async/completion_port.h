@@ -65,12 +65,10 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   /// Offers work for the end of the turn, where it is run or declined; it must live until then. False when it is not to
   /// be: on any other thread than that of Run, while other work is offered, and after lending that did not pay.
   bool OfferWork(ILentWork& work) noexcept;
-  /// Refuses the next offers. Any thread.
-  void RefuseOffers() noexcept { refused_.store(OffersRefused, std::memory_order_relaxed); }
-  /// Whether an offer would be accepted. A guess, on any thread but that of Run.
-  bool AcceptsOffers() const noexcept { return refused_.load(std::memory_order_relaxed) == 0; }
-  /// More is expected at once: before it sleeps the completion thread looks for that, once, for LookTime. No other
-  /// thread asks for it in vain.
+  /// Refuses the next offers. Nobody may make one at the same time.
+  void RefuseOffers() noexcept { refused_ = OffersRefused; }
+  /// More is expected at once: before it sleeps the completion thread looks for that, once, for LookTime. Of that
+  /// thread; asked by another one it does nothing.
   void LookForMore() noexcept;
   /// For the owner of lent work that takes its time: hands out completions until that is over, or until Stop. Returns
   /// at once when the thread is not lent for it any more.
@@ -144,14 +142,14 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   /// The completion thread; none while that of Run is lent and nobody stands in.
   std::atomic<std::thread::id> loopThread_{};
   std::atomic<ILentWork*> lent_{nullptr};  ///< What the thread of Run is lent for.
-  std::atomic<unsigned> refused_{0};       ///< Offers to be refused.
   std::atomic<int> standIns_{0};           ///< Threads in StandIn, of which one may have the turn.
 
-  /// Held by the completion thread but while it is lent. Guards the three below.
+  /// Held by the completion thread but while it is lent. Guards the five below.
   std::mutex turnLock_;
   std::deque<SCompletion> ready_;
   ILentWork* offered_ = nullptr;
-  bool looks_ = false;  ///< For more, before it sleeps.
+  unsigned refused_ = 0;  ///< Offers to be refused.
+  bool looks_ = false;    ///< For more, before it sleeps.
   look_gauge_t lookGauge_;
 
   /// Guards all below. Taken under no other lock.

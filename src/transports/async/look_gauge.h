@@ -3,13 +3,14 @@
 
 namespace synch {
 
-/// A thread that looks for what comes next, before it sleeps, spares itself the waking, and its processor as well.
-/// Where nothing comes that soon it only burns time: looks that found nothing several times in a row are left out, and
-/// tried again now and then. Of one thread.
+/// A thread that looks for what comes next, before it sleeps, spares itself the waking, and its processor as well. A
+/// look that finds nothing costs a few times what one that does saves: looks are left out while fewer than three of
+/// four find something, and tried again now and then. Of one thread.
 class look_gauge_t {
  public:
-  static constexpr unsigned InVain = 8;    ///< So many looks in a row that found nothing are enough.
-  static constexpr unsigned LeftOut = 64;  ///< So many are left out then, until the next try.
+  static constexpr unsigned CostInVain = 3;  ///< In looks that found something.
+  static constexpr unsigned Limit = 24;      ///< Cost from which looks are left out.
+  static constexpr unsigned LeftOut = 64;    ///< So many, until the next try.
 
   /// Whether to look this time.
   bool Pays() noexcept {
@@ -21,15 +22,19 @@ class look_gauge_t {
   }
   /// What the look brought.
   void Tell(bool found) noexcept {
-    inVain_ = found ? 0 : inVain_ + 1;
-    if (inVain_ >= InVain) {
-      inVain_ = InVain;
+    if (found) {
+      cost_ -= cost_ == 0 ? 0 : 1;
+      return;
+    }
+    cost_ += CostInVain;
+    if (cost_ >= Limit) {
+      cost_ = Limit;
       leftOut_ = LeftOut;
     }
   }
 
  private:
-  unsigned inVain_ = 0;
+  unsigned cost_ = 0;
   unsigned leftOut_ = 0;
 };
 

@@ -11,6 +11,7 @@
 
 #include "foundation/log.h"
 #include "foundation/thread.h"
+#include "platform/futex.h"
 #include "platform/lookup_scope.h"
 #include "platform/meanwhile.h"
 
@@ -21,8 +22,8 @@ namespace {
 constexpr std::size_t Large = std::size_t{16} << 10;
 /// So many looks without a request that the completion thread was lent for, then the worker sleeps.
 constexpr unsigned LooksInVain = 16;
-/// A request that comes while another one is carried out counts twice as much as one that does not; from Crowded on,
-/// several are taken to be under way at a time.
+/// A request that comes while another one is carried out counts twice as much as one that does not. From Crowded on
+/// several are taken to be under way at a time, until nothing is left of that.
 constexpr unsigned MostCrowded = 32;
 constexpr unsigned Crowded = 16;
 
@@ -81,11 +82,15 @@ void CRequestQueue::Post(boost::intrusive_ptr<CResponseSender> sender, boost::sh
 void CRequestQueue::CountPostLocked() noexcept {
   const bool isAlone = items_.size() == 1 && !lent_ && !isWorking_.load(std::memory_order_relaxed);
   const unsigned crowd = crowd_.load(std::memory_order_relaxed);
-  crowd_.store(isAlone ? crowd - std::min(crowd, 1U) : std::min(crowd + 2, MostCrowded), std::memory_order_relaxed);
+  const unsigned now = isAlone ? crowd - std::min(crowd, 1U) : std::min(crowd + 2, MostCrowded);
+  crowd_.store(now, std::memory_order_relaxed);
+  if (now >= Crowded || now == 0) {
+    isCrowded_.store(now != 0, std::memory_order_relaxed);
+  }
 }
 
 bool CRequestQueue::LeavesNext() const noexcept {
-  return lastReply_ >= Large && !hasAsked_ && crowd_.load(std::memory_order_relaxed) >= Crowded;
+  return lastReply_ >= Large && !hasAsked_ && isCrowded_.load(std::memory_order_relaxed);
 }
 
 bool CRequestQueue::MayLendLocked() noexcept {
@@ -165,16 +170,16 @@ void CRequestQueue::ContinueParked() noexcept {
 }
 
 void CRequestQueue::LookForWork() noexcept {
-  static const bool useful = std::thread::hardware_concurrency() > 1;
-  if (!useful || !lookGauge_.Pays()) {
-    return;
-  }
+  static const bool useful = platform::AvailableProcessors() > 1;
   const auto isThere = [this] {
     return itemsCount_.load(std::memory_order_relaxed) != 0 || continueParked_.load(std::memory_order_relaxed) ||
            stopping_.load(std::memory_order_relaxed);
   };
-  const auto end = clock_t::now() + synch::completion_port_t::LookTime;
   bool found = isThere();
+  if (found || !useful || !lookGauge_.Pays()) {
+    return;
+  }
+  const auto end = clock_t::now() + synch::completion_port_t::LookTime;
   while (!found && clock_t::now() < end) {
     std::this_thread::yield();
     found = isThere();
@@ -184,7 +189,7 @@ void CRequestQueue::LookForWork() noexcept {
 
 bool CRequestQueue::ShallLook() const noexcept {
   // The completion thread is lent only while the worker sleeps.
-  return !(LeavesNext() && port_ != nullptr && port_->AcceptsOffers());
+  return !(LeavesNext() && port_ != nullptr);
 }
 
 bool CRequestQueue::Take(std::vector<SItem>& batch) {
@@ -308,7 +313,6 @@ void CRequestQueue::RunOutParked() noexcept {
 
 void CRequestQueue::Answer(SItem& item, reply_t reply) noexcept {
   hasAsked_ = false;
-  lastRequest_ = item.record->size() + (item.rest == nullptr ? 0 : item.rest->Held());
   lastReply_ = 0;
   try {
     CXDRReader reader(std::move(item.record), std::move(item.rest));

@@ -88,7 +88,8 @@ class CRequestQueue : private synch::ILentWork {
   bool Take(std::vector<SItem>& batch);
   void CountPostLocked() noexcept;
   bool MayLendLocked() noexcept;
-  /// The next requests are for the completion thread, if it can be lent. Of who carries out requests.
+  /// The next requests are for the completion thread, if it can be lent. Of who carries out requests, and of posters
+  /// under lock_ while nobody does.
   bool LeavesNext() const noexcept;
   void RunBatch(std::vector<SItem>& batch) noexcept;
   bool ShallLook() const noexcept;
@@ -120,6 +121,7 @@ class CRequestQueue : private synch::ILentWork {
   bool sleeping_ = false;
   /// Written under lock_, read without it: how many requests are under way at a time, as counted from the last ones.
   std::atomic<unsigned> crowd_{0};
+  std::atomic<bool> isCrowded_{false};  ///< Several.
   std::atomic<bool> isWorking_{false};  ///< The worker, neither looking for a request nor asleep.
   std::atomic<bool> stopping_{false};
   /// Guarded by lock_. The completion thread has the place of the worker.
@@ -139,8 +141,7 @@ class CRequestQueue : private synch::ILentWork {
   std::size_t held_ = 0;
   std::size_t heldBytes_ = 0;
   clock_t::time_point heldSince_{};
-  std::size_t lastRequest_ = 0;  ///< Sizes, bytes.
-  std::size_t lastReply_ = 0;
+  std::size_t lastReply_ = 0;      ///< Bytes.
   synch::look_gauge_t lookGauge_;  ///< Of the worker alone.
   bool hasAsked_ = false;          ///< Another process, with the request at hand.
 

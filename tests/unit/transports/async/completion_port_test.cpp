@@ -11,6 +11,7 @@
 #include "transports/async/tcp_acceptor.h"
 #include "transports/sockets/congestion_control.h"
 #include "unit/transports/async/rig.h"
+#include "unit/transports/pacing.h"
 
 namespace test {
 namespace {
@@ -297,9 +298,11 @@ TEST_F(AcceptTest, RaisesWhatItCannotHelp) {
   EXPECT_THROW(Run({{win::io_attempt_t::Refused, 10038}}), exc::win_sys_exc_t);
 }
 
-TEST_F(AcceptTest, DoesNotPaceItsConnections) {
-  Run({});
-  const std::string chosen = CongestionControl(acceptor_->GetHandle());
+TEST(PortBindingTest, ConnectionsAreNotPaced) {
+  const win::CTcpStream listener;
+  ChooseCongestionControl(listener.GetHandle(), "bbr");
+  win::BindTcpPort(listener.GetHandle(), {});
+  const std::string chosen = CongestionControl(listener.GetHandle());
   EXPECT_FALSE(chosen.empty());
   EXPECT_FALSE(chosen.starts_with("bbr")) << chosen;
 }

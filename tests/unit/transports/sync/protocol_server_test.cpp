@@ -19,6 +19,7 @@
 #include "transports/sockets/congestion_control.h"
 #include "transports/sync/client_threads.h"
 #include "transports/sync/listening.h"
+#include "unit/transports/pacing.h"
 #include "unit/transports/sync/rig.h"
 
 namespace test {
@@ -152,6 +153,7 @@ TEST(PortSearchTest, APortThatConnectionsOfAnEarlierRunHoldIsFree) {
 
 TEST(ListeningTest, ConnectionsAreNotPaced) {
   CSocketIP listener(true);
+  ChooseCongestionControl(listener.Socket(), "bbr");
   CreateEventAndListen(listener, 0);
   const std::string chosen = CongestionControl(listener.Socket());
   EXPECT_FALSE(chosen.empty());
