@@ -1,9 +1,13 @@
 #include "foundation/monitoring.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <new>
+#include <optional>
+#include <utility>
 
 #include "platform/process.h"
 
@@ -16,23 +20,27 @@ thread_local constinit CThreadState* currentState = nullptr;
 thread_local constinit bool threadEnded = false;
 thread_local constinit std::uint32_t currentThreadId = 0;
 
-/// Ends the record of a thread that was not started through this system.
-struct thread_end_t {
-  bool armed = false;
-  ~thread_end_t() {
-    threadEnded = true;
-    if (currentState != nullptr)
-      CThreadStatesCollection::Instance().Remove(*currentState);
-    currentState = nullptr;
-  }
-};
-thread_local thread_end_t threadEnd;
+void EndRecord(void*) noexcept {
+  threadEnded = true;
+  if (currentState != nullptr)
+    CThreadStatesCollection::Instance().Remove(*currentState);
+  currentState = nullptr;
+}
+
+/// Has EndRecord called at the end of the calling thread. Not by a destructor of something thread_local: the C library
+/// ends the process when there is no memory to note one.
+bool CallAtThreadEnd() noexcept {
+  static const std::optional<pthread_key_t> key = [] {
+    pthread_key_t made{};
+    return ::pthread_key_create(&made, EndRecord) == 0 ? std::optional(made) : std::nullopt;
+  }();
+  return key.has_value() && ::pthread_setspecific(*key, &currentState) == 0;
+}
 
 CThreadTrace* MakeRecordLate() noexcept {
-  if (threadEnded)
+  if (threadEnded || !CallAtThreadEnd())
     return nullptr;
   try {
-    threadEnd.armed = true;
     currentState = &CThreadStatesCollection::Instance().Add({}, 0);
     return &currentState->Trace();
   } catch (const std::bad_alloc&) {
@@ -146,9 +154,15 @@ CThreadStatesCollection& CThreadStatesCollection::Instance() noexcept {
 }
 
 CThreadState& CThreadStatesCollection::Add(std::string_view role, std::uint32_t parentId) {
+  CThreadState& state = Reserve(role, parentId);
+  Begin(state);
+  return state;
+}
+
+CThreadState& CThreadStatesCollection::Reserve(std::string_view role, std::uint32_t parentId) {
   const std::lock_guard<std::mutex> guard(lock_);
   CThreadState* state = first_.load(std::memory_order_relaxed);
-  while (state != nullptr && state->IsLive())
+  while (state != nullptr && state->taken_)
     state = state->next_;
   const bool isNew = state == nullptr;
   if (isNew)
@@ -156,10 +170,9 @@ CThreadState& CThreadStatesCollection::Add(std::string_view role, std::uint32_t 
   const std::size_t length = std::min(role.size(), CThreadState::MaxRole);
   std::copy_n(role.data(), length, state->role_);
   state->role_[length] = '\0';
-  state->threadId_.store(CurrentThreadId(), std::memory_order_relaxed);
   state->parentId_.store(parentId, std::memory_order_relaxed);
   state->trace_.Clear();
-  state->live_.store(true, std::memory_order_release);
+  state->taken_ = true;
   if (isNew) {
     state->next_ = first_.load(std::memory_order_relaxed);
     first_.store(state, std::memory_order_release);
@@ -167,8 +180,15 @@ CThreadState& CThreadStatesCollection::Add(std::string_view role, std::uint32_t 
   return *state;
 }
 
+void CThreadStatesCollection::Begin(CThreadState& state) noexcept {
+  const std::lock_guard<std::mutex> guard(lock_);
+  state.threadId_.store(CurrentThreadId(), std::memory_order_relaxed);
+  state.live_.store(true, std::memory_order_release);
+}
+
 void CThreadStatesCollection::Remove(CThreadState& state) noexcept {
   const std::lock_guard<std::mutex> guard(lock_);
+  state.taken_ = false;
   state.live_.store(false, std::memory_order_release);
 }
 
@@ -204,9 +224,9 @@ std::uint32_t CurrentThreadId() noexcept {
   return currentThreadId;
 }
 
-thread_registration_t::thread_registration_t(std::string_view role, std::uint32_t parentId) {
-  CThreadState* const early = currentState;
-  currentState = &CThreadStatesCollection::Instance().Add(role, parentId);
+thread_registration_t::thread_registration_t(thread_record_t& record) noexcept {
+  CThreadState* const early = std::exchange(currentState, std::exchange(record.state_, nullptr));
+  CThreadStatesCollection::Instance().Begin(*currentState);
   if (early != nullptr)
     CThreadStatesCollection::Instance().Remove(*early);
 }

@@ -65,7 +65,7 @@ class CThreadState {
   /// Bytes of a role that are kept.
   static constexpr std::size_t MaxRole = 95;
 
-  /// False while the record waits for its next thread.
+  /// False while the record waits for its next thread, or for its thread's start.
   bool IsLive() const noexcept { return live_.load(std::memory_order_acquire); }
   /// The kernel's ids; the parent is 0 for a thread that was not started through this system.
   std::uint32_t ThreadId() const noexcept { return threadId_.load(std::memory_order_relaxed); }
@@ -80,6 +80,8 @@ class CThreadState {
  private:
   friend class CThreadStatesCollection;
 
+  /// Guarded by the collection's lock.
+  bool taken_ = false;
   std::atomic<bool> live_{false};
   std::atomic<std::uint32_t> threadId_{0};
   std::atomic<std::uint32_t> parentId_{0};
@@ -106,7 +108,11 @@ class CThreadStatesCollection {
 
   /// Makes the calling thread's record. Throws when memory runs out.
   CThreadState& Add(std::string_view role, std::uint32_t parentId);
-  /// Ends a record. By its own thread.
+  /// Sets a record aside for a thread that is still to be started; it is not live. Throws when memory runs out.
+  CThreadState& Reserve(std::string_view role, std::uint32_t parentId);
+  /// A reserved record becomes the calling thread's.
+  void Begin(CThreadState& state) noexcept;
+  /// Ends a record, or gives a reserved one back. By its own thread, or where none is any more.
   void Remove(CThreadState& state) noexcept;
 
   /// For a crash handler: the first record, the others by Next(). No lock; skip those that are not live.
@@ -125,10 +131,30 @@ CThreadTrace* CurrentTrace() noexcept;
 /// The calling thread's kernel id.
 std::uint32_t CurrentThreadId() noexcept;
 
-/// Makes the record of a started thread, and removes it when the scope ends. On the thread's own stack, outermost.
+/// The record of a thread that is still to be started. Made by whoever starts it, who can tell of it when memory runs
+/// out; the new thread could only end the process. Given back at its end where no thread took it. One owner at a time;
+/// the constructor throws std::bad_alloc.
+class thread_record_t {
+ public:
+  thread_record_t(std::string_view role, std::uint32_t parentId)
+      : state_(&CThreadStatesCollection::Instance().Reserve(role, parentId)) {}
+  thread_record_t(const thread_record_t&) = delete;
+  thread_record_t& operator=(const thread_record_t&) = delete;
+  ~thread_record_t() {
+    if (state_ != nullptr)
+      CThreadStatesCollection::Instance().Remove(*state_);
+  }
+
+ private:
+  friend class thread_registration_t;
+  CThreadState* state_;
+};
+
+/// Takes the record for the calling thread, in place of one that it has, and removes it when the scope ends. On the
+/// thread's own stack, outermost.
 class thread_registration_t {
  public:
-  thread_registration_t(std::string_view role, std::uint32_t parentId);
+  explicit thread_registration_t(thread_record_t& record) noexcept;
   thread_registration_t(const thread_registration_t&) = delete;
   thread_registration_t& operator=(const thread_registration_t&) = delete;
   ~thread_registration_t();

@@ -4,6 +4,7 @@
 #include <boost/make_shared.hpp>
 #include <boost/thread/thread.hpp>
 #include <mutex>
+#include <utility>
 
 #include "foundation/monitoring.h"
 #include "foundation/thread_entry.h"
@@ -12,21 +13,23 @@ namespace synch {
 
 /// What thread and owner share: a thread that was let go keeps it to its end.
 struct thread_t::state_t {
-  std::string role;
-  boost::shared_ptr<thread_exec_proc_t> procedure;
-  std::uint32_t parentId = 0;
+  state_t(std::string roleOfThread, boost::shared_ptr<thread_exec_proc_t> itsProcedure)
+      : role(std::move(roleOfThread)), procedure(std::move(itsProcedure)), record(role, parentId) {}
+
+  const std::string role;
+  const boost::shared_ptr<thread_exec_proc_t> procedure;
+  const std::uint32_t parentId = monitoring::CurrentThreadId();
+  /// The thread's from its begin.
+  monitoring::thread_record_t record;
   std::mutex lock;
   /// Guarded by lock.
   boost::shared_ptr<exc::exc_base_t> exception;
 };
 
 thread_t::thread_t(std::string role, boost::shared_ptr<thread_exec_proc_t> procedure)
-    : state_(boost::make_shared<state_t>()) {
-  state_->role = std::move(role);
-  state_->procedure = std::move(procedure);
-  state_->parentId = monitoring::CurrentThreadId();
+    : state_(boost::make_shared<state_t>(std::move(role), std::move(procedure))) {
   thread_ = std::make_unique<boost::thread>([state = state_] {
-    auto failure = impl::RunThread(state->role, state->parentId, *state->procedure);
+    auto failure = impl::RunThread(state->record, state->role, state->parentId, *state->procedure);
     const std::lock_guard<std::mutex> guard(state->lock);
     state->exception = std::move(failure);
   });

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <boost/make_shared.hpp>
+#include <optional>
 
 #include "foundation/events.h"
 #include "foundation/exc.h"
@@ -15,6 +16,7 @@ struct win_thread_t::state_t {
   std::string name;
   synch::thread_exec_proc_t procedure;
   std::uint32_t parentId = 0;
+  std::optional<monitoring::thread_record_t> record;
   /// Set when nothing of the thread is left but its return.
   synch::manual_event_t finished;
 };
@@ -24,7 +26,7 @@ namespace {
 template <typename State>
 void* Entry(void* argument) {
   const std::unique_ptr<boost::shared_ptr<State>> state(static_cast<boost::shared_ptr<State>*>(argument));
-  synch::impl::RunThread((*state)->name, (*state)->parentId, (*state)->procedure);
+  synch::impl::RunThread(*(*state)->record, (*state)->name, (*state)->parentId, (*state)->procedure);
   (*state)->finished.Set();
   return nullptr;
 }
@@ -50,6 +52,7 @@ win_thread_t::~win_thread_t() {
 
 void win_thread_t::Start() {
   state_->parentId = monitoring::CurrentThreadId();
+  state_->record.emplace(state_->name, state_->parentId);
   auto argument = std::make_unique<boost::shared_ptr<state_t>>(state_);
   pthread_t thread = 0;
   const int failure = ::pthread_create(&thread, nullptr, &Entry<state_t>, argument.get());

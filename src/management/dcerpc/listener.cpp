@@ -130,7 +130,8 @@ void CListener::Admit(platform::descriptor_t peer) {
 void CListener::ServeConnection(platform::descriptor_t peer) noexcept {
   const platform::signal_stack_t signalStack;
   try {
-    const monitoring::thread_registration_t registration(ConnectionRole, 0);
+    monitoring::thread_record_t record(ConnectionRole, 0);
+    const monitoring::thread_registration_t registration(record);
     platform::SetThreadName(ConnectionRole);
     const int descriptor = peer.Get();
     SCaller caller = socket_.isLocal ? LocalCaller(descriptor) : RemoteCaller(descriptor);

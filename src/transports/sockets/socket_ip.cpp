@@ -129,16 +129,17 @@ void CSocketIP::WriteStatisticsEvent() noexcept {
 
 CSocketIP::CSocketIP(bool tcp)
     : socket_(::socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, tcp ? IPPROTO_TCP : IPPROTO_UDP)) {
-  if (socket_ < 0)
+  if (!socket_.IsOpen())
     ThrowSocketError("Cannot create socket");
 }
 
-CSocketIP::CSocketIP(int socket, bool connected) : socket_(socket), connected_(connected) {
+CSocketIP::CSocketIP(platform::descriptor_t socket, bool connected)
+    : socket_(std::move(socket)), connected_(connected) {
   if (!connected_)
     return;
   sockaddr_in peer = {};
   socklen_t size = sizeof(peer);
-  if (::getpeername(socket_, reinterpret_cast<sockaddr*>(&peer), &size) == 0 && peer.sin_family == AF_INET)
+  if (::getpeername(Socket(), reinterpret_cast<sockaddr*>(&peer), &size) == 0 && peer.sin_family == AF_INET)
     remoteName_ = SocketAddressText(peer);
 }
 
@@ -147,22 +148,21 @@ CSocketIP::~CSocketIP() {
 }
 
 void CSocketIP::Close() noexcept {
-  if (socket_ < 0)
+  if (!socket_.IsOpen())
     return;
   if (connected_ && closeGracefully_)
-    ::shutdown(socket_, SHUT_RDWR);
-  ::close(socket_);
-  socket_ = -1;
+    ::shutdown(Socket(), SHUT_RDWR);
+  socket_ = platform::descriptor_t(-1);
   connected_ = false;
 }
 
 void CSocketIP::Abort() const noexcept {
-  ::shutdown(socket_, SHUT_RDWR);
+  ::shutdown(Socket(), SHUT_RDWR);
 }
 
 void CSocketIP::WaitToRead() {
   const std::uint32_t timeoutSec = TimeoutSec();
-  switch (WaitFor(socket_, POLLIN, timeoutSec)) {
+  switch (WaitFor(Socket(), POLLIN, timeoutSec)) {
     case wait_t::Ready:
       return;
     case wait_t::TimedOut:
@@ -173,7 +173,7 @@ void CSocketIP::WaitToRead() {
 }
 
 void CSocketIP::WaitToWrite() {
-  switch (WaitFor(socket_, POLLOUT, TimeoutSec())) {
+  switch (WaitFor(Socket(), POLLOUT, TimeoutSec())) {
     case wait_t::Ready:
       return;
     case wait_t::TimedOut:
@@ -186,10 +186,10 @@ void CSocketIP::WaitToWrite() {
 /// Waits for data, and gives what there is of it. function: the caller's, for the failure's text.
 std::uint64_t CSocketIP::ReadOnce(void* data, std::uint64_t length, const char* function) {
   for (;;) {
-    ssize_t received = Repeat([&] { return ::recv(socket_, data, length, MSG_DONTWAIT); });
+    ssize_t received = Repeat([&] { return ::recv(Socket(), data, length, MSG_DONTWAIT); });
     if (received < 0 && MustWait()) {
       WaitToRead();
-      received = Repeat([&] { return ::recv(socket_, data, length, 0); });
+      received = Repeat([&] { return ::recv(Socket(), data, length, 0); });
     }
     if (received == 0)
       throw CCloseTCPConnection();
@@ -223,10 +223,10 @@ void CSocketIP::WritePieces(std::span<iovec> pieces, const char* function, int m
       ++message.msg_iov;
     if (message.msg_iovlen == 0)
       return;
-    ssize_t sent = Repeat([&] { return ::sendmsg(socket_, &message, flags | MSG_DONTWAIT); });
+    ssize_t sent = Repeat([&] { return ::sendmsg(Socket(), &message, flags | MSG_DONTWAIT); });
     if (sent < 0 && MustWait()) {
       WaitToWrite();
-      sent = Repeat([&] { return ::sendmsg(socket_, &message, flags); });
+      sent = Repeat([&] { return ::sendmsg(Socket(), &message, flags); });
     }
     if (sent == 0)
       throw CCloseTCPConnection();
@@ -254,7 +254,7 @@ std::uint64_t CSocketIP::Write(const void* data, std::uint64_t length) {
 }
 
 bool CSocketIP::NonBlockingRead(void* data, std::uint64_t length, std::uint64_t& outCount) {
-  const ssize_t received = Repeat([&] { return ::recv(socket_, data, length, MSG_DONTWAIT); });
+  const ssize_t received = Repeat([&] { return ::recv(Socket(), data, length, MSG_DONTWAIT); });
   Statistics().calls.fetch_add(1, std::memory_order_relaxed);
   if (received == 0)
     throw CCloseTCPConnection();
@@ -268,7 +268,7 @@ bool CSocketIP::NonBlockingRead(void* data, std::uint64_t length, std::uint64_t&
 }
 
 bool CSocketIP::NonBlockingWrite(const void* data, std::uint64_t length, std::uint64_t& outCount) {
-  const ssize_t sent = Repeat([&] { return ::send(socket_, data, length, MSG_DONTWAIT | MSG_NOSIGNAL); });
+  const ssize_t sent = Repeat([&] { return ::send(Socket(), data, length, MSG_DONTWAIT | MSG_NOSIGNAL); });
   Statistics().calls.fetch_add(1, std::memory_order_relaxed);
   if (sent < 0) {
     CheckTransferFailure(__PRETTY_FUNCTION__);
@@ -285,7 +285,7 @@ void CSocketIP::Connect(const std::string& address, std::uint16_t port) {
   peer.sin_port = htons(port);
   peer.sin_addr.s_addr = ::inet_addr(address.c_str());
   errno = EADDRNOTAVAIL;
-  if (peer.sin_addr.s_addr == INADDR_NONE || !ConnectWhole(socket_, peer)) {
+  if (peer.sin_addr.s_addr == INADDR_NONE || !ConnectWhole(Socket(), peer)) {
     const platform::error_t code = platform::SocketErrorFromErrno(errno);
     exc::win_sys_exc_t failure("Cannot connect to socket.", code);
     failure.AddMessage(exc::FormatText("TCP error, code: [%1].", code));
@@ -299,20 +299,20 @@ void CSocketIP::Connect(const std::string& address, std::uint16_t port) {
 
 void CSocketIP::Bind(std::uint16_t port) {
   const sockaddr_in address = AnyAddress(port);
-  if (::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+  if (::bind(Socket(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
     ThrowSocketError("Cannot bind socket");
 }
 
 bool CSocketIP::BindReservedPort() noexcept {
-  return ::bindresvport(socket_, nullptr) == 0;
+  return ::bindresvport(Socket(), nullptr) == 0;
 }
 
-int CSocketIP::Accept() {
+platform::descriptor_t CSocketIP::Accept() {
   sockaddr_in peer = {};
   socklen_t size = sizeof(peer);
-  const int accepted =
-      Repeat([&] { return ::accept4(socket_, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC); });
-  if (accepted < 0)
+  platform::descriptor_t accepted(
+      Repeat([&] { return ::accept4(Socket(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC); }));
+  if (!accepted.IsOpen())
     ThrowSocketError("Cannot accept socket");
   if (perfEvents_ && perf::IsOn())
     WriteConnectionEvent(perf::event::SocketAccept, peer);
@@ -321,7 +321,7 @@ int CSocketIP::Accept() {
 
 void CSocketIP::SetDelay(bool delay) {
   const int noDelay = delay ? 0 : 1;
-  if (::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay)) != 0)
+  if (::setsockopt(Socket(), IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay)) != 0)
     ThrowSocketError("setsockopt failed to set TCP_NODELAY");
 }
 
@@ -370,7 +370,7 @@ void CSocketIP::SendPipe(platform::kernel_pipe_t& pipe, bool more) {
   SetTimeoutSec(0);
   CSocketTransferEvent event(perf::event::SocketSend, length, perfEvents_);
   while (pipe.Held() > 0) {
-    const ssize_t sent = Repeat([&] { return pipe.GiveToSocket(socket_, pipe.Held(), more); });
+    const ssize_t sent = Repeat([&] { return pipe.GiveToSocket(Socket(), pipe.Held(), more); });
     if (sent == 0)
       throw CCloseTCPConnection();
     if (sent < 0 && MustWait())
@@ -404,13 +404,13 @@ std::uint64_t CSocketIP::RecvSome(void* data, std::uint64_t length) {
 }
 
 std::uint64_t CSocketIP::ReceiveFrom(void* data, std::uint64_t length, sockaddr_in& address) {
-  if (WaitFor(socket_, POLLIN, 0) != wait_t::Ready)
+  if (WaitFor(Socket(), POLLIN, 0) != wait_t::Ready)
     ThrowSocketError("Select error.");
   // From here: a datagram may be long in coming.
   CSocketTransferEvent event(perf::event::SocketReceiveFrom, length, perfEvents_);
   socklen_t size = sizeof(address);
   const ssize_t received =
-      Repeat([&] { return ::recvfrom(socket_, data, length, 0, reinterpret_cast<sockaddr*>(&address), &size); });
+      Repeat([&] { return ::recvfrom(Socket(), data, length, 0, reinterpret_cast<sockaddr*>(&address), &size); });
   if (received < 0)
     ThrowSocketError("Connection aborted.");
   if (received == 0)
@@ -421,10 +421,10 @@ std::uint64_t CSocketIP::ReceiveFrom(void* data, std::uint64_t length, sockaddr_
 
 std::uint64_t CSocketIP::SendTo(const void* data, std::uint64_t length, const sockaddr_in& address) {
   CSocketTransferEvent event(perf::event::SocketSendTo, length, perfEvents_);
-  if (WaitFor(socket_, POLLOUT, 0) != wait_t::Ready)
+  if (WaitFor(Socket(), POLLOUT, 0) != wait_t::Ready)
     ThrowSocketError("Select error in SendTo().");
   const ssize_t sent = Repeat([&] {
-    return ::sendto(socket_, data, length, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    return ::sendto(Socket(), data, length, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
   });
   if (sent < 0)
     ThrowSocketError("Connection aborted in SendTo().");

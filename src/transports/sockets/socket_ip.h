@@ -12,6 +12,7 @@
 
 #include "foundation/io_dev.h"
 #include "platform/kernel_pipe.h"
+#include "platform/location.h"
 
 /// Calls of NonBlockingRead and NonBlockingWrite in the whole process, and the bytes that they moved.
 struct SSocketStatistics {
@@ -27,7 +28,7 @@ class CSocketIP : public io::INonBlockingIoDev {
   /// A new socket that is not connected. Throws "Cannot create socket".
   explicit CSocketIP(bool tcp);
   /// Takes over a descriptor.
-  CSocketIP(int socket, bool connected);
+  CSocketIP(platform::descriptor_t socket, bool connected);
   CSocketIP(const CSocketIP&) = delete;
   CSocketIP& operator=(const CSocketIP&) = delete;
   ~CSocketIP() override;
@@ -46,8 +47,8 @@ class CSocketIP : public io::INonBlockingIoDev {
   /// To a source port below 1024, which tells the peer that this process is privileged. False when it is not, or when
   /// all are taken: the socket then works without.
   bool BindReservedPort() noexcept;
-  /// A new connection's descriptor, the caller's to own.
-  int Accept();
+  /// A new connection's descriptor.
+  platform::descriptor_t Accept();
   /// True lets the system collect small sends.
   void SetDelay(bool delay);
 
@@ -80,7 +81,7 @@ class CSocketIP : public io::INonBlockingIoDev {
   std::uint32_t TimeoutSec() const noexcept { return timeoutSec_.load(std::memory_order_relaxed); }
   void SetTimeoutSec(std::uint32_t seconds) noexcept { timeoutSec_.store(seconds, std::memory_order_relaxed); }
   /// -1 when closed.
-  int Socket() const noexcept { return socket_; }
+  int Socket() const noexcept { return socket_.Get(); }
   bool IsConnected() const noexcept { return connected_; }
   /// True, the default, ends the stream for the peer at Close.
   void SetCloseGracefully(bool gracefully) noexcept { closeGracefully_ = gracefully; }
@@ -104,7 +105,7 @@ class CSocketIP : public io::INonBlockingIoDev {
   std::string remoteName_ = "n/a";
   /// Written by reader and writer.
   std::atomic<std::uint32_t> timeoutSec_{0};
-  int socket_ = -1;
+  platform::descriptor_t socket_;
   bool connected_ = false;
   bool closeGracefully_ = true;
   bool perfEvents_ = true;

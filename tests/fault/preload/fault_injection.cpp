@@ -66,9 +66,9 @@ bool FailsAt(int folder, const char* path) {
                                               : Fails(&test::SFaults::openError, folder);
 }
 
-bool IsMemoryRefused(std::size_t size) {
+bool IsMemoryRefused() {
   const std::uint32_t oneIn = faults == nullptr ? 0 : faults->memoryOneIn.load(std::memory_order_relaxed);
-  if (oneIn == 0 || size < faults->memoryFrom.load(std::memory_order_relaxed))
+  if (oneIn == 0)
     return false;
   // Nothing of the thread's own, which would take memory itself.
   static std::atomic<std::uint32_t> requests{0};
@@ -168,13 +168,13 @@ long syscall(long number, ...) noexcept {
 }
 
 void* malloc(std::size_t size) {
-  return IsMemoryRefused(size) ? nullptr : __libc_malloc(size);
+  return IsMemoryRefused() ? nullptr : __libc_malloc(size);
 }
 void* calloc(std::size_t count, std::size_t size) {
-  return IsMemoryRefused(count * size) ? nullptr : __libc_calloc(count, size);
+  return IsMemoryRefused() ? nullptr : __libc_calloc(count, size);
 }
 void* realloc(void* block, std::size_t size) {
-  return IsMemoryRefused(size) ? nullptr : __libc_realloc(block, size);
+  return IsMemoryRefused() ? nullptr : __libc_realloc(block, size);
 }
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {

@@ -20,10 +20,8 @@ struct SFaults {
   /// Only set while all of these are 0.
   char path[256];
 
-  /// Of so many requests for memory one fails, at random; 0: none does. Requests of less than `memoryFrom` bytes never
-  /// fail.
+  /// Of so many requests for memory one fails, at random; 0: none does.
   std::atomic<std::uint32_t> memoryOneIn;
-  std::atomic<std::uint64_t> memoryFrom;
 
   /// Added to the wall clock.
   std::atomic<std::int64_t> clockSeconds;

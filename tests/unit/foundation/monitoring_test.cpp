@@ -128,6 +128,43 @@ TEST(ThreadStates, SnapshotTellsOfLiveThreadsAlone) {
   EXPECT_TRUE(find().role.empty());
 }
 
+TEST(ThreadStates, AReservedRecordIsNobodysUntilItsThreadBegins) {
+  CThreadStatesCollection& collection = CThreadStatesCollection::Instance();
+  const auto idOf = [&](std::string_view role) -> std::uint32_t {
+    for (const auto& info : collection.Snapshot()) {
+      if (info.role == role)
+        return info.threadId;
+    }
+    return 0;
+  };
+  monitoring::thread_record_t record("reserved", 5);
+  EXPECT_EQ(idOf("reserved"), 0u);
+  // Nobody else is given it meanwhile.
+  CThreadState& other = collection.Add("other", 0);
+  std::thread thread([&] {
+    const monitoring::thread_registration_t registration(record);
+    EXPECT_EQ(idOf("reserved"), monitoring::CurrentThreadId());
+    EXPECT_EQ(idOf("other"), other.ThreadId());
+  });
+  thread.join();
+  EXPECT_EQ(idOf("reserved"), 0u);
+  collection.Remove(other);
+}
+
+TEST(ThreadStates, ARecordThatNoThreadTookIsUsedAgain) {
+  CThreadStatesCollection& collection = CThreadStatesCollection::Instance();
+  const auto count = [&] {
+    std::size_t records = 0;
+    for (const CThreadState* state = collection.First(); state != nullptr; state = state->Next())
+      ++records;
+    return records;
+  };
+  { const monitoring::thread_record_t first("not taken", 0); }
+  const std::size_t before = count();
+  { const monitoring::thread_record_t second("not taken", 0); }
+  EXPECT_EQ(count(), before);
+}
+
 TEST(ThreadStates, AThreadFromElsewhereHasARecordToItsEnd) {
   std::uint32_t id = 0;
   const auto isLive = [&] {
@@ -142,7 +179,8 @@ TEST(ThreadStates, AThreadFromElsewhereHasARecordToItsEnd) {
     ASSERT_NE(monitoring::CurrentTrace(), nullptr);
     EXPECT_EQ(Scope(*monitoring::CurrentTrace(), 0), "Noted");
     // A role replaces the record that the thread has already.
-    const monitoring::thread_registration_t registration("late role", 1);
+    monitoring::thread_record_t record("late role", 1);
+    const monitoring::thread_registration_t registration(record);
     EXPECT_EQ(monitoring::CurrentTrace()->OpenScopes(), 0u);
   });
   thread.join();

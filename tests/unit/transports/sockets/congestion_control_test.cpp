@@ -54,7 +54,7 @@ TEST(CongestionControlTest, WhatPacesIsReplacedForTheConnectionsToo) {
   client.Connect("127.0.0.1", ntohs(address.sin_port));
   const int accepted = ::accept4(listener.Socket(), nullptr, nullptr, SOCK_CLOEXEC);
   ASSERT_GE(accepted, 0);
-  const CSocketIP connection(accepted, true);
+  const CSocketIP connection(platform::descriptor_t(accepted), true);
   EXPECT_EQ(CongestionControl(accepted), chosen);
 }
 

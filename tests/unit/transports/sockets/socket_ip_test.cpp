@@ -217,7 +217,7 @@ TEST(CSocketIPTest, ATextThatIsNoAddressNeverReachesTheNetwork) {
 
 TEST_F(CSocketPairTest, AGoneDescriptorFailsTheWait) {
   const int gone = dup(client_->Socket());
-  CSocketIP socket(gone, true);
+  CSocketIP socket(platform::descriptor_t(gone), true);
   close(gone);
   char byte = 0;
   for (const auto& [write, text] : {std::pair{false, "\nSelect error in  CSocketIP::Read.\n"},
@@ -251,7 +251,7 @@ TEST_F(CSocketPairTest, WorksWithDescriptorsPastThoseOfSelect) {
   const int high = fcntl(client_->Socket(), F_DUPFD_CLOEXEC, High);
   if (high < 0)
     GTEST_FAIL() << "the limit of open files is below " << High;
-  CSocketIP socket(high, true);
+  CSocketIP socket(platform::descriptor_t(high), true);
   server_->Send("x", 1);
   char byte = 0;
   socket.Recv(&byte, 1, 30);

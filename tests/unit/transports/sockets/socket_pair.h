@@ -24,7 +24,7 @@ class CListener {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     listen(socket_, 5);
-    listener_ = boost::make_shared<CSocketIP>(socket_, false);
+    listener_ = boost::make_shared<CSocketIP>(platform::descriptor_t(socket_), false);
   }
   std::uint16_t Port() const {
     sockaddr_in address{};
