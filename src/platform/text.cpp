@@ -137,11 +137,16 @@ int CompareIgnoringCase(std::string_view left, std::string_view right) noexcept 
 }
 
 std::uint64_t HashIgnoringCase(std::string_view text, std::uint64_t seed) noexcept {
+  __extension__ using product_t = unsigned __int128;
   constexpr std::uint64_t Odd = 0x9E3779B97F4A7C15;
+  // Neither the begin nor the factor may be known: with a known factor, differences of words that cancel each other can
+  // be told without the begin.
+  const auto first = product_t{seed ^ 0x2545F4914F6CDD1D} * Odd;
+  const std::uint64_t factor = (static_cast<std::uint64_t>(first >> 64) ^ static_cast<std::uint64_t>(first)) | 1;
   std::uint64_t hash = seed ^ text.size();
-  const auto mix = [&hash](std::uint64_t word) {
-    hash = (hash ^ word) * Odd;
-    hash ^= hash >> 32;
+  const auto mix = [&hash, factor](std::uint64_t word) {
+    const auto product = product_t{hash ^ word} * factor;
+    hash = static_cast<std::uint64_t>(product >> 64) ^ static_cast<std::uint64_t>(product);
   };
   std::size_t at = 0;
   for (; at + sizeof(std::uint64_t) <= text.size(); at += sizeof(std::uint64_t))
