@@ -95,7 +95,7 @@ bool CRequestQueue::LeavesNext() const noexcept {
 
 bool CRequestQueue::MayLendLocked() noexcept {
   if (offered_) {
-    return items_.size() <= MostLent;
+    return items_.size() <= MostLent && LeavesNext();
   }
   // While the worker sleeps, nobody changes what is known of the last request.
   offered_ = port_ != nullptr && items_.size() == 1 && LeavesNext() && port_->OfferWork(*this);
