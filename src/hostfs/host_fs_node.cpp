@@ -44,6 +44,10 @@ class CHostFsTree {
     }
     kept_[next_] = &node;
     node.keptAt_ = static_cast<std::uint32_t>(next_ + 1);
+    // Those that go with the next ones are far to fetch by then.
+    __builtin_prefetch(kept_[(next_ + 2) % kept_.size()], 1);
+    if (const CHostFsNode* const next = kept_[(next_ + 1) % kept_.size()])
+      __builtin_prefetch(next->location_.get(), 1);
   }
   /// The node keeps its location for itself, or goes.
   void ForgetLocation(const CHostFsNode& node) noexcept {
@@ -172,7 +176,7 @@ boost::shared_ptr<const platform::location_t> CHostFsNode::LocationLocked() cons
     if (!around) {
       return nullptr;
     }
-    location_ = boost::make_shared<const platform::location_t>(around->Child(name_));
+    location_ = boost::make_shared<const platform::location_t>(*around, name_);
   }
   locationAge_ = tree_->age;
   tree_->KeepLocation(*this);

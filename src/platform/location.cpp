@@ -72,17 +72,17 @@ location_t::location_t(boost::shared_ptr<root_folder_t> root, std::string_view r
   }
 }
 
-location_t location_t::Child(std::string_view name) const {
-  location_t child(*this);
-  child.path_.reserve(path_.size() + 1 + name.size());
+location_t::location_t(const location_t& around, std::string_view name)
+    : root_(around.root_), relativeAt_(around.relativeAt_), linkedUntil_(around.linkedUntil_) {
+  path_.reserve(around.path_.size() + 1 + name.size());
+  path_ = around.path_;
   if (!path_.ends_with('/')) {
-    child.path_ += '/';
+    path_ += '/';
   }
-  if (IsRoot()) {
-    child.relativeAt_ = child.path_.size();
+  if (around.IsRoot()) {
+    relativeAt_ = path_.size();
   }
-  child.path_ += name;
-  return child;
+  path_ += name;
 }
 
 location_t location_t::Parent() const {

@@ -74,9 +74,10 @@ class location_t {
   explicit location_t(boost::shared_ptr<root_folder_t> root);
   /// The place of a path below the root's path, or of any path below "/". Names in the path are not checked.
   location_t(boost::shared_ptr<root_folder_t> root, std::string_view relative);
+  /// A name in a folder. The name must be one that IsPlainName accepts.
+  location_t(const location_t& around, std::string_view name);
 
-  /// A name in this folder. The name must be one that IsPlainName accepts.
-  location_t Child(std::string_view name) const;
+  location_t Child(std::string_view name) const { return {*this, name}; }
   /// The folder around it; the root's is the root.
   location_t Parent() const;
   /// The same place, at which and below which no link is followed, unlike on the way to it: for work that must stay in

@@ -17,7 +17,7 @@ using lock_t = std::lock_guard<platform::brief_mutex_t<std::recursive_mutex>>;
 
 CFsItemsTab::CFsItemsTab(boost::shared_ptr<CRegConfigUpdateSink> updateSink)
     // Clients choose names; that they cannot choose such as meet is the seed's work.
-    : listingIndex_(0, SListedHash{platform::NewHashSeed()}), updateSink_(std::move(updateSink)) {}
+    : listingIndex_(0, SIndexHash{platform::NewHashSeed()}), updateSink_(std::move(updateSink)) {}
 
 CFsItemsTab::~CFsItemsTab() = default;
 
@@ -130,7 +130,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   const rec_ptr parent = GetRec(parentFid);
   if (!IsBacked(*parent, prepared))
     return InvalidFid;
-  const SListed* const entry = FindListed(parentFid, prepared.name);
+  const SIndexed* const entry = FindIndexed(parentFid, prepared.name);
   const bool wasFound = entry != nullptr;
   const std::uint64_t fid = wasFound ? entry->fid : GenerateFid();
   if (wasFound && !IsReplaced(fid, prepared, found)) {
@@ -146,7 +146,14 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   if (wasFound)
     TakeOverOldRec(*rec, fid, removed);
   PutRec(fid, rec);
-  PutListing(fid, rec);
+  try {
+    PutListing(fid, rec);
+  } catch (...) {
+    // Nobody would find it, nor remove it.
+    if (!wasFound)
+      items_.erase(fid);
+    throw;
+  }
   WriteRecord(fid, [&] { StorePrepared(parentFid, fid, prepared, old.get()); });
   ForgetMove(fid);
   changes.push_back({prepared.name, fid, parentFid, wasFound});
@@ -183,8 +190,10 @@ void CFsItemsTab::TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t&
 
 void CFsItemsTab::Expect(std::size_t items) {
   const lock_t lock(mutex_);
-  items_.reserve(items);
-  listingIndex_.reserve(items);
+  // What grows past its room is made anew whole, while everybody waits.
+  const std::size_t withMore = items + items / 4;
+  items_.reserve(withMore);
+  listingIndex_.reserve(withMore);
 }
 
 void CFsItemsTab::ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,
@@ -231,7 +240,7 @@ void CFsItemsTab::RemoveChild(std::uint64_t parentFid, const std::string& name) 
 void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid,
                                 const IFsItem* item) {
   RemoveAndLog([&](changes_t& removed) {
-    const SListed* const found = FindListed(parentFid, name);
+    const SIndexed* const found = FindIndexed(parentFid, name);
     if (found != nullptr && found->fid == fid && (item == nullptr || found->rec->Item().get() == item))
       Delete(fid, nullptr, false, removed);
   });
@@ -245,13 +254,25 @@ std::uint64_t CFsItemsTab::LookupChild(std::uint64_t parentFid, std::string_view
     const rec_ptr parent = FindRec(parentFid);
     return parent ? parent->parentFid : InvalidFid;
   }
-  const SListed* const found = FindListed(parentFid, name);
+  const SIndexed* const found = FindIndexed(parentFid, name);
   return found == nullptr ? InvalidFid : found->fid;
 }
 
-const CFsItemsTab::SListed* CFsItemsTab::FindListed(std::uint64_t parentFid, std::string_view name) const {
+boost::shared_ptr<IFsItem> CFsItemsTab::GetChild(std::uint64_t parentFid, std::string_view name,
+                                                 std::uint64_t& fid) const {
+  const lock_t lock(mutex_);
+  if (name == "." || name == "..") {
+    fid = LookupChild(parentFid, name);
+    return GetItem(fid);
+  }
+  const SIndexed* const found = FindIndexed(parentFid, name);
+  fid = found == nullptr ? InvalidFid : found->fid;
+  return found == nullptr ? nullptr : found->rec->Item();
+}
+
+const CFsItemsTab::SIndexed* CFsItemsTab::FindIndexed(std::uint64_t parentFid, std::string_view name) const {
   const auto found = listingIndex_.find(SListingKeyView{parentFid, name});
-  return found == listingIndex_.end() ? nullptr : *found;
+  return found == listingIndex_.end() ? nullptr : &*found;
 }
 
 void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName) {
@@ -266,7 +287,7 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const 
     if (IsSameOrBelow(newParentFid, fid))
       throw CVirtualFsExc(NFS3ERR_INVAL);
 
-    const SListed* const occupied = FindListed(newParentFid, newName);
+    const SIndexed* const occupied = FindIndexed(newParentFid, newName);
     if (occupied != nullptr && occupied->fid != fid)
       Delete(occupied->fid, nullptr, false, removed);
 
@@ -339,14 +360,16 @@ void CFsItemsTab::PutListing(std::uint64_t fid, const rec_ptr& rec) {
   const auto [entry, isNew] = listing_.insert(SListed{fid, rec});
   if (isNew) {
     try {
-      listingIndex_.insert(&*entry);
+      listingIndex_.insert(SIndexed{fid, rec.get()});
     } catch (...) {
       listing_.erase(entry);
       throw;
     }
     return;
   }
-  // The index has the entry already: it stays where it is, and its hash with it.
+  const SIndexed* const indexed = FindIndexed(rec->parentFid, rec->name);
+  indexed->fid = fid;
+  indexed->rec = rec.get();
   auto node = listing_.extract(entry);
   node.value() = SListed{fid, rec};
   listing_.insert(std::move(node));

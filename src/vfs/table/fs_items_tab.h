@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -111,6 +112,8 @@ class CFsItemsTab {
                      const IFsItem* item = nullptr);
   /// The child's FID or InvalidFid. "." gives the folder, whether it exists or not; ".." its parent.
   std::uint64_t LookupChild(std::uint64_t parentFid, std::string_view name) const;
+  /// LookupChild and GetItem at one moment.
+  boost::shared_ptr<IFsItem> GetChild(std::uint64_t parentFid, std::string_view name, std::uint64_t& fid) const;
   /// Gives the item a new place under the same FID; an item that stands there is dropped. The registry keeps the old
   /// place until that is taken by another item, be it added or moved. Throws 22 for a place below the item itself.
   void MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName);
@@ -201,26 +204,34 @@ class CFsItemsTab {
   };
   /// Children of one folder are adjacent, in the order of their names.
   using CNfsListingTab = std::set<SListed, SListingLess>;
-  /// The same entries by the hash of their places: to find one among many is to touch four pieces of memory, not forty.
-  struct SListedHash {
+  /// What an entry of the listing tells, without the way to it.
+  struct SIndexed {
+    // Change with the record of the place, whose hash stays the same.
+    mutable std::uint64_t fid;
+    mutable const CNfsItemRec* rec;
+  };
+  /// The same entries by the hash of their places: to find one among many is to touch three pieces of memory, not
+  /// forty.
+  struct SIndexHash {
     using is_transparent = void;
     // Not noexcept, so that hashes are kept: an entry is far to fetch.
     std::size_t operator()(const SListingKeyView& key) const {
       return platform::HashIgnoringCase(key.name, seed + key.parentFid);
     }
-    std::size_t operator()(const SListed* listed) const {
-      return (*this)(SListingKeyView{listed->rec->parentFid, listed->rec->name});
+    std::size_t operator()(const SIndexed& indexed) const {
+      return (*this)(SListingKeyView{indexed.rec->parentFid, indexed.rec->name});
     }
     std::uint64_t seed;
   };
-  struct SListedEqual {
+  static_assert(!std::is_nothrow_invocable_v<const SIndexHash&, const SIndexed&>);
+  struct SIndexEqual {
     using is_transparent = void;
-    bool operator()(const SListed* left, const SListed* right) const noexcept { return left == right; }
-    bool operator()(const SListingKeyView& key, const SListed* listed) const noexcept {
-      return key.parentFid == listed->rec->parentFid && platform::EqualIgnoringCase(key.name, listed->rec->name);
+    bool operator()(const SIndexed& left, const SIndexed& right) const noexcept { return left.rec == right.rec; }
+    bool operator()(const SListingKeyView& key, const SIndexed& indexed) const noexcept {
+      return key.parentFid == indexed.rec->parentFid && platform::EqualIgnoringCase(key.name, indexed.rec->name);
     }
   };
-  using CNfsListingIndex = std::unordered_set<const SListed*, SListedHash, SListedEqual>;
+  using CNfsListingIndex = std::unordered_set<SIndexed, SIndexHash, SIndexEqual>;
   using places_t = std::map<SListingKey, std::uint64_t, SListingLess>;
   struct SMoved {
     SListingKey stored;
@@ -281,8 +292,8 @@ class CFsItemsTab {
   /// Also gives the entry the new spelling.
   void PutListing(std::uint64_t fid, const rec_ptr& rec);
   void EraseListing(const CNfsItemRec& rec, std::uint64_t fid);
-  /// The child of that name, null for none.
-  const SListed* FindListed(std::uint64_t parentFid, std::string_view name) const;
+  /// The child of that name, null for none. Until the table changes.
+  const SIndexed* FindIndexed(std::uint64_t parentFid, std::string_view name) const;
   void StoreMirror(std::uint64_t folderFid, const CNfsItemRec& rec, const GUID& mountUid, SFsItemSpec spec);
   void RemoveAndLogShare(const GUID& uid);
   void DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid);

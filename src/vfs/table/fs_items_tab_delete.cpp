@@ -76,7 +76,7 @@ void CFsItemsTab::DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t
 void CFsItemsTab::EraseListing(const CNfsItemRec& rec, std::uint64_t fid) {
   const auto entry = listing_.find(SListingKeyView{rec.parentFid, rec.name});
   if (entry != listing_.end() && entry->fid == fid) {
-    listingIndex_.erase(&*entry);
+    listingIndex_.erase(listingIndex_.find(SListingKeyView{rec.parentFid, rec.name}));
     listing_.erase(entry);
     NoteFolderChange(rec.parentFid);
   }

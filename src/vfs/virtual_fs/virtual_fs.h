@@ -156,7 +156,9 @@ class CVirtualFs {
   void CheckNotLocked() const;
 
   // Steps that several operations share. All throw unless told otherwise.
-  std::uint64_t FindChild(std::uint64_t parentFid, const std::string& name);
+  /// found: where its item goes; it may be gone by then.
+  std::uint64_t FindChild(std::uint64_t parentFid, const std::string& name,
+                          boost::shared_ptr<IFsItem>* found = nullptr);
   /// What the table has at a place, and at which moment among the renames.
   struct SPlace {
     std::uint64_t fid = InvalidFid;

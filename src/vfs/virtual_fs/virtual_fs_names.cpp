@@ -14,11 +14,10 @@ namespace {
 boost::shared_ptr<IFsItem> KnownChild(const CFsItemsTab& tab, std::uint64_t parentFid, const std::string& name,
                                       std::uint64_t& fid) {
   for (;;) {
-    fid = tab.LookupChild(parentFid, name);
+    if (auto item = tab.GetChild(parentFid, name, fid))
+      return item;
     if (fid == InvalidFid)
       return {};
-    if (auto item = tab.GetItem(fid))
-      return item;
     // Another client may have removed it between the two looks; only an entry that stays is an orphan.
     if (tab.LookupChild(parentFid, name) == fid) {
       throw CVirtualFsExc(" FID [%1] is registered in the items table but it does not refer to valid item.",
@@ -69,14 +68,17 @@ void CheckNameEncoding(const std::string& name) {
   throw exc::win_sys_exc_t("Failed to convert string from UTF-8.", platform::error::NoUnicodeTranslation);
 }
 
-std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& name) {
+std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& name,
+                                    boost::shared_ptr<IFsItem>* found) {
   if (!IsEntryName(name))
     return InvalidFid;
   CheckNameEncoding(name);
   std::uint64_t fid = InvalidFid;
-  if (const auto item = KnownChild(*itemsTab_, parentFid, name, fid)) {
+  if (auto item = KnownChild(*itemsTab_, parentFid, name, fid)) {
     if (item->Exists()) {
       itemsTab_->RequireStored(fid);
+      if (found != nullptr)
+        *found = std::move(item);
       return fid;
     }
     g_nfs_log.Info(
@@ -100,11 +102,14 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
     const std::uint64_t added = child ? itemsTab_->AddFoundItem(parentFid, name, child, folder.get()) : InvalidFid;
     if (added == InvalidFid)
       continue;
-    if (renamesBegun_ == renamesEnded || StillHasName(*child, name))
+    if (renamesBegun_ == renamesEnded || StillHasName(*child, name)) {
+      if (found != nullptr)
+        *found = itemsTab_->GetItem(added);
       return added;
+    }
     // It was opened before a rename that took the name from it, and added after that. Another may have the name now.
     itemsTab_->RemoveChildIf(parentFid, name, added, child.get());
-    return FindChild(parentFid, name);
+    return FindChild(parentFid, name, found);
   }
   return InvalidFid;
 }
@@ -112,8 +117,7 @@ std::uint64_t CVirtualFs::FindChild(std::uint64_t parentFid, const std::string& 
 CVirtualFs::SPlace CVirtualFs::LookAt(std::uint64_t parentFid, const std::string& name) const {
   SPlace place;
   place.renamesEnded = renamesEnded_;
-  place.fid = itemsTab_->LookupChild(parentFid, name);
-  place.item = itemsTab_->GetItem(place.fid);
+  place.item = itemsTab_->GetChild(parentFid, name, place.fid);
   return place;
 }
 
@@ -158,10 +162,10 @@ void CVirtualFs::Lookup(const LOOKUP3args& args, const sockaddr_in& client, LOOK
         if (!dir)
           throw CVirtualFsExc("The specified folder does not exist.", NFS3ERR_NOENT);
         CheckAddress(*dir, client);
-        const std::uint64_t fid = FindChild(dirFid, name);
+        boost::shared_ptr<IFsItem> item;
+        const std::uint64_t fid = FindChild(dirFid, name, &item);
         if (fid == InvalidFid)
           throw CVirtualFsExc(NFS3ERR_NOENT);
-        const auto item = itemsTab_->GetItem(fid);
         if (!item)
           throw CVirtualFsExc(NFS3ERR_STALE);
         CheckAddress(*item, client);
@@ -300,8 +304,8 @@ void CVirtualFs::Remove(const REMOVE3args& args, const sockaddr_in& client, REMO
         if (IsEntryName(name)) {
           CheckNameEncoding(name);
           // Of what another client makes under the name meanwhile nothing is removed.
-          const std::uint64_t fid = itemsTab_->LookupChild(parentFid, name);
-          const auto child = itemsTab_->GetItem(fid);
+          std::uint64_t fid = InvalidFid;
+          const auto child = itemsTab_->GetChild(parentFid, name, fid);
           folder->DeleteChild(name);
           itemsTab_->RemoveChildIf(parentFid, name, fid, child.get());
         }
