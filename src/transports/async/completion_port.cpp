@@ -140,12 +140,13 @@ void completion_port_t::RunOffered(std::unique_lock<std::mutex>& turn) {
 void completion_port_t::StandIn(const ILentWork& work) {
   // Told before the look at lent_, as the lent thread tells that before its look at this.
   ++standIns_;
-  if (std::unique_lock turn(turnLock_, std::try_to_lock); turn.owns_lock()) {
+  const auto isLent = [&] { return !stop_ && lent_ == &work; };
+  if (std::unique_lock turn(turnLock_, std::try_to_lock); turn.owns_lock() && isLent()) {
     loopThread_ = std::this_thread::get_id();
     RefuseOffers();
-    while (!stop_ && lent_ == &work) {
+    do {
       Turn();
-    }
+    } while (isLent());
     loopThread_ = std::thread::id();
   }
   --standIns_;

@@ -227,9 +227,15 @@ TEST_F(LentThreadTest, StopsWhileALentRequestGoesOn) {
 /// Work that tells which of its ends it came to.
 class Work : public synch::ILentWork {
  public:
-  void RunLent() noexcept override { ++run; }
+  void RunLent() noexcept override {
+    ++run;
+    if (meanwhile) {
+      meanwhile();
+    }
+  }
   void Decline() noexcept override { ++declined; }
 
+  std::function<void()> meanwhile;  ///< While it runs; before it is offered.
   std::atomic<int> run{0};
   std::atomic<int> declined{0};
 };
@@ -376,8 +382,23 @@ TEST(LookGaugeTest, LeavesLooksOutThatMostlyFindNothing) {
 TEST_F(LentPortTest, NobodyStandsInForAThreadThatIsThere) {
   std::atomic<bool> served{false};
   port_->StandIn(work_);
-  OnCompletionThread([&] { served = true; });
+  OnCompletionThread([&] {
+    served = true;
+    EXPECT_TRUE(port_->OfferWork(work_));
+  });
   EXPECT_TRUE(served);
+  EXPECT_EQ(work_.run, 1);
+}
+
+TEST_F(LentPortTest, NobodyStandsInForAThreadThatIsLentForSomethingElse) {
+  Work second;
+  // Nobody has the turn meanwhile.
+  work_.meanwhile = [&] { port_->StandIn(second); };
+  OnCompletionThread([&] { EXPECT_TRUE(port_->OfferWork(work_)); });
+  EXPECT_EQ(work_.run, 1);
+  // Nothing took its time.
+  OnCompletionThread([&] { EXPECT_TRUE(port_->OfferWork(second)); });
+  EXPECT_EQ(second.run, 1);
 }
 
 }  // namespace
