@@ -65,7 +65,7 @@ class completion_port_t : public boost::enable_shared_from_this<completion_port_
   /// Offers work for the end of the turn, where it is run or declined; it must live until then. False when it is not to
   /// be: on any other thread than that of Run, while other work is offered, and after lending that did not pay.
   bool OfferWork(ILentWork& work) noexcept;
-  /// Refuses the next offers. Nobody may make one at the same time.
+  /// Refuses the next offers. Of the completion thread.
   void RefuseOffers() noexcept { refused_ = OffersRefused; }
   /// More is expected at once: before it sleeps the completion thread looks for that, once, for LookTime. Of that
   /// thread; asked by another one it does nothing.

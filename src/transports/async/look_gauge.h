@@ -5,7 +5,7 @@ namespace synch {
 
 /// A thread that looks for what comes next, before it sleeps, spares itself the waking, and its processor as well. A
 /// look that finds nothing costs a few times what one that does saves: looks are left out while fewer than three of
-/// four find something, and tried again now and then. Of one thread.
+/// four find something, and tried again now and then. Of one thread at a time.
 class look_gauge_t {
  public:
   static constexpr unsigned CostInVain = 3;  ///< In looks that found something.
