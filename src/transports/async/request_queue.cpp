@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <iterator>
@@ -22,10 +21,6 @@ namespace {
 constexpr std::size_t Large = std::size_t{16} << 10;
 /// So many looks without a request that the completion thread was lent for, then the worker sleeps.
 constexpr unsigned LooksInVain = 16;
-/// A request that comes while another one is carried out counts twice as much as one that does not. From Crowded on
-/// several are taken to be under way at a time, until nothing is left of that.
-constexpr unsigned MostCrowded = 32;
-constexpr unsigned Crowded = 16;
 
 std::string NumericHost(const sockaddr_in& peer) {
   std::array<char, INET_ADDRSTRLEN> text{};
@@ -81,16 +76,11 @@ void CRequestQueue::Post(boost::intrusive_ptr<CResponseSender> sender, boost::sh
 
 void CRequestQueue::CountPostLocked() noexcept {
   const bool isAlone = items_.size() == 1 && !lent_ && !isWorking_.load(std::memory_order_relaxed);
-  const unsigned crowd = crowd_.load(std::memory_order_relaxed);
-  const unsigned now = isAlone ? crowd - std::min(crowd, 1U) : std::min(crowd + 2, MostCrowded);
-  crowd_.store(now, std::memory_order_relaxed);
-  if (now >= Crowded || now == 0) {
-    isCrowded_.store(now != 0, std::memory_order_relaxed);
-  }
+  crowd_.Tell(isAlone);
 }
 
 bool CRequestQueue::LeavesNext() const noexcept {
-  return lastReply_ >= Large && !hasAsked_ && isCrowded_.load(std::memory_order_relaxed);
+  return lastReply_ >= Large && !hasAsked_ && crowd_.IsCrowded();
 }
 
 bool CRequestQueue::MayLendLocked() noexcept {

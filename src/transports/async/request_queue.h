@@ -16,6 +16,7 @@
 #include "foundation/byte_buffer.h"
 #include "rpc/rpc_message.h"
 #include "transports/async/completion_port.h"
+#include "transports/async/crowd_gauge.h"
 #include "transports/async/look_gauge.h"
 #include "transports/async/response_sender.h"
 
@@ -119,9 +120,7 @@ class CRequestQueue : private synch::ILentWork {
   std::vector<SItem> items_;
   std::atomic<std::size_t> itemsCount_{0};
   bool sleeping_ = false;
-  /// Written under lock_, read without it: how many requests are under way at a time, as counted from the last ones.
-  std::atomic<unsigned> crowd_{0};
-  std::atomic<bool> isCrowded_{false};  ///< Several.
+  synch::crowd_gauge_t crowd_;          ///< Told under lock_; its flag alone is read without it.
   std::atomic<bool> isWorking_{false};  ///< The worker, neither looking for a request nor asleep.
   std::atomic<bool> stopping_{false};
   /// Guarded by lock_. The completion thread has the place of the worker.
