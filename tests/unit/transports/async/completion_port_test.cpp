@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <fstream>
 
 #include "rpc/rpc_message.h"
 #include "support/captured_log.h"
@@ -201,6 +202,75 @@ TEST_F(CompletionPortTest, DropsWhatIsPendingAtItsEnd) {
   object_->CompleteLater(new ReadEvent(object_, Tell()), {});
   object_->AbandonIo();
   EXPECT_EQ(told_, 0);
+}
+
+/// A port that each completion tells to look for more. The next one comes with what arrives, or is posted by another
+/// thread.
+class LookingPortTest : public CompletionPortTest {
+ protected:
+  /// Enough that looks in vain come to be left out, and to pay again when they find something.
+  static constexpr unsigned Turns = 4 * synch::look_gauge_t::Limit;
+  static_assert(Turns > synch::look_gauge_t::LeftOut);
+
+  LookingPortTest() {
+    const timeval limit{20, 0};
+    ::setsockopt(peer_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    Read();
+  }
+  void Post() {
+    object_->CompleteLater(new ReadEvent(object_, [this](error_t, std::uint32_t) { Answer(); }), {});
+  }
+  void ExpectServing(const std::function<void()>& ask) {
+    // Nothing follows until the thread sleeps: looks come to be left out.
+    for (unsigned i = 0; i < Turns; ++i) {
+      ask();
+      ASSERT_TRUE(IsAnswered()) << i;
+      ASSERT_TRUE(Eventually([this] { return Sleeps(); }));
+    }
+    // The next one follows at once, or a little later, during the look: they come to pay.
+    for (unsigned i = 0; i < Turns; ++i) {
+      ask();
+      ASSERT_TRUE(IsAnswered()) << i;
+      const auto next = std::chrono::steady_clock::now() + synch::completion_port_t::LookTime * (i % 8) / 16;
+      while (std::chrono::steady_clock::now() < next) {
+        std::this_thread::yield();
+      }
+    }
+  }
+
+ private:
+  /// Returns when the answer is there.
+  bool IsAnswered() const {
+    char answer = 0;
+    return ::recv(peer_, &answer, 1, 0) == 1;
+  }
+  /// Whether the thread has found nothing, or did not look.
+  bool Sleeps() const {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread_) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    // Its state follows its name.
+    const std::size_t end = text.rfind(") ");
+    return end != std::string::npos && text.compare(end + 2, 1, "S") == 0;
+  }
+  void Read() {
+    object_->StartIo(new ReadEvent(object_, [this](error_t, std::uint32_t) {
+      Read();
+      Answer();
+    }));
+  }
+  void Answer() {
+    thread_ = ::gettid();
+    port_->LookForMore();
+    EXPECT_EQ(::send(object_->GetHandle(), "y", 1, 0), 1);
+  }
+
+  std::atomic<pid_t> thread_{0};
+};
+
+TEST_F(LookingPortTest, ServesWhetherOrNotItLooksForMore) {
+  ExpectServing([this] { EXPECT_EQ(::send(peer_, "x", 1, 0), 1); });
+  ExpectServing([this] { Post(); });
 }
 
 /// Accepts with outcomes that the test prescribes before the real one.
