@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <fstream>
 
 #include "rpc/rpc_message.h"
 #include "support/captured_log.h"
@@ -225,7 +224,7 @@ class LookingPortTest : public CompletionPortTest {
     for (unsigned i = 0; i < Turns; ++i) {
       ask();
       ASSERT_TRUE(IsAnswered()) << i;
-      ASSERT_TRUE(Eventually([this] { return Sleeps(); }));
+      ASSERT_TRUE(Eventually([this] { return Sleeps(thread_); }));
     }
     // The next one follows at once, or a little later, during the look: they come to pay.
     for (unsigned i = 0; i < Turns; ++i) {
@@ -243,15 +242,6 @@ class LookingPortTest : public CompletionPortTest {
   bool IsAnswered() const {
     char answer = 0;
     return ::recv(peer_, &answer, 1, 0) == 1;
-  }
-  /// Whether the thread has found nothing, or did not look.
-  bool Sleeps() const {
-    std::ifstream file("/proc/self/task/" + std::to_string(thread_) + "/stat");
-    std::string text;
-    std::getline(file, text);
-    // Its state follows its name.
-    const std::size_t end = text.rfind(") ");
-    return end != std::string::npos && text.compare(end + 2, 1, "S") == 0;
   }
   void Read() {
     object_->StartIo(new ReadEvent(object_, [this](error_t, std::uint32_t) {

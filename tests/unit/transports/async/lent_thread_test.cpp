@@ -25,6 +25,7 @@ class LentThreadTest : public testing::Test {
     client_.Call(Request(order_t::Echo, 1));
     ASSERT_TRUE(client_.Reply());
     worker_ = server_.program.lastThread;
+    workerTask_ = server_.program.lastTask;
   }
   void MoveData(Client& client) {
     client.Call(Request(order_t::Blow, 2, LargeReply));
@@ -107,6 +108,7 @@ class LentThreadTest : public testing::Test {
   Server server_;
   Client client_{server_.port};
   std::thread::id worker_;
+  pid_t workerTask_ = 0;
   std::uint32_t gate_ = 0;
 };
 
@@ -140,12 +142,13 @@ TEST_F(LentThreadTest, LeavesManyThatArriveTogetherToTheWorker) {
 
 TEST_F(LentThreadTest, LeavesWhatComesOneByOneToTheWorker) {
   MoveDataTogether();
-  // The worker may be late to tell that it is done; not always.
+  // At first those that came together still count. Once the worker sleeps, it has told that it is done.
   EXPECT_TRUE(Eventually([&] {
     bool wasLent = false;
     for (int i = 0; i < 40; ++i) {
       MoveData(client_);
       wasLent = wasLent || WasLent();
+      EXPECT_TRUE(Eventually([&] { return Sleeps(workerTask_); }));
     }
     return !wasLent;
   }));

@@ -15,6 +15,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <mutex>
@@ -34,6 +35,16 @@
 #include "unit/transports/client.h"
 
 namespace test {
+
+/// Whether a thread of this process neither runs nor wants to.
+inline bool Sleeps(pid_t thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string text;
+  std::getline(file, text);
+  // Its state follows its name.
+  const std::size_t end = text.rfind(") ");
+  return end != std::string::npos && text.compare(end + 2, 1, "S") == 0;
+}
 
 /// What the fake program is told to do by the first word of a request.
 enum class order_t : std::uint32_t {
@@ -83,10 +94,12 @@ class Program {
   std::atomic<bool> lastAllowed{false};
   std::atomic<std::uint16_t> lastPeerPort{0};
   std::atomic<std::thread::id> lastThread{};
+  std::atomic<pid_t> lastTask{0};  ///< The same as the system numbers it.
 
  private:
   void Handle(bool allowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer) {
     lastThread = std::this_thread::get_id();
+    lastTask = ::gettid();
     ++begun;
     lastAllowed = allowed;
     lastPeerPort = ntohs(peer.sin_port);
