@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_set>
 #include <utility>
 
@@ -101,8 +102,10 @@ class CHostFsNode {
   struct SNameHash {
     using is_transparent = void;
     std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>()(name); }
-    std::size_t operator()(const CHostFsNode* node) const noexcept { return (*this)(std::string_view(node->name_)); }
+    // Not noexcept, so that hashes are kept: a node is far to fetch.
+    std::size_t operator()(const CHostFsNode* node) const { return (*this)(std::string_view(node->name_)); }
   };
+  static_assert(!std::is_nothrow_invocable_v<const SNameHash&, CHostFsNode* const&>);
   struct SNameEqual {
     using is_transparent = void;
     static std::string_view Name(std::string_view name) noexcept { return name; }
