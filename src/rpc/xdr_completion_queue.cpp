@@ -30,6 +30,7 @@ void CXDRCompletionQueueInternal::Abandon(CXDRCallCompletionRecInternal& record)
   if (closed_ || record.ready)
     return;
   record.ready = true;
+  hasLostReply_ = true;
   record.writer.reset();
   SetWeightLocked(record, PlaceWeight);
   UpdateEventLocked();
@@ -67,6 +68,11 @@ std::size_t CXDRCompletionQueueInternal::Weight() const noexcept {
 bool CXDRCompletionQueueInternal::IsEmpty() const noexcept {
   const std::lock_guard guard(lock_);
   return items_.empty();
+}
+
+bool CXDRCompletionQueueInternal::HasLostReply() const noexcept {
+  const std::lock_guard guard(lock_);
+  return hasLostReply_;
 }
 
 void CXDRCompletionQueueInternal::UpdateEventLocked() noexcept {

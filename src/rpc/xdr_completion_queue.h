@@ -35,6 +35,7 @@ class CXDRCompletionQueueInternal {
   void Close() noexcept;
   std::size_t Weight() const noexcept;
   bool IsEmpty() const noexcept;
+  bool HasLostReply() const noexcept;
   const boost::shared_ptr<synch::manual_event_t>& Event() const noexcept { return event_; }
 
  private:
@@ -49,6 +50,7 @@ class CXDRCompletionQueueInternal {
   items_t items_;
   std::size_t weight_ = 0;
   bool closed_ = false;
+  bool hasLostReply_ = false;
 };
 
 /// What a call that ends later keeps of its place in the order. Copies stand for the same place. It may outlive the
@@ -101,6 +103,8 @@ class CXDRCompletionQueue {
   std::size_t Weight() const noexcept { return internal_->Weight(); }
   /// True when no call is unanswered and no reply untaken.
   bool IsEmpty() const noexcept { return internal_->IsEmpty(); }
+  /// True from when a call was abandoned: its client would wait, and learns it by the end of the connection alone.
+  bool HasLostReply() const noexcept { return internal_->HasLostReply(); }
 
  private:
   const boost::shared_ptr<CXDRCompletionQueueInternal> internal_;

@@ -70,7 +70,8 @@ class ExhaustionTest : public CFaultTest {
             << status;
         ++(status == Ok ? answered : refused);
       }
-    } catch (const std::exception&) {
+    } catch (const std::exception& failure) {
+      EXPECT_STRNE(failure.what(), "no reply in time");
       ++refused;
     }
   }

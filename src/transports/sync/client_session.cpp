@@ -170,11 +170,15 @@ void CClientSession::DispatchCalls() {
     try {
       args_.program->ProcessAsyncCalls(isAllowed_, peer_, call, completionQueue_, *args_.fs);
     } catch (const std::exception&) {
-      failure_ = std::current_exception();
-      noMoreCalls_ = true;
-      taken_.clear();
+      TakeNoMoreCalls(std::current_exception());
     }
   }
+}
+
+void CClientSession::TakeNoMoreCalls(std::exception_ptr failure) noexcept {
+  failure_ = std::move(failure);
+  noMoreCalls_ = true;
+  taken_.clear();
 }
 
 void CClientSession::PassReplies() {
@@ -183,6 +187,8 @@ void CClientSession::PassReplies() {
   for (const boost::shared_ptr<CXDRWriter>& reply : due)
     replies_->Add(reply->Used());
   writerQueue_->PushList(due);
+  if (failure_ == nullptr && completionQueue_->HasLostReply())
+    TakeNoMoreCalls(std::make_exception_ptr(exc::runtime_exc_t("A call has no reply.")));
 }
 
 /// Behind the last reply the send thread ends the session.

@@ -28,8 +28,8 @@ struct ClientThreadArgs {
 /// Calls come from the receive thread and are given to the program; replies that are due go to the send thread. A
 /// client that has too much under way, or does not take its replies, is not read from until that is less.
 ///
-/// What was called before the peer ended its side, or before a call that cannot be read, is still answered; then the
-/// connection ends. Run and the destructor are for one thread, End is for any.
+/// What was called before the peer ended its side, or before a call that cannot be read or answered, is still answered;
+/// then the connection ends. Run and the destructor are for one thread, End is for any.
 class CClientSession {
  public:
   /// Bounds of what one client has under way: records that were not given to the program yet, what calls and replies
@@ -58,6 +58,7 @@ class CClientSession {
   void TakeCalls();
   bool MayDispatch() const noexcept;
   void DispatchCalls();
+  void TakeNoMoreCalls(std::exception_ptr failure) noexcept;
   void PassReplies();
   void EndWhenAnswered();
 
@@ -75,5 +76,5 @@ class CClientSession {
   xdr_calls_t taken_;           ///< Out of the reader queue, not given to the program yet.
   bool noMoreCalls_ = false;    ///< The peer ended its side, or a call failed.
   bool lastReplyDue_ = false;   ///< The send thread knows that nothing follows.
-  std::exception_ptr failure_;  ///< Of the call that failed.
+  std::exception_ptr failure_;  ///< Of the call that failed, or has no reply.
 };

@@ -115,7 +115,9 @@ TEST_F(CompletionQueue, TheReplyIsMadeThroughTheHandle) {
 TEST_F(CompletionQueue, ACallThatIsAbandonedGetsNoReplyAndFreesTheOrder) {
   const CXDRCallCompletionRec call = queue_->Reserve(Reply(1), 100);
   queue_->PostFinished(Reply(2));
+  EXPECT_FALSE(queue_->HasLostReply());
   call.Abandon();
+  EXPECT_TRUE(queue_->HasLostReply());
   EXPECT_TRUE(IsSet());
   EXPECT_THAT(Take(), ElementsAre(2));
   EXPECT_EQ(queue_->Weight(), 0U);
@@ -125,6 +127,7 @@ TEST_F(CompletionQueue, TheFirstEndOfACallCounts) {
   const CXDRCallCompletionRec kept = queue_->Reserve(Reply(1));
   kept.Complete();
   kept.Abandon();
+  EXPECT_FALSE(queue_->HasLostReply());
   const CXDRCallCompletionRec gone = queue_->Reserve(Reply(2));
   gone.Abandon();
   gone.Complete();

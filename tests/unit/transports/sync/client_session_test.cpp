@@ -148,6 +148,22 @@ TEST_F(SessionTest, ACallThatFailsEndsTheConnectionBehindTheRepliesBeforeIt) {
   EXPECT_EQ(program_->begun, 2);
 }
 
+TEST_F(SessionTest, ACallWithoutAReplyEndsTheConnectionBehindTheReplies) {
+  Client& client = ConnectAndServe();
+  client.Call(Request(order_t::Hold, 1));
+  client.Call(Request(order_t::Hold, 2));
+  client.Call(Request(order_t::Hold, 3));
+  ASSERT_TRUE(Eventually([&] { return program_->Held() == 3; }));
+  program_->Abandon(2);
+  program_->End(1);
+  EXPECT_EQ(client.Reply(), NumberReply(1));
+  program_->End(3);
+  EXPECT_EQ(client.Reply(), NumberReply(3));
+  EXPECT_EQ(client.Reply(), std::nullopt);
+  EXPECT_EQ(Result(), 1);
+  EXPECT_TRUE(Logged(log_, "A call has no reply."));
+}
+
 TEST_F(SessionTest, APeerThatEndedItsSideStillGetsItsReplies) {
   Client& client = ConnectAndServe();
   client.Call(Request(order_t::Hold, 1));

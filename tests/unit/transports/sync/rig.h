@@ -82,13 +82,9 @@ class CProgram : public IXdrRpcInterface {
     return held_.size();
   }
   /// Of a call that is held, or on its way here.
-  void End(std::uint32_t number) {
-    std::unique_lock guard(lock_);
-    heldChanged_.wait(guard, [&] { return held_.contains(number); });
-    const auto place = held_.extract(held_.find(number));
-    guard.unlock();
-    place.mapped().Complete();
-  }
+  void End(std::uint32_t number) { TakeHeld(number).Complete(); }
+  /// The same, without a reply.
+  void Abandon(std::uint32_t number) { TakeHeld(number).Abandon(); }
   void OpenGate() {
     const std::lock_guard guard(lock_);
     isOpen_ = true;
@@ -100,6 +96,12 @@ class CProgram : public IXdrRpcInterface {
   std::atomic<std::uint16_t> lastPeerPort{0};
 
  private:
+  CXDRCallCompletionRec TakeHeld(std::uint32_t number) {
+    std::unique_lock guard(lock_);
+    heldChanged_.wait(guard, [&] { return held_.contains(number); });
+    return held_.extract(held_.find(number)).mapped();
+  }
+
   std::mutex lock_;
   std::condition_variable opened_;
   std::condition_variable heldChanged_;
