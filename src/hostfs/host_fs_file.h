@@ -6,6 +6,7 @@
 
 #include "hostfs/host_fs_file_cache.h"
 #include "hostfs/host_fs_node.h"
+#include "platform/memory.h"
 #include "vfs/items/fs_item.h"
 
 class IAddressChecker;
@@ -25,6 +26,7 @@ class CHostFsFile : public IFsFile {
   bool GetMountUid(GUID& mountUid) override;
   bool IsAddressAllowed(const sockaddr_in& address) override;
   std::string GetAllowedHostAddr() override;
+  void Foresee() const noexcept override { platform::Prefetch(node_.get(), sizeof(CHostFsNode)); }
   void Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) override;
   void Write(std::uint64_t offset, std::uint32_t count, const void* data) override;
   void Resize(std::uint64_t newSize) override;

@@ -57,7 +57,7 @@ class CHostFsTree {
   }
 
  private:
-  static constexpr std::size_t MaxLocations = 16384;
+  static constexpr std::size_t MaxLocations = 1024;
 
   std::vector<const CHostFsNode*> kept_;
   std::size_t next_ = 0;

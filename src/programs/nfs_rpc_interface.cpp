@@ -1,5 +1,6 @@
 #include "programs/nfs_rpc_interface.h"
 
+#include <array>
 #include <boost/make_shared.hpp>
 
 #include "programs/io_trace.h"
@@ -9,6 +10,7 @@
 #include "rpc/xdr_completion_queue.h"
 #include "vfs/nfs3/nfs_args.h"
 #include "vfs/nfs3/nfs_results.h"
+#include "vfs/table/fs_items_tab.h"
 #include "vfs/virtual_fs/virtual_fs.h"
 
 namespace {
@@ -90,6 +92,7 @@ constexpr std::size_t ListingSize = 1024;
 constexpr std::size_t FsStatSize = StatusSize + PostOpAttrSize + 6 * 8 + 4;
 constexpr std::size_t FsInfoSize = StatusSize + 4 + 7 * 4 + 8 + 8 + 4;
 
+constexpr std::uint32_t LookupProcedure = 3;
 constexpr std::uint32_t ReadProcedure = 6;
 constexpr std::uint32_t WriteProcedure = 7;
 
@@ -97,7 +100,8 @@ constexpr SProcedure Procedures[] = {
     PlainRow(0, "NULL", "=== NFSPROC3_NULL ============= :"),
     ServedRow(1, "GETATTR", "=== NFSPROC3_GETATTR ========== :", StatusSize + FattrSize, GetAttrs),
     ServedRow(2, "SETATTR", "=== NFSPROC3_SETATTR ========== :", StatusSize + WccDataSize, SetAttrs),
-    ServedRow(3, "LOOKUP", "=== NFSPROC3_LOOKUP =========== :", StatusSize + HandleSize + 2 * PostOpAttrSize, Lookup),
+    ServedRow(LookupProcedure, "LOOKUP",
+              "=== NFSPROC3_LOOKUP =========== :", StatusSize + HandleSize + 2 * PostOpAttrSize, Lookup),
     ServedRow(4, "ACCESS", "=== NFSPROC3_ACCESS ========== :", StatusSize + PostOpAttrSize + 4, Access),
     UnavailableRow(5, "READLINK", "=== NFSPROC3_READLINK ======UN= :"),
     ServedRow(ReadProcedure, "READ", nullptr, ReadHeaderSize, Read),
@@ -128,6 +132,34 @@ constexpr SProgram NfsProgram = {CNfsRpcInterface::Program, CNfsRpcInterface::Ve
 void DispatchNfsCall(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer,
                      CVirtualFs& fs) {
   DispatchCall(NfsProgram, isClientAllowed, peer, reader, writer, fs);
+}
+
+std::size_t PlacesOfLookups(std::span<io::byte_buffer_t* const> records, std::span<SListingPlace> places) {
+  std::size_t count = 0;
+  for (io::byte_buffer_t* const record : records) {
+    if (count == places.size())
+      break;
+    // A pointer without a count, for less time than the record's owner has it.
+    CXDRReader reader(boost::shared_ptr<io::byte_buffer_t>(boost::shared_ptr<void>(), record));
+    RpcCallHeader header;
+    ReadCallHeader(reader, header);
+    if (header.program != CNfsRpcInterface::Program || header.procedure != LookupProcedure)
+      continue;
+    nfs_fh3 dir;
+    dir.Decode(reader);
+    const std::span<const std::uint8_t> name = reader.VarLenView();
+    places[count++] = {FidFromHandle(dir), {reinterpret_cast<const char*>(name.data()), name.size()}};
+  }
+  return count;
+}
+
+void ForeseeNfsCalls(std::span<io::byte_buffer_t* const> records, const CVirtualFs& fs) {
+  const CFsItemsTab& tab = *fs.ItemsTab();
+  if (!tab.IsLarge())
+    return;
+  std::array<SListingPlace, CFsItemsTab::MostForeseen> places;
+  if (const std::size_t count = PlacesOfLookups(records, places); count != 0)
+    tab.Foresee(std::span(places).first(count));
 }
 
 void CNfsRpcInterface::ProcessCall(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader,

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <span>
 
 #include "rpc/rpc_client_stream.h"
 #include "rpc/xdr_reader.h"
@@ -50,6 +51,10 @@ class IXdrRpcInterface {
 /// system bound. Same contract as IXdrRpcInterface::ProcessCall.
 using rpc_handler_t =
     std::function<void(bool isClientAllowed, const sockaddr_in& peer, CXDRReader& reader, CXDRWriter& writer)>;
+
+/// What a transport is given of a program that gains by knowing which calls come next: records that wait, in their
+/// order, to be looked at only. No call is carried out by it, and none need be told to it.
+using rpc_foresight_t = std::function<void(std::span<io::byte_buffer_t* const> records)>;
 
 /// The six words of a call and its credential and verifier, which are skipped.
 void ReadCallHeader(CXDRReader& reader, RpcCallHeader& header);

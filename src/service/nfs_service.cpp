@@ -105,6 +105,7 @@ void CNfsService::StartAsyncServer(const CSvcContext& context, boost::shared_ptr
   params.mountProgram = WithFs(DispatchMountCall, fs);
   params.nfsProgram = WithFs(DispatchNfsCall, fs);
   params.portmapProgram = WithFs(DispatchPortmapCall, fs);
+  params.nfsForesight = [fs](std::span<io::byte_buffer_t* const> records) { ForeseeNfsCalls(records, *fs); };
   params.mountPort = context.GetPorts()->GetMountPort();
   params.nfsPort = context.GetPorts()->GetNfsPort();
   params.addressChecker = context.GetAddressChecker();

@@ -56,6 +56,7 @@ struct SFakeBackend {
   std::atomic<int> specQuestions{0};      ///< Calls of GetItemSpec and GetMountUid of files.
   std::atomic<bool> takesPipes{false};    ///< Whether files are written from pipes.
   std::atomic<int> pipeWrites{0};         ///< Calls of WritePipe.
+  std::atomic<int> foreseen{0};           ///< Calls of Foresee of files.
   std::atomic<int> state{0};              ///< Not 0: folders tell it as what they list from.
   std::uint64_t largestFile{1ULL << 40};  ///< Bytes; what would make a larger file fails, as on a full disk.
   std::atomic<int> failure{0};            ///< Not 0: the next change of a folder throws win_sys_exc_t with it.
@@ -231,6 +232,7 @@ class CFakeFile : public CFakeItem<IFsFile> {
     if (count != 0)
       std::memcpy(node_->content.data() + offset, data, count);
   }
+  void Foresee() const noexcept override { ++backend_->foreseen; }
   bool TakesPipes() const noexcept override { return backend_->takesPipes; }
   void WritePipe(std::uint64_t offset, std::uint32_t count, const void* data, platform::kernel_pipe_t& rest) override {
     ++backend_->pipeWrites;

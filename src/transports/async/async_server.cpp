@@ -110,7 +110,7 @@ void CAsyncServer::CContext::SetUp() {
     params_.prepareRegistration();
   }
   mountQueue_ = boost::make_shared<impl::CRequestQueue>("mount", params_.mountProgram, port_);
-  nfsQueue_ = boost::make_shared<impl::CRequestQueue>("nfs", params_.nfsProgram, port_);
+  nfsQueue_ = boost::make_shared<impl::CRequestQueue>("nfs", params_.nfsProgram, port_, params_.nfsForesight);
   mountAcceptor_ = MakeAcceptor("mount service", params_.mountPort, true, mountQueue_);
   nfsAcceptor_ = MakeAcceptor("nfs", params_.nfsPort, true, nfsQueue_);
   ServicePorts().mount = mountAcceptor_->BoundPort();

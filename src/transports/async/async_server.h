@@ -19,6 +19,8 @@ struct SAsyncServerParams {
   rpc_handler_t mountProgram;
   rpc_handler_t nfsProgram;
   rpc_handler_t portmapProgram;
+  /// Of the NFS program; may be empty.
+  rpc_foresight_t nfsForesight;
   /// 0 takes a port from the system. What was really bound stands in ServicePorts().
   std::uint16_t mountPort = 0;
   std::uint16_t nfsPort = 0;

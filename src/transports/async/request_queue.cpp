@@ -2,9 +2,11 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <iterator>
+#include <span>
 #include <thread>
 #include <utility>
 
@@ -39,8 +41,9 @@ void LogFailure(const CResponseSender& sender, const char* text) noexcept {
 
 }  // namespace
 
-CRequestQueue::CRequestQueue(std::string name, rpc_handler_t handler, boost::shared_ptr<synch::completion_port_t> port)
-    : name_(std::move(name)), handler_(std::move(handler)), port_(std::move(port)) {
+CRequestQueue::CRequestQueue(std::string name, rpc_handler_t handler, boost::shared_ptr<synch::completion_port_t> port,
+                             rpc_foresight_t foresight)
+    : name_(std::move(name)), handler_(std::move(handler)), foresight_(std::move(foresight)), port_(std::move(port)) {
   thread_ = std::make_unique<synch::thread_t>("Request queue " + name_, [this] { Work(); });
 }
 
@@ -247,12 +250,33 @@ void CRequestQueue::RunBatch(std::vector<SItem>& batch) noexcept {
     RunParked();
   }
   for (std::size_t i = 0; i < batch.size(); ++i) {
+    if (i % MostForeseen == 0) {
+      Foresee(batch, i);
+    }
     leftInBatch_ = batch.size() - i - 1;
     const bool isFollowed = leftInBatch_ != 0 && batch[i + 1].sender->Client() == batch[i].sender->Client();
     Process(batch[i], isFollowed ? reply_t::Hold : reply_t::HoldIfAsked);
     batch[i] = SItem();
   }
   batch.clear();
+}
+
+void CRequestQueue::Foresee(const std::vector<SItem>& batch, std::size_t from) const noexcept {
+  if (!foresight_ || batch.size() - from < FewestForeseen) {
+    return;
+  }
+  std::array<io::byte_buffer_t*, MostForeseen> records;
+  std::size_t count = 0;
+  for (std::size_t i = from; i < batch.size() && i < from + MostForeseen; ++i) {
+    if (batch[i].sender->IsFsAccessAllowed()) {
+      records[count++] = batch[i].record.get();
+    }
+  }
+  try {
+    foresight_(std::span(records).first(count));
+  } catch (const std::exception&) {
+    // A request that cannot be read is told of when it is carried out.
+  }
 }
 
 void CRequestQueue::Process(SItem& item, reply_t reply) noexcept {

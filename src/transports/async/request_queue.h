@@ -47,13 +47,17 @@ class CRequestQueue : private synch::ILentWork {
   static constexpr std::chrono::microseconds MaxHeldTime{100};
   /// The completion thread is lent for so many requests at a time.
   static constexpr std::size_t MostLent = 16;
+  /// Foresight is told of so many requests at a time, unless there are fewer than it is worth its while.
+  static constexpr std::size_t MostForeseen = 32;
+  static constexpr std::size_t FewestForeseen = 4;
   /// How often the worker looks whether a request that the completion thread was lent for goes on; after one look
   /// without any change it stands in.
   static constexpr std::chrono::milliseconds LookPeriod{1};
 
-  /// handler has what it works on bound and keeps it alive. port lends its thread; null: none does. Throws when the
-  /// worker cannot be started.
-  CRequestQueue(std::string name, rpc_handler_t handler, boost::shared_ptr<synch::completion_port_t> port = nullptr);
+  /// handler and foresight have what they work on bound and keep it alive; there need be no foresight. port lends its
+  /// thread; null: none does. Throws when the worker cannot be started.
+  CRequestQueue(std::string name, rpc_handler_t handler, boost::shared_ptr<synch::completion_port_t> port = nullptr,
+                rpc_foresight_t foresight = nullptr);
   CRequestQueue(const CRequestQueue&) = delete;
   CRequestQueue& operator=(const CRequestQueue&) = delete;
   /// Stops. Senders may share the queue through their connections, so its owner stops it first: the last reference
@@ -93,6 +97,7 @@ class CRequestQueue : private synch::ILentWork {
   /// under lock_ while nobody does.
   bool LeavesNext() const noexcept;
   void RunBatch(std::vector<SItem>& batch) noexcept;
+  void Foresee(const std::vector<SItem>& batch, std::size_t from) const noexcept;
   bool ShallLook() const noexcept;
   void RunLent() noexcept override;
   void Decline() noexcept override;
@@ -112,6 +117,7 @@ class CRequestQueue : private synch::ILentWork {
 
   const std::string name_;
   const rpc_handler_t handler_;
+  const rpc_foresight_t foresight_;
   const boost::shared_ptr<synch::completion_port_t> port_;
 
   std::mutex lock_;

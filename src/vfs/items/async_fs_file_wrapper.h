@@ -26,6 +26,7 @@ class CAsyncFsFileWrapper : public IFsAsyncFile {
   bool GetMountUid(GUID& mountUid) override;
   bool IsAddressAllowed(const sockaddr_in& address) override;
   std::string GetAllowedHostAddr() override;
+  void Foresee() const noexcept override { file_->Foresee(); }
 
   void Read(std::uint64_t offset, std::uint32_t count, SFsReadBuffer& buffer) override;
   void Write(std::uint64_t offset, std::uint32_t count, const void* data) override;

@@ -77,6 +77,8 @@ class IFsItem {
   virtual bool GetMountUid(GUID& mountUid) = 0;
   virtual bool IsAddressAllowed(const sockaddr_in& address) = 0;
   virtual std::string GetAllowedHostAddr() = 0;
+  /// Has the processor fetch what the next call will touch first. Asks nobody, changes nothing, takes no lock.
+  virtual void Foresee() const noexcept {}
 };
 
 class IFsFile : public IFsItem {

@@ -1,11 +1,13 @@
 #include "vfs/table/fs_items_tab.h"
 
 #include <algorithm>
+#include <array>
 #include <boost/make_shared.hpp>
 #include <cstring>
 #include <utility>
 
 #include "foundation/log.h"
+#include "platform/memory.h"
 #include "vfs/items/virtual_fs_exc.h"
 #include "vfs/table/fs_items_tab_writes.h"
 
@@ -13,11 +15,14 @@ namespace {
 
 using lock_t = std::lock_guard<platform::brief_mutex_t<std::recursive_mutex>>;
 
+/// The caches of a processor hold what belongs to so many items, not more.
+constexpr std::size_t LargeSize = 4096;
+/// What of an item's object is touched by each call.
+constexpr std::size_t ForeseenSize = 64;
+
 }  // namespace
 
-CFsItemsTab::CFsItemsTab(boost::shared_ptr<CRegConfigUpdateSink> updateSink)
-    // Clients choose names; that they cannot choose such as meet is the seed's work.
-    : listingIndex_(0, SIndexHash{platform::NewHashSeed()}), updateSink_(std::move(updateSink)) {}
+CFsItemsTab::CFsItemsTab(boost::shared_ptr<CRegConfigUpdateSink> updateSink) : updateSink_(std::move(updateSink)) {}
 
 CFsItemsTab::~CFsItemsTab() = default;
 
@@ -130,7 +135,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   const rec_ptr parent = GetRec(parentFid);
   if (!IsBacked(*parent, prepared))
     return InvalidFid;
-  const SIndexed* const entry = FindIndexed(parentFid, prepared.name);
+  const CNfsListingIndex::SEntry* const entry = FindIndexed(parentFid, prepared.name);
   const bool wasFound = entry != nullptr;
   const std::uint64_t fid = wasFound ? entry->fid : GenerateFid();
   if (wasFound && !IsReplaced(fid, prepared, found)) {
@@ -193,7 +198,7 @@ void CFsItemsTab::Expect(std::size_t items) {
   // What grows past its room is made anew whole, while everybody waits.
   const std::size_t withMore = items + items / 4;
   items_.reserve(withMore);
-  listingIndex_.reserve(withMore);
+  listingIndex_.Reserve(withMore);
 }
 
 void CFsItemsTab::ResumeItem(std::uint64_t fid, std::uint64_t parentFid, const std::string& name,
@@ -240,7 +245,7 @@ void CFsItemsTab::RemoveChild(std::uint64_t parentFid, const std::string& name) 
 void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name, std::uint64_t fid,
                                 const IFsItem* item) {
   RemoveAndLog([&](changes_t& removed) {
-    const SIndexed* const found = FindIndexed(parentFid, name);
+    const CNfsListingIndex::SEntry* const found = FindIndexed(parentFid, name);
     if (found != nullptr && found->fid == fid && (item == nullptr || found->rec->Item().get() == item))
       Delete(fid, nullptr, false, removed);
   });
@@ -254,7 +259,7 @@ std::uint64_t CFsItemsTab::LookupChild(std::uint64_t parentFid, std::string_view
     const rec_ptr parent = FindRec(parentFid);
     return parent ? parent->parentFid : InvalidFid;
   }
-  const SIndexed* const found = FindIndexed(parentFid, name);
+  const CNfsListingIndex::SEntry* const found = FindIndexed(parentFid, name);
   return found == nullptr ? InvalidFid : found->fid;
 }
 
@@ -265,14 +270,28 @@ boost::shared_ptr<IFsItem> CFsItemsTab::GetChild(std::uint64_t parentFid, std::s
     fid = LookupChild(parentFid, name);
     return GetItem(fid);
   }
-  const SIndexed* const found = FindIndexed(parentFid, name);
+  const CNfsListingIndex::SEntry* const found = FindIndexed(parentFid, name);
   fid = found == nullptr ? InvalidFid : found->fid;
   return found == nullptr ? nullptr : found->rec->Item();
 }
 
-const CFsItemsTab::SIndexed* CFsItemsTab::FindIndexed(std::uint64_t parentFid, std::string_view name) const {
-  const auto found = listingIndex_.find(SListingKeyView{parentFid, name});
-  return found == listingIndex_.end() ? nullptr : &*found;
+const CNfsListingIndex::SEntry* CFsItemsTab::FindIndexed(std::uint64_t parentFid, std::string_view name) const {
+  return listingIndex_.Find({parentFid, name});
+}
+
+void CFsItemsTab::Foresee(std::span<const SListingPlace> places) const {
+  std::array<const CNfsItemRec*, MostForeseen> records;
+  std::array<IFsItem*, MostForeseen> items;
+  const lock_t lock(mutex_);
+  listingIndex_.Foresee(places, std::span(records).first(places.size()));
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    items[i] = records[i] == nullptr ? nullptr : records[i]->File().get();
+    platform::Prefetch(items[i], ForeseenSize);
+  }
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    if (items[i] != nullptr)
+      items[i]->Foresee();
+  }
 }
 
 void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName) {
@@ -287,7 +306,7 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const 
     if (IsSameOrBelow(newParentFid, fid))
       throw CVirtualFsExc(NFS3ERR_INVAL);
 
-    const SIndexed* const occupied = FindIndexed(newParentFid, newName);
+    const CNfsListingIndex::SEntry* const occupied = FindIndexed(newParentFid, newName);
     if (occupied != nullptr && occupied->fid != fid)
       Delete(occupied->fid, nullptr, false, removed);
 
@@ -360,19 +379,22 @@ void CFsItemsTab::PutListing(std::uint64_t fid, const rec_ptr& rec) {
   const auto [entry, isNew] = listing_.insert(SListed{fid, rec});
   if (isNew) {
     try {
-      listingIndex_.insert(SIndexed{fid, rec.get()});
+      listingIndex_.Insert(fid, *rec);
     } catch (...) {
       listing_.erase(entry);
       throw;
     }
+    NoteSize();
     return;
   }
-  const SIndexed* const indexed = FindIndexed(rec->parentFid, rec->name);
-  indexed->fid = fid;
-  indexed->rec = rec.get();
+  *listingIndex_.Find({rec->parentFid, rec->name}) = {fid, rec.get()};
   auto node = listing_.extract(entry);
   node.value() = SListed{fid, rec};
   listing_.insert(std::move(node));
+}
+
+void CFsItemsTab::NoteSize() noexcept {
+  isLarge_ = listingIndex_.Size() >= LargeSize;
 }
 
 std::uint64_t CFsItemsTab::GenerateFid() const {

@@ -7,11 +7,10 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -20,6 +19,7 @@
 #include "platform/guid.h"
 #include "platform/text.h"
 #include "vfs/items/fs_item.h"
+#include "vfs/table/listing_index.h"
 #include "vfs/table/listing_slots.h"
 #include "vfs/table/nfs_folder_dir_plus_cache.h"
 #include "vfs/table/nfs_item_rec.h"
@@ -114,6 +114,12 @@ class CFsItemsTab {
   std::uint64_t LookupChild(std::uint64_t parentFid, std::string_view name) const;
   /// LookupChild and GetItem at one moment.
   boost::shared_ptr<IFsItem> GetChild(std::uint64_t parentFid, std::string_view name, std::uint64_t& fid) const;
+  /// Whether there are so many items that most of them are far from the processor. May be told without a lock.
+  bool IsLarge() const noexcept { return isLarge_; }
+  /// For children that will be looked up soon, at most MostForeseen of them: has the processor fetch what that will
+  /// touch, for all at a time instead of one after another. Changes nothing; names need not be there.
+  void Foresee(std::span<const SListingPlace> places) const;
+  static constexpr std::size_t MostForeseen = CNfsListingIndex::MostForeseen;
   /// Gives the item a new place under the same FID; an item that stands there is dropped. The registry keeps the old
   /// place until that is taken by another item, be it added or moved. Throws 22 for a place below the item itself.
   void MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName);
@@ -176,10 +182,6 @@ class CFsItemsTab {
     std::uint64_t parentFid;
     std::string name;
   };
-  struct SListingKeyView {
-    std::uint64_t parentFid;
-    std::string_view name;
-  };
   /// Stands at the place that its record names, which is not changed while the entry is in the listing: a name is kept
   /// once, however many items there are.
   struct SListed {
@@ -204,34 +206,6 @@ class CFsItemsTab {
   };
   /// Children of one folder are adjacent, in the order of their names.
   using CNfsListingTab = std::set<SListed, SListingLess>;
-  /// What an entry of the listing tells, without the way to it.
-  struct SIndexed {
-    // Change with the record of the place, whose hash stays the same.
-    mutable std::uint64_t fid;
-    mutable const CNfsItemRec* rec;
-  };
-  /// The same entries by the hash of their places: to find one among many is to touch three pieces of memory, not
-  /// forty.
-  struct SIndexHash {
-    using is_transparent = void;
-    // Not noexcept, so that hashes are kept: an entry is far to fetch.
-    std::size_t operator()(const SListingKeyView& key) const {
-      return platform::HashIgnoringCase(key.name, seed + key.parentFid);
-    }
-    std::size_t operator()(const SIndexed& indexed) const {
-      return (*this)(SListingKeyView{indexed.rec->parentFid, indexed.rec->name});
-    }
-    std::uint64_t seed;
-  };
-  static_assert(!std::is_nothrow_invocable_v<const SIndexHash&, const SIndexed&>);
-  struct SIndexEqual {
-    using is_transparent = void;
-    bool operator()(const SIndexed& left, const SIndexed& right) const noexcept { return left.rec == right.rec; }
-    bool operator()(const SListingKeyView& key, const SIndexed& indexed) const noexcept {
-      return key.parentFid == indexed.rec->parentFid && platform::EqualIgnoringCase(key.name, indexed.rec->name);
-    }
-  };
-  using CNfsListingIndex = std::unordered_set<SIndexed, SIndexHash, SIndexEqual>;
   using places_t = std::map<SListingKey, std::uint64_t, SListingLess>;
   struct SMoved {
     SListingKey stored;
@@ -292,8 +266,10 @@ class CFsItemsTab {
   /// Also gives the entry the new spelling.
   void PutListing(std::uint64_t fid, const rec_ptr& rec);
   void EraseListing(const CNfsItemRec& rec, std::uint64_t fid);
+  /// After a change of the index.
+  void NoteSize() noexcept;
   /// The child of that name, null for none. Until the table changes.
-  const SIndexed* FindIndexed(std::uint64_t parentFid, std::string_view name) const;
+  const CNfsListingIndex::SEntry* FindIndexed(std::uint64_t parentFid, std::string_view name) const;
   void StoreMirror(std::uint64_t folderFid, const CNfsItemRec& rec, const GUID& mountUid, SFsItemSpec spec);
   void RemoveAndLogShare(const GUID& uid);
   void DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid);
@@ -319,6 +295,7 @@ class CFsItemsTab {
   // Items whose record is not what it should be; those that are no items any more should have none.
   std::set<std::uint64_t> unwritten_;
   std::atomic<bool> hasUnwritten_ = false;  // Also read without the lock.
+  std::atomic<bool> isLarge_ = false;       // The same.
   CWrites* writes_ = nullptr;               // Those of the transaction under way.
 
   const boost::shared_ptr<CRegConfigUpdateSink> updateSink_;

@@ -74,9 +74,10 @@ void CFsItemsTab::DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t
 }
 
 void CFsItemsTab::EraseListing(const CNfsItemRec& rec, std::uint64_t fid) {
-  const auto entry = listing_.find(SListingKeyView{rec.parentFid, rec.name});
+  const auto entry = listing_.find(SListingPlace{rec.parentFid, rec.name});
   if (entry != listing_.end() && entry->fid == fid) {
-    listingIndex_.erase(listingIndex_.find(SListingKeyView{rec.parentFid, rec.name}));
+    listingIndex_.Erase({rec.parentFid, rec.name});
+    NoteSize();
     listing_.erase(entry);
     NoteFolderChange(rec.parentFid);
   }
@@ -109,7 +110,7 @@ void CFsItemsTab::DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mo
 }
 
 CFsItemsTab::CNfsListingTab::const_iterator CFsItemsTab::FirstChild(std::uint64_t parentFid) const {
-  return listing_.lower_bound(SListingKeyView{parentFid, {}});
+  return listing_.lower_bound(SListingPlace{parentFid, {}});
 }
 
 void CFsItemsTab::NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid,
@@ -142,7 +143,7 @@ void CFsItemsTab::ReleasePlace(std::uint64_t parentFid, const std::string& name,
 void CFsItemsTab::FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid) {
   // The record of an item that was moved from here still claims the place. Whatever comes to stand here would be taken
   // for that item after a restart, and its handle would silently be that of another file.
-  const auto place = movedFrom_.find(SListingKeyView{parentFid, name});
+  const auto place = movedFrom_.find(SListingPlace{parentFid, name});
   if (place == movedFrom_.end() || place->second == moverFid)
     return;
   const std::uint64_t fid = place->second;

@@ -259,8 +259,8 @@ void CFsItemsTab::ListChildren(std::uint64_t parentFid, std::vector<SNfsChild>& 
   for (bool isMore = true; isMore;) {
     const std::size_t end = children.size() + MaxStep;
     const lock_t lock(mutex_);
-    auto child = children.empty() ? FirstChild(parentFid)
-                                  : listing_.upper_bound(SListingKeyView{parentFid, children.back().name});
+    auto child =
+        children.empty() ? FirstChild(parentFid) : listing_.upper_bound(SListingPlace{parentFid, children.back().name});
     const auto isChild = [&] { return child != listing_.end() && child->rec->parentFid == parentFid; };
     for (; isChild() && children.size() < end; ++child)
       children.push_back({child->rec->name, child->fid, child->rec->Item()});

@@ -1,6 +1,7 @@
 #include "programs/nfs_rpc_interface.h"
 
 #include <algorithm>
+#include <array>
 #include <boost/smart_ptr/weak_ptr.hpp>
 #include <fstream>
 #include <iterator>
@@ -96,6 +97,56 @@ TEST_F(NfsProgram, LookupGivesAHandleAndBothAttributes) {
   EXPECT_EQ(result.attributes->size, 5U);
   EXPECT_EQ(result.dirAttributes->type, NF3DIR);
   EXPECT_EQ(Lookup("missing").status, NFS3ERR_NOENT);
+}
+
+TEST_F(NfsProgram, TellsTheLookupsAmongRecords) {
+  const auto call = [this](std::uint32_t procedure, const auto& args) {
+    const test::bytes_t bytes = CallBytes(procedure, test::BytesOf(args));
+    return io::byte_buffer_t(bytes.begin(), bytes.end());
+  };
+  std::vector<io::byte_buffer_t> calls;
+  calls.push_back(call(1, GETATTR3args{Root()}));
+  calls.push_back(call(3, LOOKUP3args{{Root(), "first"}}));
+  calls.push_back(call(3, LOOKUP3args{{HandleFromFid(77), "a second one"}}));
+  calls.push_back(call(12, REMOVE3args{{Root(), "removed"}}));
+  calls.push_back(call(3, LOOKUP3args{{Root(), "no room"}}));
+  header_.program = 100005;
+  calls.insert(calls.begin() + 1, call(3, LOOKUP3args{{Root(), "of another program"}}));
+  std::vector<io::byte_buffer_t*> records;
+  for (io::byte_buffer_t& record : calls)
+    records.push_back(&record);
+
+  std::array<SListingPlace, 2> places;
+  ASSERT_EQ(PlacesOfLookups(records, places), 2U);
+  EXPECT_EQ(places[0].parentFid, FidFromHandle(Root()));
+  EXPECT_EQ(places[0].name, "first");
+  EXPECT_EQ(places[1].parentFid, 77U);
+  EXPECT_EQ(places[1].name, "a second one");
+
+  std::array<SListingPlace, 8> more;
+  EXPECT_EQ(PlacesOfLookups(records, more), 3U);
+  EXPECT_EQ(more[2].name, "no room");
+}
+
+TEST_F(NfsProgram, NoPlaceIsTakenFromHalfALookup) {
+  const test::bytes_t bytes = CallBytes(3, test::BytesOf(LOOKUP3args{{Root(), "a name that ends"}}));
+  for (std::size_t size = 0; size < bytes.size(); size += 4) {
+    io::byte_buffer_t record(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+    io::byte_buffer_t* const records[] = {&record};
+    std::array<SListingPlace, 1> places;
+    EXPECT_THROW(PlacesOfLookups(records, places), std::exception) << size;
+  }
+}
+
+TEST_F(NfsProgram, ForesightOfAnyCallChangesNothing) {
+  MakeFile("a.txt", "hello");
+  const nfs_fh3 before = Lookup("a.txt").object;
+  const test::bytes_t bytes = CallBytes(3, test::BytesOf(LOOKUP3args{{Root(), "a.txt"}}));
+  io::byte_buffer_t record(bytes.begin(), bytes.end());
+  io::byte_buffer_t* const records[] = {&record, &record};
+  ForeseeNfsCalls(records, *fs_);
+  EXPECT_TRUE(std::ranges::equal(record, bytes));
+  EXPECT_EQ(Lookup("a.txt").object, before);
 }
 
 TEST_F(NfsProgram, AccessGrantsWhatIsAskedFor) {

@@ -6,6 +6,7 @@
 #include <array>
 #include <map>
 #include <set>
+#include <span>
 
 #include "support/captured_log.h"
 #include "unit/transports/async/rig.h"
@@ -23,6 +24,9 @@ struct SHistory {
   std::map<int, int> heldSent;  ///< How often the held replies of a client were sent.
   int brokenClient = -1;        ///< To whom nothing can be sent.
 };
+
+/// One whose address is not admitted.
+constexpr int StrangeClient = 4;
 
 /// Notes the second word of each reply.
 class Sender : public impl::CResponseSender {
@@ -51,7 +55,7 @@ class Sender : public impl::CResponseSender {
     }
   }
   const sockaddr_in& GetPeerAddress() const override { return peer_; }
-  bool IsFsAccessAllowed() const override { return true; }
+  bool IsFsAccessAllowed() const override { return client_ != StrangeClient; }
   void Close() override {
     const std::lock_guard guard(history_.lock);
     ++history_.closed;
@@ -63,7 +67,7 @@ class Sender : public impl::CResponseSender {
   const void* Client() const override { return &Clients[static_cast<std::size_t>(client_)]; }
 
  private:
-  static constexpr std::array<char, 4> Clients{};
+  static constexpr std::array<char, 5> Clients{};
 
   void Note(const CXDRWriter& writer, std::vector<std::uint32_t>& numbers) {
     io::byte_buffer_t out;
@@ -133,6 +137,69 @@ TEST_F(RequestQueueTest, ParksTheRequestsOfASlowClientAlone) {
   EXPECT_TRUE(Eventually([&] { return Sent() == numbers_t({20, 21, 22, 23, 10, 11, 12}); }));
   Post(order_t::Echo, 13, 1);
   EXPECT_TRUE(Eventually([&] { return Sent() == numbers_t({20, 21, 22, 23, 10, 11, 12, 13}); }));
+}
+
+/// The second words of the records of which a queue tells its foresight, group by group.
+class ForesightTest : public RequestQueueTest {
+ protected:
+  /// Posts so many requests that wait together, and gives what was foreseen until all are answered.
+  std::vector<numbers_t> ForeseenOf(std::uint32_t requests, std::uint32_t strangers = 0) {
+    const auto post = [this](order_t order, std::uint32_t number, bool isAllowed) {
+      const bytes_t record = Request(order, number);
+      foreseeing_.Post(new Sender(history_, isAllowed ? 0 : StrangeClient),
+                       boost::make_shared<io::byte_buffer_t>(record.begin(), record.end()));
+    };
+    post(order_t::Wait, 0, true);
+    EXPECT_TRUE(Eventually([&] { return program_.begun == 1; }));
+    for (std::uint32_t number = 1; number <= requests; ++number)
+      post(order_t::Echo, number, number > strangers);
+    program_.OpenGate();
+    EXPECT_TRUE(Eventually([&] { return Sent().size() == requests + 1; }));
+    foreseeing_.Stop();
+    return foreseen_;
+  }
+
+  bool throws_ = false;
+
+ private:
+  std::vector<numbers_t> foreseen_;
+  impl::CRequestQueue foreseeing_{"nfs", program_.Handler(), nullptr,
+                                  [this](std::span<io::byte_buffer_t* const> records) {
+                                    numbers_t numbers;
+                                    for (const io::byte_buffer_t* const record : records)
+                                      numbers.push_back(WordAt({record->begin(), record->end()}, 4));
+                                    foreseen_.push_back(numbers);
+                                    if (throws_)
+                                      throw exc::runtime_exc_t(std::string("no call"));
+                                  }};
+};
+
+TEST_F(ForesightTest, IsToldOfWhatWaitsTogether) {
+  EXPECT_EQ(ForeseenOf(5), (std::vector<numbers_t>{{1, 2, 3, 4, 5}}));
+}
+
+TEST_F(ForesightTest, IsNotToldOfAFew) {
+  EXPECT_EQ(ForeseenOf(3), std::vector<numbers_t>{});
+}
+
+TEST_F(ForesightTest, IsToldOfManyInGroupsJustBeforeTheyAreServed) {
+  const std::vector<numbers_t> foreseen = ForeseenOf(32 + 32 + 3);
+  ASSERT_EQ(foreseen.size(), 2U);
+  EXPECT_EQ(foreseen[0].size(), 32U);
+  EXPECT_EQ(foreseen[0].front(), 1U);
+  EXPECT_EQ(foreseen[1].size(), 32U);
+  EXPECT_EQ(foreseen[1].front(), 33U);
+}
+
+TEST_F(ForesightTest, IsNotToldOfStrangers) {
+  EXPECT_EQ(ForeseenOf(6, 2), (std::vector<numbers_t>{{3, 4, 5, 6}}));
+}
+
+TEST_F(ForesightTest, MayFailAndCostsNoReply) {
+  throws_ = true;
+  EXPECT_EQ(ForeseenOf(5).size(), 1U);
+  EXPECT_EQ(Sent(), numbers_t({0, 1, 2, 3, 4, 5}));
+  EXPECT_EQ(history_.closed, 0);
 }
 
 TEST_F(RequestQueueTest, RunsOutParkedRequestsWithoutReplies) {
