@@ -11,7 +11,7 @@ namespace {
 constexpr std::chrono::seconds Patience = 180s;
 
 class KillAgentTest : public CBackupTest {};
-INSTANTIATE_TEST_SUITE_P(Server, KillAgentTest, testing::Values(AsyncServer), ServerName);
+KELVO_WIRE_SUITE(KillAgentTest);
 
 TEST_P(KillAgentTest, AnAnsweredWriteIsInTheOverlayAndTheSourceIsUntouched) {
   constexpr std::size_t Blocks = 1024;

@@ -171,8 +171,7 @@ TEST_P(RegistryLogTest, ADamagedLogIsBelievedUpToTheDamage) {
 }
 
 class LockedRegistryTest : public CFaultTest {};
-// What waits is the registry, whichever server asks.
-INSTANTIATE_TEST_SUITE_P(Server, LockedRegistryTest, testing::Values(AsyncServer), ServerName);
+KELVO_WIRE_SUITE(LockedRegistryTest);
 
 TEST_P(LockedRegistryTest, AChangeWaitsForAnotherProcessAndIsRefusedWhenThatTakesTooLong) {
   constexpr std::uint32_t LockViolation = 33;

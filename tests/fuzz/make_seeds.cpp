@@ -256,10 +256,17 @@ void WriteRecords() {
   const sattr3 changes{true, 0644, true, 1, true, 1, true, 100, SET_TO_CLIENT_TIME, {1, 2}, SET_TO_SERVER_TIME, {}};
   const bytes_t data{'d', 'a', 't', 'a'};
   // A call and a reply with credentials and verifiers, as words.
-  Write("records", "call",
-        bytes_t{0} + test::Bytes(std::string("\0\0\0\1\0\0\0\0\0\0\0\2\0\1\x86\xa3\0\0\0\3\0\0\0\1"
-                                             "\0\0\0\1\0\0\0\4abcd\0\0\0\0\0\0\0\0",
-                                             44)));
+  const auto call = [](char procedure) {
+    std::string words(
+        "\0\0\0\1\0\0\0\0\0\0\0\2\0\1\x86\xa3\0\0\0\3\0\0\0\1"
+        "\0\0\0\1\0\0\0\4abcd\0\0\0\0\0\0\0\0",
+        44);
+    words[23] = procedure;
+    return test::Bytes(words);
+  };
+  Write("records", "call", bytes_t{0} + call(1));
+  const bytes_t lookup = Record(7, LOOKUP3args{place});
+  Write("records", "foreseen", bytes_t{34} + call(3) + bytes_t(lookup.begin() + 1, lookup.end()));
   Write("records", "portmap-reply",
         bytes_t{1} + test::Bytes(std::string("\x80\0\0\x1c\0\0\0\1\0\0\0\1\0\0\0\0\0\0\0\0"
                                              "\0\0\0\0\0\0\0\0\0\0\x08\1",

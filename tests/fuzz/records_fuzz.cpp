@@ -1,10 +1,12 @@
 // The RPC header, the arguments and the results of the three programs, and what a foreign portmapper answers.
 #include <boost/make_shared.hpp>
 #include <cstring>
+#include <span>
 
 #include "fuzz/fuzz_input.h"
 #include "programs/ep_mapper_table.h"
 #include "programs/mount_rpc_interface.h"
+#include "programs/nfs_rpc_interface.h"
 #include "rpc/rpc_message.h"
 #include "support/kernel_pipe_of.h"
 #include "support/memory_rpc_stream.h"
@@ -98,6 +100,25 @@ void CheckSplitWrite(fuzz::bytes_view_t bytes) {
   fuzz::Require(args == expected, "what was in the kernel is the same");
 }
 
+/// What is foreseen of a call is what the call itself will ask for.
+void CheckForesight(fuzz::bytes_view_t bytes) {
+  io::byte_buffer_t record(bytes.begin(), bytes.end());
+  io::byte_buffer_t* const records[] = {&record};
+  SListingPlace place;
+  std::size_t count = 0;
+  fuzz::Try([&] { count = PlacesOfLookups(records, std::span(&place, 1)); });
+  if (count == 0)
+    return;
+  CXDRReader reader = ReaderOf(bytes);
+  RpcCallHeader header;
+  LOOKUP3args args;
+  ReadCallHeader(reader, header);
+  args.Decode(reader);
+  fuzz::Require(header.procedure == 3, "a LOOKUP alone is foreseen");
+  fuzz::Require(place.parentFid == FidFromHandle(args.what.dir), "the folder is foreseen");
+  fuzz::Require(place.name == args.what.name, "the name is foreseen");
+}
+
 using check_t = void (*)(fuzz::bytes_view_t);
 
 /// An input's first byte picks one. New ones come to the end, so that the corpus keeps its meaning.
@@ -136,6 +157,7 @@ constexpr check_t Checks[] = {
     Check<FSSTAT3res>,
     Check<FSINFO3res>,
     CheckSplitWrite,
+    CheckForesight,
 };
 
 }  // namespace
