@@ -1,5 +1,6 @@
 #include "foundation/log.h"
 
+#include <algorithm>
 #include <ctime>
 #include <exception>
 
@@ -12,6 +13,7 @@ namespace logging {
 namespace {
 
 constexpr std::int32_t LinesBetweenChecks = 1000;
+constexpr std::size_t MostTogether = std::size_t{64} << 10;
 
 /// Threads may log until the very end of the process, so that the log must outlive every destructor.
 union undying_log_t {
@@ -22,6 +24,8 @@ union undying_log_t {
 
 constinit undying_log_t theLog;
 thread_local constinit std::int32_t depth = 0;
+/// The calling thread's outermost.
+thread_local constinit lines_together_t* together = nullptr;
 
 /// The thread's record shows the depth to a crash report; lines take it from here, also when there is no record.
 void ChangeDepth(std::int32_t change) noexcept {
@@ -128,7 +132,8 @@ void log_t::Write(level_t level, std::string_view name, std::string_view text) n
       text.remove_prefix(end + 1);
       line.continuation = true;
     }
-    WriteLines(lines);
+    if (together == nullptr || !together->Take(*this, lines))
+      WriteLines(lines);
   } catch (...) {
     // Memory or the filter failed: the line is lost, and whoever logs goes on.
   }
@@ -146,19 +151,14 @@ void log_t::WriteLines(const std::string& lines) noexcept {
 }
 
 void log_t::WriteLinesLocked(const std::string& lines) noexcept {
-  std::string_view left = lines;
-  while (!left.empty()) {
-    const std::string_view line = left.substr(0, left.find('\n') + 1);
-    left.remove_prefix(line.size());
-    ++linesSinceCheck_;
-    for (receiver::log_file_t* target : {receiver_.get(), mirror_.get()}) {
-      if (target == nullptr)
-        continue;
-      try {
-        target->Write(line);
-      } catch (...) {
-        // A full disk or a peer that is gone costs the line, not the service.
-      }
+  linesSinceCheck_ += static_cast<std::int32_t>(std::ranges::count(lines, '\n'));
+  for (receiver::log_file_t* target : {receiver_.get(), mirror_.get()}) {
+    if (target == nullptr)
+      continue;
+    try {
+      target->WriteMany(lines);
+    } catch (...) {
+      // A full disk or a peer that is gone costs the lines, not the service.
     }
   }
 }
@@ -193,6 +193,47 @@ void log_t::CheckSizeLocked() noexcept {
 
 void log_handle_t::Exception(level_t level, std::string_view text, const std::exception& exception) const noexcept {
   exc::LogException(*this, level, text, exception);
+}
+
+lines_together_t::lines_together_t() noexcept {
+  if (together == nullptr)
+    together = this;
+}
+
+lines_together_t::~lines_together_t() {
+  if (together != this)
+    return;
+  together = nullptr;
+  if (log_ != nullptr)
+    log_->WriteLines(lines_);
+}
+
+bool lines_together_t::Take(log_t& log, const std::string& lines) {
+  if (log_ == nullptr)
+    log_ = &log;
+  if (log_ != &log)
+    return false;
+  lines_ += lines;
+  if (lines_.size() >= MostTogether) {
+    log_->WriteLines(lines_);
+    lines_.clear();
+  }
+  return true;
+}
+
+void receiver::log_file_t::WriteMany(std::string_view lines) {
+  std::exception_ptr failure;
+  while (!lines.empty()) {
+    const std::size_t end = std::min(lines.find('\n'), lines.size() - 1) + 1;
+    try {
+      Write(lines.substr(0, end));
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    lines.remove_prefix(end);
+  }
+  if (failure)
+    std::rethrow_exception(failure);
 }
 
 log_scope_t::log_scope_t(const log_handle_t& log, std::string text) : log_(log), text_(std::move(text)), note_(text_) {

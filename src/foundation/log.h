@@ -74,6 +74,8 @@ class log_t {
   static constexpr std::uint32_t VerboseOn = 4;
   static constexpr std::uint32_t DroppingMask = Opened | Suspended;
 
+  friend class lines_together_t;
+
   void Switch(std::uint32_t bit, bool on) noexcept;
   void WriteLines(const std::string& lines) noexcept;
   void WriteLinesLocked(const std::string& lines) noexcept;
@@ -177,6 +179,25 @@ class indent_t {
   indent_t(const indent_t&) = delete;
   indent_t& operator=(const indent_t&) = delete;
   ~indent_t();
+};
+
+/// While one lives, what its thread logs waits in memory, up to 64 KiB, and then leaves together, which costs a call of
+/// the system and not one for each line: for lines that follow each other closely, with nothing between them that could
+/// fail. One inside another does nothing. Lives on one thread's stack.
+class lines_together_t {
+ public:
+  lines_together_t() noexcept;
+  lines_together_t(const lines_together_t&) = delete;
+  lines_together_t& operator=(const lines_together_t&) = delete;
+  ~lines_together_t();
+
+ private:
+  friend class log_t;
+  /// False for lines of another log than that of the first.
+  bool Take(log_t& log, const std::string& lines);
+
+  log_t* log_ = nullptr;
+  std::string lines_;
 };
 
 /// A stretch of work: its text is written at once and what is logged inside is indented. Left without Success() it

@@ -17,6 +17,9 @@ class log_file_t {
  public:
   /// Writes a finished line, its line end included.
   virtual void Write(std::string_view line) = 0;
+  /// Writes finished lines, each by Write unless the receiver can do it at once. One that cannot be written costs no
+  /// other; the last failure is thrown.
+  virtual void WriteMany(std::string_view lines);
   virtual std::string GetPath() const = 0;
   /// A label.
   virtual std::string GetName() const = 0;

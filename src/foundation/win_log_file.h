@@ -22,6 +22,8 @@ class win_log_file_t : public logging::receiver::log_file_t {
   ~win_log_file_t() override;
 
   void Write(std::string_view line) override;
+  /// All in one call of the system: on a disk that becomes full, what does not fit is lost from a line on.
+  void WriteMany(std::string_view lines) override { Write(lines); }
   std::string GetPath() const override { return path_; }
   std::string GetName() const override;
   std::uint64_t GetSize() const override;

@@ -427,6 +427,7 @@ CFsItemsTab::rec_ptr CFsItemsTab::GetRec(std::uint64_t fid) const {
 }
 
 void CFsItemsTab::LogAdded(const changes_t& changes) {
+  const logging::lines_together_t together;
   for (const SChange& change : changes) {
     if (change.wasFound)
       g_nfs_log.Info("Item [%1] was found. ID: [%2].", change.name, change.fid);
@@ -436,6 +437,7 @@ void CFsItemsTab::LogAdded(const changes_t& changes) {
 }
 
 void CFsItemsTab::LogRemoved(const changes_t& removed) {
+  const logging::lines_together_t together;
   for (const SChange& change : removed) {
     g_nfs_log.Info("    RemItem: [%1]. FID: [%2]. Parent: [%3].", change.name, change.fid, change.parentFid);
   }

@@ -156,6 +156,60 @@ TEST(Log, MirrorGetsEachLineEvenIfTheFileDoesNot) {
   EXPECT_THAT(recorded.Lines(), ElementsAre("Info     one\n", "Info     three\n"));
 }
 
+TEST(Log, LinesTogetherLeaveAtTheEndAndInOrder) {
+  RecordingLog recorded;
+  recorded.handle.Info("before");
+  {
+    const logging::lines_together_t outer;
+    recorded.handle.Info("one");
+    {
+      const logging::lines_together_t inner;
+      recorded.handle.Warning("two\nand a half");
+    }
+    EXPECT_THAT(recorded.Lines(), ElementsAre("Info     before\n"));
+  }
+  recorded.handle.Info("after");
+  EXPECT_THAT(recorded.Lines(), ElementsAre("Info     before\n", "Info     one\n", "Warning  two\n",
+                                            "Warning  and a half\n", "Info     after\n"));
+}
+
+TEST(Log, LinesTogetherAreOfOneLogAndOneThread) {
+  RecordingLog recorded;
+  RecordingLog other;
+  const logging::lines_together_t together;
+  recorded.handle.Info("waits");
+  other.handle.Info("at once");
+  std::thread([&] { recorded.handle.Info("another's"); }).join();
+  EXPECT_THAT(other.Lines(), ElementsAre("Info     at once\n"));
+  EXPECT_THAT(recorded.Lines(), ElementsAre("Info     another's\n"));
+}
+
+TEST(Log, LinesTogetherDoNotWaitWithoutEnd) {
+  RecordingLog recorded;
+  const logging::lines_together_t together;
+  const std::string text(1000, 'x');
+  for (int i = 0; i < 66; ++i)
+    recorded.handle.Info(text);
+  EXPECT_THAT(recorded.Lines(), testing::SizeIs(65));
+}
+
+TEST(Log, ALineThatFailsCostsNoneOfThoseBesideIt) {
+  class CPickyReceiver : public test::RecordingReceiver {
+   public:
+    void Write(std::string_view line) override {
+      if (line.find("bad") != std::string_view::npos)
+        throw exc::runtime_exc_t(std::string("refused"));
+      RecordingReceiver::Write(line);
+    }
+  };
+  RecordingLog recorded;
+  const auto picky = boost::make_shared<CPickyReceiver>();
+  recorded.log.SetMirror(picky);
+  recorded.handle.Info("one\nbad\nthree");
+  EXPECT_THAT(picky->Lines(), ElementsAre("Info     one\n", "Info     three\n"));
+  EXPECT_THAT(recorded.Lines(), testing::SizeIs(3));
+}
+
 class MarkingFilter : public logging::text_filter_t {
  public:
   std::string Apply(std::string_view text) override { return "<" + std::string(text) + ">"; }
