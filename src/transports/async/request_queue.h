@@ -44,7 +44,7 @@ class CRequestQueue : private synch::ILentWork {
   static constexpr std::size_t MaxHeld = 16;
   static constexpr std::size_t FewHeld = 6;
   static constexpr std::size_t MaxHeldBytes = 64U << 10;
-  static constexpr std::chrono::microseconds MaxHeldTime{100};
+  static constexpr std::chrono::microseconds MaxHeldTime{400};
   /// The completion thread is lent for so many requests at a time.
   static constexpr std::size_t MostLent = 16;
   /// Foresight is told of so many requests at a time, unless there are fewer than it is worth its while.
