@@ -97,8 +97,7 @@ void CRemoteFsMounter::Resume(const mounts_cfg_t& mountsCfg) {
       const auto connector = MakeConnector(cfg);
       LogMount(uid, *cfg);
       connector->ConnectNoThrow();
-      Publish(uid, connector, {});
-      PutMount(uid, {cfg, connector});
+      Publish(uid, {cfg, connector}, {});
     }
   } catch (const std::exception&) {
     for (const auto& [uid, mount] : mounts_)
@@ -116,8 +115,7 @@ void CRemoteFsMounter::Mount(const GUID& mountUid, const boost::shared_ptr<CBack
   LogMount(mountUid, *cfg);
   const auto connector = MakeConnector(cfg);
   connector->Connect();
-  Publish(mountUid, connector, FindMount(mountUid));
-  PutMount(mountUid, {cfg, connector});
+  Publish(mountUid, {cfg, connector}, FindMount(mountUid));
   if (store)
     store();
 }
@@ -129,21 +127,31 @@ std::uint64_t CRemoteFsMounter::FindMountFolder(const CBackupMountCfg& cfg) {
   return fid;
 }
 
-void CRemoteFsMounter::Publish(const GUID& mountUid, const boost::shared_ptr<CRemoteFsConnector>& connector,
-                               const mount_t& replaced) {
-  const CBackupMountCfg& cfg = *connector->GetConfig();
+void CRemoteFsMounter::Publish(const GUID& mountUid, const mount_t& mount, const mount_t& replaced) {
+  const CBackupMountCfg& cfg = *mount.first;
   try {
     const std::uint64_t fid = FindMountFolder(cfg);
-    if (replaced.second) {
-      // What came through the connector before would wait for it for ever.
-      Withdraw(mountUid, replaced);
-    }
-    itemsTab_->MountMirroredFolder(fid, mountUid, boost::make_shared<CRemoteFsFolder>(connector, "", mountUid));
+    // All that may be refused comes before anything of the replaced one goes.
+    itemsTab_->MountMirroredFolder(fid, mountUid, boost::make_shared<CRemoteFsFolder>(mount.second, "", mountUid));
+    PutMount(mountUid, mount);
+    if (replaced.second)
+      Retire(mountUid, replaced, fid);
   } catch (const std::exception& failure) {
     exc::ChainAndThrow(
         "Failed to publish backup items. VM: [%1]. Comment: [%2]. NFS mount point: [%3]. Mount ID: [%4].", failure,
         cfg.vmName, cfg.description, cfg.mountPoint, platform::GuidToText(mountUid));
   }
+}
+
+void CRemoteFsMounter::Retire(const GUID& mountUid, const mount_t& replaced, std::uint64_t folderFid) {
+  try {
+    // What came through the connector before would wait for it for ever.
+    RemoveItems(mountUid, *replaced.first, folderFid);
+  } catch (...) {
+    replaced.second->Stop();
+    throw;
+  }
+  replaced.second->Stop();
 }
 
 void CRemoteFsMounter::Dismount(const GUID& mountUid, const store_t& store) {
@@ -158,7 +166,7 @@ void CRemoteFsMounter::Dismount(const GUID& mountUid, const store_t& store) {
 }
 
 void CRemoteFsMounter::Withdraw(const GUID& mountUid, const mount_t& mount) {
-  RemoveItems(mountUid, *mount.first);
+  RemoveItems(mountUid, *mount.first, InvalidFid);
   {
     const std::lock_guard lock(lock_);
     mounts_.erase(mountUid);
@@ -166,7 +174,7 @@ void CRemoteFsMounter::Withdraw(const GUID& mountUid, const mount_t& mount) {
   mount.second->Stop();
 }
 
-void CRemoteFsMounter::RemoveItems(const GUID& mountUid, const CBackupMountCfg& cfg) {
+void CRemoteFsMounter::RemoveItems(const GUID& mountUid, const CBackupMountCfg& cfg, std::uint64_t keptFid) {
   std::uint64_t rootFid = InvalidFid;
   boost::shared_ptr<CNfsShareCfg> share;
   if (!itemsTab_->GetShareCfg(cfg.nfsFolderID, rootFid, share)) {
@@ -180,7 +188,7 @@ void CRemoteFsMounter::RemoveItems(const GUID& mountUid, const CBackupMountCfg& 
     const std::uint64_t folder = folders.back();
     folders.pop_back();
     // The folder's own backing first: without it nothing of the mount can come in any more.
-    if (itemsTab_->GetItemForMount(folder, mountUid))
+    if (folder != keptFid && itemsTab_->GetItemForMount(folder, mountUid))
       RemoveIfThere([&] { itemsTab_->RemoveItemForMount(folder, mountUid); });
     itemsTab_->ListChildren(folder, children);
     for (const SNfsChild& child : children) {

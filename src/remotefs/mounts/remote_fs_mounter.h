@@ -40,9 +40,9 @@ class CRemoteFsMounter {
   /// Ends the calls of all mounts; their items stay in the table and fail from here on.
   ~CRemoteFsMounter();
 
-  /// Publishes a mount, in the place of one with the same identity. A failure to reach the agent or to find the folder
-  /// changes nothing. store: called once the mount stands, before another change of it begins; what it throws passes
-  /// through, and the mount stays.
+  /// Publishes a mount, in the place of one with the same identity. A failure to reach the agent, to find the folder or
+  /// to store its backing changes nothing. store: called once the mount stands, before another change of it begins;
+  /// what it throws passes through, and the mount stays.
   void Mount(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg, const store_t& store = {});
   /// Withdraws a mount and its items. An unknown one is no fault. store: as with Mount, also for an unknown one.
   void Dismount(const GUID& mountUid, const store_t& store = {});
@@ -66,13 +66,17 @@ class CRemoteFsMounter {
   boost::shared_ptr<CRemoteFsConnector> MakeConnector(const boost::shared_ptr<CBackupMountCfg>& cfg) const;
   /// Where the mount is to be seen; throws when there is no such folder.
   std::uint64_t FindMountFolder(const CBackupMountCfg& cfg);
-  /// replaced: what the mount showed before and shows no more; empty when it is new.
-  void Publish(const GUID& mountUid, const boost::shared_ptr<CRemoteFsConnector>& connector, const mount_t& replaced);
+  /// replaced: what the mount showed before and shows no more; empty when it is new. A failure to show the new one
+  /// leaves that as it is.
+  void Publish(const GUID& mountUid, const mount_t& mount, const mount_t& replaced);
+  /// folderFid: where the mount is from now on.
+  void Retire(const GUID& mountUid, const mount_t& replaced, std::uint64_t folderFid);
   mount_t FindMount(const GUID& mountUid) const;
   void PutMount(const GUID& mountUid, const mount_t& mount);
   std::uint64_t FindRootFid(const GUID& mountUid) const;
   void Withdraw(const GUID& mountUid, const mount_t& mount);
-  void RemoveItems(const GUID& mountUid, const CBackupMountCfg& cfg);
+  /// keptFid: a folder that stays the mount's, without what the mount has in it; InvalidFid for none.
+  void RemoveItems(const GUID& mountUid, const CBackupMountCfg& cfg, std::uint64_t keptFid);
   bool ReconnectItem(std::uint64_t fid, const GUID& mountUid);
   void LogReconnected(std::string_view pattern, std::uint64_t fid) const;
   void GetMounts(bool connected, connectors_t& mounts) const;

@@ -49,6 +49,7 @@ class CFaultySink : public CRegConfigUpdateSink {
   void OnItemMoved(std::uint64_t, std::uint64_t, const std::string&) override { CheckBroken(); }
 
   std::atomic<bool> isBroken{false};
+  std::atomic<int> writesUntilBroken{0};  ///< Above 0: so many writes succeed, and then it is broken.
 
  protected:
   void BeginBatch() override {}
@@ -56,7 +57,11 @@ class CFaultySink : public CRegConfigUpdateSink {
   void RollbackBatch() noexcept override {}
 
  private:
-  void CheckBroken() const {
+  void CheckBroken() {
+    if (writesUntilBroken > 0) {
+      isBroken = --writesUntilBroken == 0;
+      return;
+    }
     if (isBroken)
       throw exc::win_sys_exc_t("The registry is broken.", platform::error::DiskFull);
   }

@@ -247,6 +247,79 @@ TEST_F(MounterTest, AReplacementThatFailsLeavesTheMountAsItIs) {
   EXPECT_THAT(Connections(), ElementsAre("machine"));
 }
 
+TEST_F(MounterTest, AReplacementThatCannotBeStoredLeavesTheMountAsItIs) {
+  std::filesystem::create_directories(host / "other");
+  agent->SetFile("disk", WireBytes("first"));
+  mounter->Mount(mountUid, cfg);
+  const std::uint64_t fid = MountFolder();
+  const std::uint64_t disk = Find(fid, "disk");
+  FakeMountAgent second("vm2");
+  second.SetFile("disk", WireBytes("second"));
+  mounter->Mount(MountUid(8), Cfg("vm2", "other"));
+  mounter->Dismount(MountUid(8));
+  for (const char* mountPoint : {"backup", "other"}) {
+    sink->isBroken = true;
+    EXPECT_THAT(FailureOf([&] { mounter->Mount(mountUid, Cfg("vm2", mountPoint, "renamed")); }),
+                HasSubstr("The registry is broken."))
+        << mountPoint;
+    sink->isBroken = false;
+    EXPECT_EQ(Find(fid, "disk"), disk) << mountPoint;
+    EXPECT_EQ(Read(disk), "first") << mountPoint;
+    EXPECT_THAT(Connections(), ElementsAre("machine")) << mountPoint;
+    EXPECT_THAT(MirrorPaths(fid), ElementsAre("host", UidText7)) << mountPoint;
+  }
+  mounter->Mount(mountUid, Cfg("vm2", "backup", "renamed"));
+  EXPECT_EQ(Read(Find(fid, "disk")), "second");
+  EXPECT_THAT(Connections(), ElementsAre("renamed"));
+}
+
+/// Wherever the registry gives out, one of the two is there, whole.
+TEST_F(MounterTest, AReplacementThatFailsLateLeavesAMount) {
+  std::filesystem::create_directories(host / "other");
+  agent->SetFile("disk", WireBytes("first"));
+  FakeMountAgent second("vm2");
+  second.SetFile("disk", WireBytes("second"));
+  for (int writes = 1; writes < 6; ++writes) {
+    for (const char* mountPoint : {"backup", "other"}) {
+      SCOPED_TRACE(std::string(mountPoint) + ' ' + std::to_string(writes));
+      mounter->Mount(mountUid, cfg);
+      Find(MountFolder(), "disk");
+      sink->writesUntilBroken = writes;
+      std::string failure;
+      try {
+        mounter->Mount(mountUid, Cfg("vm2", mountPoint, "renamed"));
+      } catch (const std::exception& thrown) {
+        failure = thrown.what();
+      }
+      sink->writesUntilBroken = 0;
+      sink->isBroken = false;
+      const bool isNew = Connections() == std::vector<std::string>{"renamed"};
+      EXPECT_EQ(Read(Find(mounter->ResolveMountRootFid(mountUid), "disk")), isNew ? "second" : "first") << failure;
+      EXPECT_EQ(Connections().size(), 1U) << failure;
+      mounter->Dismount(mountUid);
+      mounter->Mount(mountUid, cfg);
+      mounter->Dismount(mountUid);
+    }
+  }
+}
+
+TEST_F(MounterTest, AReplacementInItsOwnFolderShowsTheNewBackupAlone) {
+  agent->SetFile("disk", WireBytes("first"));
+  agent->SetFile("old", WireBytes("old"));
+  mounter->Mount(mountUid, cfg);
+  const std::uint64_t fid = MountFolder();
+  const std::uint64_t old = Find(fid, "old");
+  const std::uint64_t disk = Find(fid, "disk");
+  FakeMountAgent second("vm2");
+  second.SetFile("disk", WireBytes("second"));
+  mounter->Mount(mountUid, Cfg("vm2", "backup", "renamed"));
+  EXPECT_FALSE(tab->GetItem(old));
+  EXPECT_FALSE(tab->GetItem(disk));
+  EXPECT_EQ(MirrorPaths(fid).size(), 2U);
+  EXPECT_EQ(Find(fid, "old"), InvalidFid);
+  EXPECT_EQ(Read(Find(fid, "disk")), "second");
+}
+
 TEST_F(MounterTest, ResumesMountsInTheOrderOfTheirIdentities) {
   FakeMountAgent second("vm2");
   std::filesystem::create_directories(host / "b");
