@@ -51,9 +51,10 @@ std::string MakeKey(std::string_view path) {
 struct SCacheState {
   using records_t = std::map<std::string, record_ptr_t, std::less<>>;
 
-  std::mutex lock;  // Guards the records and all but the key of each, and isClosed.
+  std::mutex lock;  // Guards all down to isClosed, and all but the key of each record.
   records_t records;
-  std::size_t linkedRecords = 0;  // Those whose paths pass a link.
+  std::multimap<platform::file_id_t, records_t::iterator> byFile;  // Each of the records once.
+  std::size_t linkedRecords = 0;                                   // Those whose paths pass a link.
   bool isClosed = false;
 
   std::mutex stopLock;  // Guards the rest.
@@ -66,9 +67,22 @@ struct SCacheState {
   std::chrono::milliseconds purgePeriod{};  // Constant.
   std::chrono::milliseconds stopLimit{};
 
+  void Add(const record_ptr_t& record) {
+    const records_t::iterator added = records.emplace(record->key, record).first;
+    try {
+      byFile.emplace(record->file->Id(), added);
+    } catch (...) {
+      records.erase(added);
+      throw;
+    }
+    linkedRecords += record->passesLink ? 1 : 0;
+  }
+
   records_t::iterator Drop(records_t::iterator record, dropped_t& dropped) {
     dropped.push_back(record->second);
     record->second->file->ReleaseShare();
+    const auto [first, last] = byFile.equal_range(record->second->file->Id());
+    byFile.erase(std::find_if(first, last, [&record](const auto& other) { return other.second == record; }));
     linkedRecords -= record->second->passesLink ? 1 : 0;
     return records.erase(record);
   }
@@ -77,6 +91,18 @@ struct SCacheState {
   void DropIf(const Predicate& isUnwanted, dropped_t& dropped) {
     for (auto record = records.begin(); record != records.end();) {
       record = isUnwanted(*record->second) ? Drop(record, dropped) : std::next(record);
+    }
+  }
+
+  void DropPath(const std::string& path, dropped_t& dropped) {
+    if (const auto found = records.find(MakeKey(path)); found != records.end()) {
+      Drop(found, dropped);
+    }
+  }
+
+  void DropFile(const platform::file_id_t& id, dropped_t& dropped) {
+    for (auto found = byFile.find(id); found != byFile.end(); found = byFile.find(id)) {
+      Drop(found->second, dropped);
     }
   }
 };
@@ -164,9 +190,7 @@ platform::error_t OpenWithoutRecords(const platform::location_t& where, platform
   const boost::shared_ptr<SCacheState> state = State();
   dropped_t dropped;
   const CCacheLock lock(*state);
-  if (const auto found = state->records.find(MakeKey(where.Path())); found != state->records.end()) {
-    state->Drop(found, dropped);
-  }
+  state->DropPath(where.Path(), dropped);
   for (;;) {
     const platform::error_t failure = files.Open(where, request, file);
     platform::file_info_t info;
@@ -174,8 +198,7 @@ platform::error_t OpenWithoutRecords(const platform::location_t& where, platform
       return failure;
     }
     const std::size_t before = dropped.size();
-    state->DropIf([&info](const CHostFsFileHandleCacheRecord& record) { return record.file->Id() == info.id; },
-                  dropped);
+    state->DropFile(info.id, dropped);
     if (dropped.size() == before) {
       return failure;
     }
@@ -306,8 +329,7 @@ platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where,
     record->isForReadingAlone = isForReadingAlone;
     record->passesLink = files.PassesLink(where);
     record->lastUse = platform::Clock().MonotonicMilliseconds();
-    state->records.emplace(key, record);
-    state->linkedRecords += record->passesLink ? 1 : 0;
+    state->Add(record);
   }
   g_nfs_log.Info("[HostFsFileCache] Add record '%1'", key);
   return platform::error::Success;
@@ -336,9 +358,7 @@ void HostFsFileCache::Remove(const std::string& path) {
   const boost::shared_ptr<SCacheState> state = State();
   dropped_t dropped;
   const CCacheLock lock(*state);
-  if (const auto found = state->records.find(MakeKey(path)); found != state->records.end()) {
-    state->Drop(found, dropped);
-  }
+  state->DropPath(path, dropped);
 }
 
 void HostFsFileCache::RemoveSubtree(const std::string& path) {
@@ -357,12 +377,21 @@ void HostFsFileCache::RemoveSubtree(const std::string& path) {
       dropped);
 }
 
-void HostFsFileCache::RemoveLinked() {
+void HostFsFileCache::RemoveEntry(const std::string& path, const platform::file_id_t& id) {
   const boost::shared_ptr<SCacheState> state = State();
   dropped_t dropped;
   const CCacheLock lock(*state);
+  state->DropPath(path, dropped);
+  state->DropFile(id, dropped);
   if (state->linkedRecords != 0)
     state->DropIf([](const CHostFsFileHandleCacheRecord& record) { return record.passesLink; }, dropped);
+}
+
+void HostFsFileCache::RemoveAll() {
+  const boost::shared_ptr<SCacheState> state = State();
+  dropped_t dropped;
+  const CCacheLock lock(*state);
+  state->DropIf([](const CHostFsFileHandleCacheRecord&) { return true; }, dropped);
 }
 
 platform::error_t HostFsFileCache::CreateOver(const platform::location_t& where, platform::files_t& files) {

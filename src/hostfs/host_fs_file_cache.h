@@ -35,9 +35,13 @@ class HostFsFileCache {
   static void Remove(const std::string& path);
   /// Drops every record below a folder; A to Z are equal to a to z.
   static void RemoveSubtree(const std::string& path);
-  /// Drops every record whose path passes a link. To be called where an entry is renamed or deleted: the path may lead
-  /// to another file from then on, whatever is called so.
-  static void RemoveLinked();
+  /// Drops what may mean another file once an entry is renamed or deleted: the record of its path, all others of the
+  /// file that it is, since a link gives a folder a second path, and every record whose path passes a link. A file that
+  /// has a further name stays, and is opened again by it.
+  static void RemoveEntry(const std::string& path, const platform::file_id_t& id);
+  /// Drops every record. For a folder that is renamed or deleted by one of several paths: what is open below it may be
+  /// so under another one.
+  static void RemoveAll();
 
   /// Makes the file at the location, or empties the one that is there, with no record of that file in the way: neither
   /// under this path nor under another spelling or link. Other files are served while it is emptied, which can take

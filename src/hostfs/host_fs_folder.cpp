@@ -76,25 +76,44 @@ void KeepUsableNames(const std::string& folder, std::vector<std::string>& names)
   }
 }
 
-/// Closes what is open of the entry, and below it when it is a folder.
-void DropHandles(const platform::location_t& where, bool isFolder) {
-  HostFsFileCache::Remove(where.Path());
-  if (isFolder) {
-    HostFsFileCache::RemoveSubtree(where.Path());
+/// What is open of an entry that is renamed or deleted.
+enum class handles_t {
+  Own,    ///< Of the entry itself.
+  Below,  ///< And of what lies below it.
+  Any,    ///< Under whatever path: that of the entry is not the only one that leads to what lies below it.
+};
+
+/// To be asked while the entry is there.
+handles_t HandlesOf(const platform::location_t& where, bool isFolder, platform::files_t& files) {
+  if (!isFolder) {
+    return handles_t::Own;
   }
-  HostFsFileCache::RemoveLinked();
+  return files.PassesLink(where) ? handles_t::Any : handles_t::Below;
 }
 
-platform::error_t DeleteFound(const platform::location_t& where, bool isFolder, platform::files_t& files) {
+void DropHandles(const platform::location_t& where, const platform::file_id_t& id, handles_t handles) {
+  if (handles == handles_t::Any) {
+    HostFsFileCache::RemoveAll();
+    return;
+  }
+  HostFsFileCache::RemoveEntry(where.Path(), id);
+  if (handles == handles_t::Below) {
+    HostFsFileCache::RemoveSubtree(where.Path());
+  }
+}
+
+platform::error_t DeleteFound(const platform::location_t& where, const platform::file_id_t& id, bool isFolder,
+                              platform::files_t& files) {
+  const handles_t handles = HandlesOf(where, isFolder, files);
   // Dropped once more afterwards: a call under way may have opened the entry again before it went.
-  DropHandles(where, isFolder);
+  DropHandles(where, id, handles);
   platform::error_t failure = error::Success;
   if (isFolder) {
     DeleteHostFolderTree(where, files);
   } else {
     failure = files.DeleteFile(where);
   }
-  DropHandles(where, isFolder);
+  DropHandles(where, id, handles);
   return failure;
 }
 
@@ -363,7 +382,8 @@ void CHostFsFolder::DeleteChild(const std::string& name) {
     }
     // Who still has an item of it, moved elsewhere as it may be, must not find there what comes next.
     CTakenChild taken(*node_, info.name);
-    const platform::error_t deleted = DeleteFound(where->Child(info.name), info.attributes.IsDirectory(), files);
+    const platform::error_t deleted =
+        DeleteFound(where->Child(info.name), info.id, info.attributes.IsDirectory(), files);
     if (deleted == error::Success)
       taken.IsGone();
     return deleted;
@@ -390,11 +410,12 @@ void CHostFsFolder::RenameChild(const std::string& oldName, const std::string& n
     const std::string replaced = isTaken && target.name != source.name ? target.name : std::string();
     const platform::location_t from = where->Child(source.name);
     const platform::location_t to = where->Child(newName);
+    const handles_t handles = HandlesOf(from, isFolder, files);
     const auto dropAll = [&] {
-      DropHandles(from, isFolder);
-      DropHandles(to, isFolder);
+      DropHandles(from, source.id, handles);
+      DropHandles(to, target.id, handles);
       if (!replaced.empty()) {
-        DropHandles(where->Child(replaced), isFolder);
+        DropHandles(where->Child(replaced), target.id, handles);
       }
     };
     dropAll();
@@ -432,6 +453,7 @@ platform::disk_space_t CHostFsFolder::GetDiskSpace() const {
 void CHostFsFolder::DeleteRecursively() {
   const location_ptr_t where = node_->Location();
   if (where) {
-    DeleteFound(*where, true, node_->Files());
+    // A folder is no file that could be open.
+    DeleteFound(*where, {}, true, node_->Files());
   }
 }

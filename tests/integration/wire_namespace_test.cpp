@@ -217,6 +217,37 @@ TEST_P(NamespaceTest, RemovingWhatIsNotThereSucceeds) {
   EXPECT_EQ(Client().Remove(root_, ""), Invalid);
 }
 
+TEST_P(NamespaceTest, WhatIsRemovedThroughALinkToItsFolderAndMadeAnewIsMetUnderItsOwnPath) {
+  fs::create_directory(HostPath("own"));
+  fs::create_directory_symlink("own", HostPath("link"));
+  WriteFile(HostPath("own/disk"), "first");
+  const bytes_t disk = HandleOf("disk", HandleOf("own"));
+  const bytes_t link = HandleOf("link");
+  ASSERT_EQ(Client().Write(disk, 0, "FIRST"), Ok);
+  ASSERT_EQ(Client().Remove(link, "disk"), Ok);
+  EXPECT_EQ(Client().Read(disk, 0, 100).status, NoEntry);
+  EXPECT_EQ(Client().Write(disk, 0, "lost"), NoEntry);
+  ASSERT_EQ(Client().Create(link, "disk"), Ok);
+  EXPECT_EQ(Client().Read(disk, 0, 100).data, "");
+  EXPECT_EQ(Client().Write(disk, 0, "second"), Ok);
+  EXPECT_EQ(ReadFile(HostPath("own/disk")), "second");
+  EXPECT_EQ(Client().Read(disk, 0, 100).data, "second");
+}
+
+TEST_P(NamespaceTest, WhatIsReplacedThroughALinkToItsFolderIsMetUnderItsOwnPath) {
+  fs::create_directory(HostPath("own"));
+  fs::create_directory_symlink("own", HostPath("link"));
+  WriteFile(HostPath("own/disk"), "first");
+  WriteFile(HostPath("own/next"), "second");
+  const bytes_t disk = HandleOf("disk", HandleOf("own"));
+  const bytes_t link = HandleOf("link");
+  ASSERT_EQ(Client().Read(disk, 0, 100).data, "first");
+  ASSERT_EQ(Client().Rename(link, "next", link, "disk"), Ok);
+  EXPECT_EQ(Client().Read(disk, 0, 100).data, "second");
+  EXPECT_EQ(Client().Write(disk, 0, "SECOND"), Ok);
+  EXPECT_EQ(ReadFile(HostPath("own/disk")), "SECOND");
+}
+
 TEST_P(NamespaceTest, RmdirDeletesAFolderWithAllBelow) {
   fs::create_directories(HostPath("tree/branch"));
   WriteFile(HostPath("tree/branch/leaf"), "x");

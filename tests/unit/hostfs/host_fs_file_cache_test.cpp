@@ -66,6 +66,29 @@ TEST_F(HostFsCache, SubtreeGoesByWholeComponentsAndNotByCase) {
   EXPECT_EQ(HostFsFileCache::RecordCount(), 0U);
 }
 
+TEST_F(HostFsCache, AnEntryGoesByItsPathAndByTheFileThatItIs) {
+  for (const char* name : {"file", "other", "third"}) {
+    Put(name, name);
+  }
+  fs::create_hard_link(Path("file"), Path("second"));
+  // Read alone, so that both names can be open.
+  fs::permissions(Path("file"), fs::perms::owner_read);
+  const auto id = HostFsFileCache::GetFile(Path("file"))->Id();
+  EXPECT_EQ(HostFsFileCache::GetFile(Path("second"))->Id(), id);
+  HostFsFileCache::GetFile(Path("other"));
+  HostFsFileCache::GetFile(Path("third"));
+  EXPECT_EQ(HostFsFileCache::RecordCount(), 4U);
+  HostFsFileCache::RemoveEntry(Path("nothing"), {});
+  EXPECT_EQ(HostFsFileCache::RecordCount(), 4U);
+  const test::CapturedLog log;
+  HostFsFileCache::RemoveEntry(Path("other"), id);
+  EXPECT_EQ(HostFsFileCache::RecordCount(), 1U);
+  EXPECT_FALSE(log.Has(Del(Path("third"))));
+  HostFsFileCache::GetFile(Path("second"));
+  HostFsFileCache::RemoveAll();
+  EXPECT_EQ(HostFsFileCache::RecordCount(), 0U);
+}
+
 TEST_F(HostFsCache, IdleLimitIsThreeMinutes) {
   Put("a", "");
   Put("b", "");
@@ -135,6 +158,8 @@ TEST_F(HostFsCache, NothingWorksOutsideItsSpan) {
   EXPECT_EQ(TextOf([&] { HostFsFileCache::GetFile(Path("file")); }), text);
   EXPECT_EQ(TextOf([&] { HostFsFileCache::Remove(Path("file")); }), text);
   EXPECT_EQ(TextOf([&] { HostFsFileCache::RemoveSubtree(Path("file")); }), text);
+  EXPECT_EQ(TextOf([&] { HostFsFileCache::RemoveEntry(Path("file"), {}); }), text);
+  EXPECT_EQ(TextOf([&] { HostFsFileCache::RemoveAll(); }), text);
   EXPECT_EQ(TextOf([&] { Read(*item); }), text);
   HostFsFileCache::Deinit();
   HostFsFileCache::Init();
