@@ -205,10 +205,7 @@ boost::shared_ptr<const platform::location_t> CHostFsNode::LocationAfterRenames(
 bool CHostFsNode::IsSettledAt(const platform::location_t& location) const {
   const std::lock_guard lock(tree_->lock);
   const boost::shared_ptr<const platform::location_t> present = LocationLocked();
-  if (!present) {
-    return IsGoingLocked();
-  }
-  if (present.get() != &location && present->Path() != location.Path()) {
+  if (!present || (present.get() != &location && present->Path() != location.Path())) {
     return false;
   }
   if (tree_->rename.folder == nullptr) {

@@ -132,8 +132,8 @@ class CHostFsNode {
   boost::shared_ptr<const platform::location_t> LocationOr(platform::error_t& absence) const;
   boost::shared_ptr<const platform::location_t> LocationLocked() const;
   boost::shared_ptr<const platform::location_t> LocationAfterRenames() const;
-  /// Whether it is there, and neither it nor a folder around it is just being renamed or replaced; also while it or
-  /// a folder around it is being deleted: what another client makes there before that is told to be over may be met.
+  /// Whether it is there, and neither it nor a folder around it is just being renamed, replaced or deleted: before a
+  /// deletion is told to be over, another client may have made something there.
   bool IsSettledAt(const platform::location_t& location) const;
 
   CHostFsTree* const tree_;  // Owned by the root, which all others hold by their parents.

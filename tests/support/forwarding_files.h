@@ -88,6 +88,7 @@ struct Faults {
   std::function<Number(const platform::location_t&, const platform::file_request_t&)> onOpen;
   std::function<Number(const platform::location_t&)> onSetReadOnly;
   std::function<Number(const platform::location_t&)> onDeleteFile;
+  std::function<void(const platform::location_t&)> afterDeleteFile;  ///< That went well.
   std::function<Number(const platform::location_t&)> onRemoveFolder;
   std::function<Number(const platform::location_t&)> onList;
   std::function<Number(const platform::location_t&)> beforeRename;
@@ -173,8 +174,14 @@ class FaultyFiles : public ForwardingFiles {
     return failure != 0 ? failure : ForwardingFiles::SetReadOnly(where, readOnly);
   }
   platform::error_t DeleteFile(const platform::location_t& where) override {
-    const platform::error_t failure = Ask(faults.onDeleteFile, where);
-    return failure != 0 ? failure : ForwardingFiles::DeleteFile(where);
+    platform::error_t failure = Ask(faults.onDeleteFile, where);
+    if (failure == 0) {
+      failure = ForwardingFiles::DeleteFile(where);
+    }
+    if (failure == 0 && faults.afterDeleteFile) {
+      faults.afterDeleteFile(where);
+    }
+    return failure;
   }
   platform::error_t RemoveFolder(const platform::location_t& where) override {
     const platform::error_t failure = Ask(faults.onRemoveFolder, where);

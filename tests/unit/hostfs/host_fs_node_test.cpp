@@ -93,15 +93,21 @@ TEST_F(HostFsNodeTest, ACallFindsNothingWhereItsNodeWasReplacedOrDeletedMeanwhil
   EXPECT_EQ(PathsTried(*deleted, remove, platform::error::FileNotFound), paths_t{"/nowhere/deleted"});
 }
 
-TEST_F(HostFsNodeTest, ACallIsSettledWhileItsNodeIsBeingDeleted) {
+TEST_F(HostFsNodeTest, ACallIsNotSettledWhileItsNodeIsBeingDeleted) {
   const CHostFsNodePtr folder = root_->Child("folder");
   const CHostFsNodePtr file = folder->Child("file");
   const auto remove = [&] { EXPECT_EQ(root_->TakeChild("folder"), folder); };
-  EXPECT_EQ(PathsTried(*file, remove, platform::error::Success), paths_t{"/nowhere/folder/file"});
+  // It may have met what another client made there, or what is going; and the deletion may yet fail.
+  EXPECT_EQ(PathsTried(*file, remove, platform::error::BeingDeleted), paths_t{"/nowhere/folder/file"});
   root_->PutBack(folder);
   EXPECT_EQ(PathsTried(
                 *file, [] {}, platform::error::Success),
             paths_t{"/nowhere/folder/file"});
+  const auto removeInVain = [&] {
+    remove();
+    root_->PutBack(folder);
+  };
+  EXPECT_EQ(PathsTried(*file, removeInVain, platform::error::Success), paths_t{"/nowhere/folder/file"});
   const auto removeForGood = [&] {
     remove();
     root_->ChildIsGone(*folder);

@@ -1,4 +1,6 @@
 // What renames do to the entries, and to the items that stand for them.
+#include <sys/stat.h>
+
 #include <future>
 #include <thread>
 #include <utility>
@@ -157,6 +159,62 @@ TEST_F(HostFsRename, ACallUnderWayDoesNotMeetWhatComesAfterADeletion) {
     return 0U;
   };
   EXPECT_EQ(NumberOf([&] { SizeOf(*file); }), error::FileNotFound);
+}
+
+/// Runs a call that has found its place when the file is deleted, and that goes on when another one has been made
+/// there, while the deletion is not over yet. begin: to be called where the call has found its place.
+class HostFsDeletion : public HostFsRename {
+ protected:
+  void Begin() {
+    if (remover_.joinable()) {
+      return;
+    }
+    files.faults.afterDeleteFile = [this](const platform::location_t&) {
+      Put("file", "another");
+      isMade_.set_value();
+      isMet_.get_future().wait();
+    };
+    remover_ = std::thread([this] { root->DeleteChild("file"); });
+    isMade_.get_future().wait();
+  }
+  void End() {
+    isMet_.set_value();
+    remover_.join();
+  }
+
+ private:
+  std::promise<void> isMade_;
+  std::promise<void> isMet_;
+  std::thread remover_;
+};
+
+TEST_F(HostFsDeletion, ACallUnderWayDoesNotTellOfWhatIsMadeBeforeItIsOver) {
+  Put("file", "old");
+  const auto file = File("file");
+  files.faults.onGetInfo = [this](const platform::location_t&) {
+    Begin();
+    return 0U;
+  };
+  EXPECT_EQ(NumberOf([&] { SizeOf(*file); }), error::BeingDeleted);
+  End();
+  EXPECT_EQ(NumberOf([&] { SizeOf(*file); }), error::FileNotFound);
+}
+
+TEST_F(HostFsDeletion, ACallUnderWayDoesNotChangeWhatIsMadeBeforeItIsOver) {
+  Put("file", "old");
+  const auto file = File("file");
+  files.faults.onOpen = [this](const platform::location_t&, const platform::file_request_t&) {
+    Begin();
+    return 0U;
+  };
+  const FILETIME time = platform::FiletimeFromTimespec({1600000000, 0});
+  EXPECT_EQ(NumberOf([&] { file->SetTimes(nullptr, nullptr, &time); }), error::BeingDeleted);
+  End();
+  EXPECT_EQ(NumberOf([&] { file->SetTimes(nullptr, nullptr, &time); }), error::FileNotFound);
+  struct stat status {};
+  ASSERT_EQ(::stat(Path("file").c_str(), &status), 0);
+  EXPECT_NE(status.st_mtim.tv_sec, 1600000000);
+  EXPECT_EQ(Get("file"), "another");
 }
 
 TEST_F(HostFsRename, ALinkLeadsToWhatHasTheNameNow) {
