@@ -373,22 +373,25 @@ void CHostFsFolder::DeleteChild(const std::string& name) {
     return;
   }
   platform::files_t& files = node_->Files();
+  std::optional<CTakenChild> taken;
   const platform::error_t failure = node_->AtLocation([&](const location_ptr_t& where) {
     platform::file_info_t info;
     const platform::location_t child = where->Child(name);
+    taken.reset();  // What was not found where this folder was before is looked for where it is now.
     CheckAccess(child);
     if (const platform::error_t found = files.FindEntry(child, info); found != error::Success) {
       return found;
     }
     // Who still has an item of it, moved elsewhere as it may be, must not find there what comes next.
-    CTakenChild taken(*node_, info.name);
-    const platform::error_t deleted =
-        DeleteFound(where->Child(info.name), info.id, info.attributes.IsDirectory(), files);
-    if (deleted == error::Success)
-      taken.IsGone();
-    return deleted;
+    taken.emplace(*node_, info.name);
+    return DeleteFound(where->Child(info.name), info.id, info.attributes.IsDirectory(), files);
   });
-  if (failure != error::Success && failure != error::FileNotFound && failure != error::PathNotFound) {
+  // Whoever deleted it.
+  const bool isGone = failure == error::Success || failure == error::FileNotFound || failure == error::PathNotFound;
+  if (isGone && taken) {
+    taken->IsGone();
+  }
+  if (!isGone) {
     throw exc::win_sys_exc_t(exc::FormatText("Failed to delete file: [%1].", ChildPath(name)), failure);
   }
 }

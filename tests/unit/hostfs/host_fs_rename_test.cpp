@@ -188,6 +188,57 @@ class HostFsDeletion : public HostFsRename {
   std::thread remover_;
 };
 
+TEST_F(HostFsRename, WhatAnotherClientDeletesFirstIsGoneToo) {
+  Put("file", "old");
+  const auto file = File("file");
+  bool isDeleted = false;
+  files.faults.onDeleteFile = [&](const platform::location_t&) {
+    if (!std::exchange(isDeleted, true)) {
+      root->DeleteChild("file");
+    }
+    return 0U;
+  };
+  root->DeleteChild("file");
+  Put("file", "another");
+  EXPECT_EQ(NumberOf([&] { SizeOf(*file); }), error::FileNotFound);
+  EXPECT_EQ(NumberOf([&] { Write(*file, "lost"); }), error::FileNotFound);
+}
+
+TEST_F(HostFsRename, WhatIsDeletedInAFolderThatIsMovedMeanwhileIsGone) {
+  fs::create_directory(Path("folder"));
+  Put("folder/file", "old");
+  const auto folder = Folder("folder");
+  const auto file = AsFile(folder->OpenChild("file"));
+  bool isMoved = false;
+  files.faults.onDeleteFile = [&](const platform::location_t&) {
+    if (!std::exchange(isMoved, true)) {
+      root->RenameChild("folder", "moved");
+    }
+    return 0U;
+  };
+  folder->DeleteChild("file");
+  EXPECT_FALSE(IsThere("moved/file"));
+  Put("moved/file", "another");
+  EXPECT_EQ(NumberOf([&] { SizeOf(*file); }), error::FileNotFound);
+}
+
+TEST_F(HostFsRename, WhatCannotBeDeletedInAFolderThatIsMovedMeanwhileStays) {
+  fs::create_directory(Path("folder"));
+  Put("folder/file", "old");
+  const auto folder = Folder("folder");
+  const auto file = AsFile(folder->OpenChild("file"));
+  bool isMoved = false;
+  files.faults.onDeleteFile = [&](const platform::location_t&) {
+    if (std::exchange(isMoved, true)) {
+      return error::AccessDenied;
+    }
+    root->RenameChild("folder", "moved");
+    return error::Success;
+  };
+  EXPECT_EQ(NumberOf([&] { folder->DeleteChild("file"); }), error::AccessDenied);
+  EXPECT_EQ(Read(*file), "old");
+}
+
 TEST_F(HostFsDeletion, ACallUnderWayDoesNotTellOfWhatIsMadeBeforeItIsOver) {
   Put("file", "old");
   const auto file = File("file");
