@@ -329,6 +329,9 @@ boost::shared_ptr<IFsItem> CHostFsFolder::CreateFile(const std::string& name, co
     CheckAccess(where->Child(name));
     // Mostly it is not there, and then there is no other spelling to be looked for.
     const platform::error_t created = HostFsFileCache::CreateNew(where->Child(name), files);
+    if (created == error::Success) {
+      node_->ChildIsMade(name);
+    }
     if (created != error::AlreadyExists) {
       spelling = name;
       return created;
@@ -351,6 +354,9 @@ boost::shared_ptr<IFsItem> CHostFsFolder::CreateSubfolder(const std::string& nam
     const platform::location_t target = where->Child(name);
     CheckAccess(target);
     const platform::error_t created = files.CreateFolder(target);
+    if (created == error::Success) {
+      node_->ChildIsMade(name);
+    }
     platform::file_info_t info;
     // What is there already serves, as long as it is a folder.
     if (created != error::AlreadyExists || files.GetInfo(target, info) != error::Success ||

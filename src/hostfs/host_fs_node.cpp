@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/brief_mutex.h"
+#include "platform/text.h"
 
 /// What the nodes of one tree share.
 class CHostFsTree {
@@ -26,6 +27,8 @@ class CHostFsTree {
     std::string_view newName;
     std::string_view replacedName;
   } rename;
+
+  std::vector<CHostFsNode*> going;  // Those between TakeChild and what follows.
 
   /// Notes that the node keeps its location. The one that has kept its own for longest gives it up, since a location
   /// is larger than all else that a node has, and making it again costs little beside the call that asks for it.
@@ -282,10 +285,12 @@ void CHostFsNode::ReplaceLocked() {
 
 CHostFsNodePtr CHostFsNode::TakeChild(const std::string& name) {
   const std::lock_guard lock(tree_->lock);
+  tree_->going.reserve(tree_->going.size() + 1);
   CHostFsNodePtr child = TakeLocked(name);
   if (child) {
     child->ReplaceLocked();
     child->isGoing_ = true;
+    tree_->going.push_back(child.get());
     if (child->children_)
       ++tree_->age;  // What is below it has no location either.
   }
@@ -294,16 +299,28 @@ CHostFsNodePtr CHostFsNode::TakeChild(const std::string& name) {
 
 void CHostFsNode::ChildIsGone(CHostFsNode& child) {
   const std::lock_guard lock(tree_->lock);
+  std::erase(tree_->going, &child);
   child.isGoing_ = false;
 }
 
 void CHostFsNode::PutBack(const CHostFsNodePtr& child) {
   CHostFsNodePtr other;  // Declared outside the lock, as in Child.
   const std::lock_guard lock(tree_->lock);
+  std::erase(tree_->going, child.get());
+  if (!child->isGoing_)
+    return;
   child->isReplaced_ = false;
   child->isGoing_ = false;
   child->locationAge_ = 0;
   other = FindLocked(child->name_);
   if (!other)
     PutLocked(child.get());
+}
+
+void CHostFsNode::ChildIsMade(std::string_view name) {
+  const std::lock_guard lock(tree_->lock);
+  for (CHostFsNode* const node : tree_->going) {
+    if (node->parent_.get() == this && platform::EqualIgnoringCase(node->name_, name))
+      node->isGoing_ = false;
+  }
 }

@@ -93,6 +93,9 @@ class CHostFsNode {
   void ChildIsGone(CHostFsNode& child);
   /// The entry could not be deleted. child: what TakeChild gave.
   void PutBack(const CHostFsNodePtr& child);
+  /// To be called when something was made in this folder under a name that nothing had in any case: what was just being
+  /// deleted there is gone, whoever did it, before that is told to be over.
+  void ChildIsMade(std::string_view name);
 
  private:
   friend class CHostFsTree;

@@ -90,6 +90,7 @@ struct Faults {
   std::function<Number(const platform::location_t&)> onDeleteFile;
   std::function<void(const platform::location_t&)> afterDeleteFile;  ///< That went well.
   std::function<Number(const platform::location_t&)> onRemoveFolder;
+  std::function<void(const platform::location_t&)> afterRemoveFolder;  ///< That went well.
   std::function<Number(const platform::location_t&)> onList;
   std::function<Number(const platform::location_t&)> beforeRename;
   std::function<Number(std::uint64_t offset, std::size_t length)> onRead;
@@ -184,8 +185,14 @@ class FaultyFiles : public ForwardingFiles {
     return failure;
   }
   platform::error_t RemoveFolder(const platform::location_t& where) override {
-    const platform::error_t failure = Ask(faults.onRemoveFolder, where);
-    return failure != 0 ? failure : ForwardingFiles::RemoveFolder(where);
+    platform::error_t failure = Ask(faults.onRemoveFolder, where);
+    if (failure == 0) {
+      failure = ForwardingFiles::RemoveFolder(where);
+    }
+    if (failure == 0 && faults.afterRemoveFolder) {
+      faults.afterRemoveFolder(where);
+    }
+    return failure;
   }
   platform::error_t Rename(const platform::location_t& from, const platform::location_t& to) override {
     const platform::error_t failure = Ask(faults.beforeRename, from);

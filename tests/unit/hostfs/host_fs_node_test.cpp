@@ -115,6 +115,39 @@ TEST_F(HostFsNodeTest, ACallIsNotSettledWhileItsNodeIsBeingDeleted) {
   EXPECT_EQ(PathsTried(*file, removeForGood, platform::error::FileNotFound), paths_t{"/nowhere/folder/file"});
 }
 
+TEST_F(HostFsNodeTest, WhatIsBeingDeletedIsGoneOnceAnotherIsMadeUnderItsName) {
+  const CHostFsNodePtr folder = root_->Child("folder");
+  const CHostFsNodePtr file = folder->Child("file");
+  const auto expect = [](const CHostFsNodePtr& node, platform::error_t expected) {
+    EXPECT_EQ(node->AtLocation([](const auto&) { return platform::error::Success; }), expected) << node->Path();
+  };
+  const CHostFsNodePtr around = folder->Child("inner");
+  const CHostFsNodePtr below = around->Child("file");
+  ASSERT_EQ(folder->TakeChild("file"), file);
+  ASSERT_EQ(folder->TakeChild("inner"), around);
+  // Of the same name elsewhere, and of another name.
+  root_->ChildIsMade("file");
+  around->ChildIsMade("file");
+  folder->ChildIsMade("other");
+  expect(file, platform::error::BeingDeleted);
+  folder->ChildIsMade("FILE");
+  expect(file, platform::error::FileNotFound);
+  expect(below, platform::error::BeingDeleted);
+  folder->ChildIsMade("inner");
+  expect(below, platform::error::FileNotFound);
+  const CHostFsNodePtr made = folder->Child("file");
+  EXPECT_NE(made, file);
+  // What could not be deleted under the name then was the new one.
+  folder->PutBack(file);
+  expect(file, platform::error::FileNotFound);
+  folder->ChildIsGone(*around);
+  expect(below, platform::error::FileNotFound);
+  expect(made, platform::error::Success);
+  ASSERT_EQ(folder->TakeChild("file"), made);
+  folder->PutBack(made);
+  expect(made, platform::error::Success);
+}
+
 TEST_F(HostFsNodeTest, WhatIsBeingDeletedIsNotSaidToBeGone) {
   const CHostFsNodePtr folder = root_->Child("folder");
   const CHostFsNodePtr file = folder->Child("file");

@@ -2,6 +2,10 @@
 #include <atomic>
 #include <thread>
 
+#include "hostfs/host_fs_folder.h"
+#include "support/forwarding_files.h"
+#include "vfs/items/completion_events_allocator.h"
+#include "vfs/items/fs_proc_invoker.h"
 #include "virtual_fs_fixture.h"
 
 namespace test {
@@ -114,6 +118,56 @@ TEST_F(InBetween, AFileThatIsMadeWhileItsNameIsRemovedHasAHandleOfItsOwn) {
   EXPECT_FALSE(IsStored(removed));
   EXPECT_EQ(GetAttrs(made).status, NFS3_OK);
   EXPECT_EQ(Find(fake, "x"), made);
+}
+
+/// A base, so that it outlives the files that are open at the end.
+struct SHostFiles {
+  FaultyFiles files;
+};
+
+/// The same on a folder of the host.
+class InBetweenOnHost : protected SHostFiles, public VirtualFsFixture {
+ protected:
+  InBetweenOnHost() {
+    std::filesystem::create_directory(temp.Path() / "host");
+    auto cfg = boost::make_shared<CNfsShareCfg>();
+    cfg->nfsFolderName = "host";
+    const auto allocator = boost::make_shared<CCompletionEventsAllocator>();
+    fs->ItemsTab()->RegisterShare(
+        cfg, platform::NewGuid(),
+        CHostFsFolder::Create(temp / "host", CFsProcInvoker::Create("host", 1, allocator), allocator, {}, true, files),
+        InvalidFid);
+    host = fs->ItemsTab()->GetShareFidByAlias("host");
+  }
+
+  std::uint64_t host = InvalidFid;
+};
+
+TEST_F(InBetweenOnHost, AFileThatIsMadeWhileItsNameIsRemovedHasAHandleOfItsOwn) {
+  const auto removed = MakeFile(host, "disk");
+  ASSERT_EQ(Write(removed, 0, "old"), NFS3_OK);
+  std::uint64_t made = InvalidFid;
+  files.faults.afterDeleteFile = [&](const platform::location_t&) {
+    made = MakeFile(host, "Disk");
+    EXPECT_EQ(Write(made, 0, "new"), NFS3_OK);
+    EXPECT_NE(Write(removed, 0, "lost"), NFS3_OK);
+  };
+  EXPECT_EQ(Remove(host, "disk"), NFS3_OK);
+  EXPECT_NE(made, removed);
+  EXPECT_EQ(GetAttrs(removed).status, NFS3ERR_STALE);
+  EXPECT_EQ(Find(host, "disk"), made);
+  EXPECT_EQ(Read(made), "new");
+}
+
+TEST_F(InBetweenOnHost, AFolderThatIsMadeWhileItsNameIsRemovedHasAHandleOfItsOwn) {
+  const auto removed = MakeFolder(host, "vm");
+  std::uint64_t made = InvalidFid;
+  files.faults.afterRemoveFolder = [&](const platform::location_t&) { made = MakeFolder(host, "vm"); };
+  EXPECT_EQ(RemoveDir(host, "vm"), NFS3_OK);
+  EXPECT_NE(made, removed);
+  EXPECT_EQ(GetAttrs(removed).status, NFS3ERR_STALE);
+  EXPECT_EQ(Find(host, "vm"), made);
+  EXPECT_EQ(GetAttrs(made).status, NFS3_OK);
 }
 
 TEST_F(InBetween, WhatIsMadeCountsForMoreThanAnOlderLook) {
