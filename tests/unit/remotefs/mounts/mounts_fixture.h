@@ -121,8 +121,8 @@ class MountsFixture : public RemoteMountFixture {
     return {buffer.data.begin(), buffer.data.begin() + buffer.length};
   }
   /// What the log was told, but for threads that start whenever they like.
-  static std::vector<std::string> Told(const CapturedLog& log) {
-    std::vector<std::string> lines = log.Texts();
+  static std::vector<std::string> Told(const CapturedLog& log) { return WithoutThreads(log.Texts()); }
+  static std::vector<std::string> WithoutThreads(std::vector<std::string> lines) {
     std::erase_if(lines, [](const std::string& line) {
       return line.starts_with("Invocation thread started") || line.starts_with("Thread started.") ||
              line == "[HostFsFileCache] Purge thread started";

@@ -16,7 +16,7 @@ TEST_F(MounterTest, LogsAMountLineByLine) {
   cfg->allowedHostAddr = "10.0.0.1";
   const CapturedLog log;
   mounter->Mount(mountUid, cfg);
-  auto lines = log.Texts("Info");
+  auto lines = WithoutThreads(log.Texts("Info"));
   lines.resize(std::min<std::size_t>(lines.size(), 9));
   EXPECT_THAT(
       lines, ElementsAre("{", "    Mount ID: [" + UidText7 + "]", "    VM name: [machine].", "    Comment: [of monday]",
