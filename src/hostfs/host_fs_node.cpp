@@ -66,6 +66,11 @@ class CHostFsTree {
   std::size_t next_ = 0;
 };
 
+std::size_t CHostFsNode::SNameHash::operator()(std::string_view name) const {
+  static const std::uint64_t seed = platform::NewHashSeed();
+  return platform::HashIgnoringCase(name, seed);
+}
+
 CHostFsNodePtr CHostFsNode::CreateRoot(const std::string& path, platform::files_t& files) {
   auto tree = std::make_unique<CHostFsTree>(path, files);
   CHostFsNodePtr root(new CHostFsNode(tree.get(), nullptr, std::string()));

@@ -104,7 +104,8 @@ class CHostFsNode {
 
   struct SNameHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>()(name); }
+    // Clients choose names; that they cannot choose such as meet is the work of the process's own seed.
+    std::size_t operator()(std::string_view name) const;
     // Not noexcept, so that hashes are kept: a node is far to fetch.
     std::size_t operator()(const CHostFsNode* node) const { return (*this)(std::string_view(node->name_)); }
   };

@@ -96,6 +96,9 @@ void CRemoteFsConnector::FillPool(std::uint32_t connectTimeoutMs) {
   const std::string fullPipeBaseName = FullPipeBaseName(*config_);
   remotevfs::ServerState(poolSize_, fullPipeBaseName).ResetAgent();
 
+  // All that may fail for want of memory comes before a client counts, and giving one back takes none.
+  auto freeSlots = boost::make_shared<synch::CUnnamedSemaphore>(0, std::numeric_limits<std::int32_t>::max());
+  freeClients_.reserve(poolSize_);
   ++connection_;
   for (std::uint32_t n = 0; n < poolSize_; ++n) {
     const std::string name = remotevfs::PipeName(fullPipeBaseName, n);
@@ -104,14 +107,14 @@ void CRemoteFsConnector::FillPool(std::uint32_t connectTimeoutMs) {
       allClients_.push_back(client);
       freeClients_.push_back(client);
       ++clientCount_;
+      freeSlots->Release();
     } catch (const std::exception& failure) {
       g_nfs_log.Warning("Failed to open pipe [" + name + "]: " + failure.what());
     }
   }
   if (clientCount_ == 0)
     throw exc::runtime_exc_t("Failed to open pipe pool with VFS server");
-  freeSlots_ = boost::make_shared<synch::CUnnamedSemaphore>(static_cast<std::int32_t>(clientCount_),
-                                                            std::numeric_limits<std::int32_t>::max());
+  freeSlots_ = std::move(freeSlots);
 }
 
 void CRemoteFsConnector::DropClients() noexcept {
@@ -141,7 +144,7 @@ CRemoteVfsClientHolder CRemoteFsConnector::GetClient() {
     if (freeSlots != freeSlots_ || freeClients_.empty())
       continue;
     const client_ptr_t client = freeClients_.front();
-    freeClients_.pop_front();
+    freeClients_.erase(freeClients_.begin());
     return {shared_from_this(), client, connection_};
   }
 }

@@ -5,7 +5,6 @@
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -106,7 +105,7 @@ class CRemoteFsConnector : public boost::enable_shared_from_this<CRemoteFsConnec
   boost::shared_ptr<synch::CUnnamedSemaphore> freeSlots_;
   std::uint32_t clientCount_ = 0;
   std::vector<client_ptr_t> allClients_;
-  std::deque<client_ptr_t> freeClients_;
+  std::vector<client_ptr_t> freeClients_;
   std::uint64_t connection_ = 0;  // The number of the last connect.
   bool isStopped_ = false;
 };

@@ -13,9 +13,14 @@ boost::shared_ptr<CNfsFolderDirPlusCache> CNfsListingSlots::Get(const SKey& key)
 
 void CNfsListingSlots::Set(const SKey& key, boost::shared_ptr<CNfsFolderDirPlusCache> snapshot) {
   Reset(key);
-  const auto use = uses_.insert(uses_.end(), key);
-  entryCount_ += snapshot->GetEntries().size();
-  slots_.emplace(key, SSlot{std::move(snapshot), use});
+  const auto slot = slots_.emplace(key, SSlot{std::move(snapshot), uses_.end()}).first;
+  try {
+    slot->second.use = uses_.insert(uses_.end(), key);
+  } catch (...) {
+    slots_.erase(slot);
+    throw;
+  }
+  entryCount_ += slot->second.snapshot->GetEntries().size();
   while (slots_.size() > 1 && (slots_.size() > MaxSnapshots || entryCount_ > MaxEntries)) {
     Erase(slots_.find(uses_.front()));
   }
