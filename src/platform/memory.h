@@ -5,8 +5,10 @@
 
 namespace platform {
 
-/// Has the processor fetch memory that will be read soon, and does not wait for it. Any address will do.
+/// Has the processor fetch memory that will be read soon, and does not wait for it. Null is nothing to fetch.
 inline void Prefetch(const void* begin, std::size_t size) noexcept {
+  if (begin == nullptr)
+    return;
   constexpr std::size_t CacheLine = 64;
   const char* const first = static_cast<const char*>(begin);
   for (std::size_t at = 0; at < size; at += CacheLine)

@@ -138,13 +138,14 @@ TEST_F(NfsProgram, NoPlaceIsTakenFromHalfALookup) {
   }
 }
 
-TEST_F(NfsProgram, ForesightOfAnyCallChangesNothing) {
+TEST_F(NfsProgram, NothingIsForeseenInASmallCatalogue) {
   MakeFile("a.txt", "hello");
   const nfs_fh3 before = Lookup("a.txt").object;
   const test::bytes_t bytes = CallBytes(3, test::BytesOf(LOOKUP3args{{Root(), "a.txt"}}));
   io::byte_buffer_t record(bytes.begin(), bytes.end());
-  io::byte_buffer_t* const records[] = {&record, &record};
-  ForeseeNfsCalls(records, *fs_);
+  io::byte_buffer_t half(bytes.begin(), bytes.begin() + 8);
+  io::byte_buffer_t* const records[] = {&record, &half};
+  EXPECT_NO_THROW(ForeseeNfsCalls(records, *fs_)) << "records are not even read";
   EXPECT_TRUE(std::ranges::equal(record, bytes));
   EXPECT_EQ(Lookup("a.txt").object, before);
 }
