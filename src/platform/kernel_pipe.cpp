@@ -75,6 +75,11 @@ class kernel_pipe_t::store_t {
     return pipe;
   }
 
+  std::size_t InUse() noexcept {
+    const std::lock_guard guard(lock_);
+    return alive_ - free_.size();
+  }
+
   /// One that is not empty is not used again.
   void Return(std::unique_ptr<kernel_pipe_t> pipe) noexcept {
     if (pipe->Held() != 0) {
@@ -121,6 +126,10 @@ boost::shared_ptr<kernel_pipe_t> kernel_pipe_t::Acquire(std::size_t leave) noexc
   } catch (const std::bad_alloc&) {
     return {};
   }
+}
+
+bool kernel_pipe_t::AreScarce() noexcept {
+  return store_t::Instance().InUse() >= Most / 2;
 }
 
 error_t kernel_pipe_t::TakeFromFile(int file, std::uint64_t offset, std::size_t length,

@@ -28,6 +28,8 @@ class kernel_pipe_t {
   /// A pipe that comes back to the process's store with its last share. Null when as many are in use as may be, or
   /// would be left fewer than so many for others, or the system has none: then bytes have to be copied. Any thread.
   static boost::shared_ptr<kernel_pipe_t> Acquire(std::size_t leave = 0) noexcept;
+  /// Half of them or more are in use: whoever has to wait for a peer is to keep none. Any thread.
+  static bool AreScarce() noexcept;
 
   kernel_pipe_t(const kernel_pipe_t&) = delete;
   kernel_pipe_t& operator=(const kernel_pipe_t&) = delete;

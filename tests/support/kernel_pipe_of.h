@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <span>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "foundation/byte_buffer.h"
 #include "platform/kernel_pipe.h"
@@ -16,18 +18,45 @@
 
 namespace test {
 
-/// A pipe that holds the bytes, at most so many as a pipe may.
-inline boost::shared_ptr<platform::kernel_pipe_t> PipeOf(std::span<const std::uint8_t> bytes) {
+/// A pipe that holds the bytes, at most so many as a pipe may; null while others have all of them.
+inline boost::shared_ptr<platform::kernel_pipe_t> PipeIfFree(std::span<const std::uint8_t> bytes) {
   boost::shared_ptr<platform::kernel_pipe_t> pipe = platform::kernel_pipe_t::Acquire();
+  if (pipe == nullptr)
+    return {};
   const platform::descriptor_t file(::memfd_create("bytes", MFD_CLOEXEC));
-  if (pipe == nullptr || ::pwrite(file.Get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
-    throw std::runtime_error("no pipe for the test");
+  if (::pwrite(file.Get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+    throw std::runtime_error("no file for the test");
   while (pipe->Held() < bytes.size()) {
     std::size_t moved = 0;
     if (pipe->TakeFromFile(file.Get(), pipe->Held(), bytes.size() - pipe->Held(), moved) != 0 || moved == 0)
       throw std::runtime_error("no room for the test's bytes");
   }
   return pipe;
+}
+
+/// The same for who must have one.
+inline boost::shared_ptr<platform::kernel_pipe_t> PipeOf(std::span<const std::uint8_t> bytes) {
+  auto pipe = PipeIfFree(bytes);
+  if (pipe == nullptr)
+    throw std::runtime_error("no pipe for the test");
+  return pipe;
+}
+
+/// All that can be had, or so many.
+inline std::vector<boost::shared_ptr<platform::kernel_pipe_t>> TakePipes(
+    std::size_t most = platform::kernel_pipe_t::Most) {
+  std::vector<boost::shared_ptr<platform::kernel_pipe_t>> pipes;
+  while (pipes.size() < most) {
+    auto pipe = platform::kernel_pipe_t::Acquire();
+    if (pipe == nullptr)
+      break;
+    pipes.push_back(std::move(pipe));
+  }
+  return pipes;
+}
+
+inline std::size_t FreePipes() {
+  return TakePipes().size();
 }
 
 /// Reads a record of which all but the first bytes are still in the kernel.

@@ -62,6 +62,9 @@ class CAsyncConnection : public win::CTcpStream {
   /// Worker thread: false while replies that wait for the peer keep MaxUnsentBytes or more. ContinueParked of the queue
   /// follows then.
   bool MayAnswer();
+  /// Whether the next reply may hold its data in a pipe: not while replies wait for the peer and pipes are scarce. Any
+  /// thread.
+  bool TakesPipes() const noexcept;
   /// Takes no more replies; the connection ends when those that are queued are out.
   void Close();
   /// Worker thread: of large records like the last one the bytes from this offset on may stay in the kernel; 0: none.
@@ -107,6 +110,9 @@ class CAsyncConnection : public win::CTcpStream {
   void StartSend(bool tryFirst);
   win::io_attempt_t AttemptSend(int handle, win::SIoResult& result);
   std::size_t GatherLocked(iovec* pieces, std::size_t room);
+  /// Brings what waits in pipes into memory, so that whoever does not take replies keeps no pipe from the others.
+  platform::error_t EmptyPipes() noexcept;
+  platform::error_t EmptyPipe(SXdrSegment& segment, std::size_t sent);
   void OnSent(platform::error_t error, std::uint32_t bytes);
   /// True when there is more to send.
   bool AccountSent(platform::error_t error, std::uint32_t bytes);
@@ -146,10 +152,12 @@ class CAsyncConnection : public win::CTcpStream {
   /// Guards all below. Not held across a send.
   std::mutex sendLock_;
   std::deque<SXdrSegment> sendQueue_;
-  std::size_t sendOffset_ = 0;  ///< Bytes of the first segment that are out.
+  std::size_t sendOffset_ = 0;   ///< Bytes of the first segment that are out.
+  std::size_t pipesQueued_ = 0;  ///< Segments of the queue that are in pipes.
   /// Memory that the queue keeps, less what is out of its first segment. Changed under the lock; only the worker adds.
   std::atomic<std::size_t> unsentBytes_{0};
   bool sending_ = false;              ///< Someone sends, or a send is pending: new replies only queue up.
+  std::atomic<bool> stalled_{false};  ///< The socket took no more, and not all has left since.
   bool holdLimited_ = false;          ///< A hold limit is pending.
   bool parked_ = false;               ///< The worker was told that requests have to wait.
   bool broken_ = false;               ///< A send failed: nothing will go out any more.

@@ -52,6 +52,7 @@ void CAsyncConnection::SendReply(CXDRWriter& writer, bool hold) {
         continue;
       }
       unsentBytes_ += segment.length + KeptBeside(segment);
+      pipesQueued_ += segment.pipe != nullptr ? 1 : 0;
       sendQueue_.push_back(std::move(segment));
     }
     if (sending_ || (hold && holdLimited_)) {
@@ -104,6 +105,10 @@ bool CAsyncConnection::MayAnswer() {
   // Replies of a connection that is over are dropped: nothing waits for them.
   parked_ = unsentBytes_ >= MaxUnsentBytes && !broken_ && !closing_;
   return !parked_;
+}
+
+bool CAsyncConnection::TakesPipes() const noexcept {
+  return !stalled_.load(std::memory_order_relaxed) || !platform::kernel_pipe_t::AreScarce();
 }
 
 bool CAsyncConnection::ShallContinueParkedLocked() {
@@ -176,8 +181,60 @@ win::io_attempt_t CAsyncConnection::AttemptSend(int handle, win::SIoResult& resu
     }
   }
   // The segments stay where they are: only the sender takes them out, and there is one at a time.
-  return piped != nullptr ? TrySendPipe(handle, *piped->pipe, left, more, result)
-                          : TrySend(handle, pieces.data(), count, more, result);
+  win::io_attempt_t attempt = piped != nullptr ? TrySendPipe(handle, *piped->pipe, left, more, result)
+                                               : TrySend(handle, pieces.data(), count, more, result);
+  if (attempt == win::io_attempt_t::WouldBlock) {
+    stalled_.store(true, std::memory_order_relaxed);
+    result.error = EmptyPipes();
+    if (result.error != platform::error::Success) {
+      attempt = win::io_attempt_t::Done;
+    }
+  }
+  return attempt;
+}
+
+platform::error_t CAsyncConnection::EmptyPipes() noexcept {
+  try {
+    for (std::size_t i = 0; platform::kernel_pipe_t::AreScarce(); ++i) {
+      SXdrSegment* segment = nullptr;
+      std::size_t sent = 0;
+      {
+        const std::lock_guard guard(sendLock_);
+        if (pipesQueued_ == 0) {
+          break;
+        }
+        segment = &sendQueue_[i];
+        sent = i == 0 ? sendOffset_ : 0;
+      }
+      if (segment->pipe == nullptr) {
+        continue;
+      }
+      if (const platform::error_t error = EmptyPipe(*segment, sent); error != platform::error::Success) {
+        return error;
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    // What cannot be brought into memory leaves from where it is.
+  }
+  return platform::error::Success;
+}
+
+platform::error_t CAsyncConnection::EmptyPipe(SXdrSegment& segment, std::size_t sent) {
+  const auto buffer = boost::make_shared<io::byte_buffer_t>(segment.length - sent);
+  std::size_t read = 0;
+  const platform::error_t error = segment.pipe->Read(*buffer, read);
+  if (error != platform::error::Success || read != buffer->size()) {
+    return error != platform::error::Success ? error : platform::error::IoDevice;
+  }
+  SXdrSegment inMemory{buffer, 0, read};
+  const std::lock_guard guard(sendLock_);
+  unsentBytes_ += KeptBeside(inMemory) - KeptBeside(segment);
+  --pipesQueued_;
+  segment = std::move(inMemory);
+  if (sent != 0) {
+    sendOffset_ = 0;
+  }
+  return platform::error::Success;
 }
 
 std::size_t CAsyncConnection::GatherLocked(iovec* pieces, std::size_t room) {
@@ -225,6 +282,7 @@ bool CAsyncConnection::AccountSent(platform::error_t error, std::uint32_t bytes)
       DropSentLocked(bytes);
       more = !sendQueue_.empty();
       sending_ = more;
+      stalled_.store(more && stalled_.load(std::memory_order_relaxed), std::memory_order_relaxed);
       end = !more && closing_;
       resume = ShallResumeLocked();
     }
@@ -247,6 +305,7 @@ void CAsyncConnection::DropSentLocked(std::size_t bytes) {
   sendOffset_ += bytes;
   while (!sendQueue_.empty() && sendOffset_ >= sendQueue_.front().length) {
     freed += KeptBeside(sendQueue_.front());
+    pipesQueued_ -= sendQueue_.front().pipe != nullptr ? 1 : 0;
     sendOffset_ -= sendQueue_.front().length;
     sendQueue_.pop_front();
   }

@@ -20,7 +20,7 @@ class CTcpResponseSender : public CResponseSender {
   void Hold(CXDRWriter& writer, completion_ptr completion) override;
   void SendHeld() override { connection_->SendHeld(); }
   bool MayAnswer() override { return connection_->MayAnswer(); }
-  bool TakesPipes() const override { return true; }
+  bool TakesPipes() const override { return connection_->TakesPipes(); }
   void DataMayStay(std::uint32_t offset) noexcept override {
     // A small request tells nothing of where the data of the large ones goes.
     if (recordSize_ >= platform::kernel_pipe_t::Least)

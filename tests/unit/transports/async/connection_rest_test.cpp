@@ -69,13 +69,6 @@ class ConnectionRestTest : public testing::Test {
     Teach();
     EXPECT_EQ(server_.program.begun, begun + 1);
   }
-  static std::size_t FreePipes() {
-    std::vector<boost::shared_ptr<platform::kernel_pipe_t>> pipes;
-    while (auto pipe = platform::kernel_pipe_t::Acquire()) {
-      pipes.push_back(std::move(pipe));
-    }
-    return pipes.size();
-  }
 
   CapturedLog log_;
   Server server_;
@@ -193,10 +186,7 @@ TEST_F(ConnectionRestTest, WhoHasSentNothingOfItsDataKeepsNoPipe) {
 
 TEST_F(ConnectionRestTest, WithoutAPipeDataComesIntoMemory) {
   Teach();
-  std::vector<boost::shared_ptr<platform::kernel_pipe_t>> pipes;
-  while (auto pipe = platform::kernel_pipe_t::Acquire()) {
-    pipes.push_back(std::move(pipe));
-  }
+  auto pipes = TakePipes();
   const bytes_t request = LargeRequest(order_t::Leave, 1);
   ExpectLeft(0, request);
   pipes.clear();

@@ -30,6 +30,7 @@
 #include "platform/meanwhile.h"
 #include "rpc/service_ports.h"
 #include "support/captured_log.h"
+#include "support/kernel_pipe_of.h"
 #include "transports/async/async_server.h"
 #include "transports/async/request_queue.h"
 #include "unit/transports/client.h"
@@ -58,7 +59,9 @@ enum class order_t : std::uint32_t {
   Ask = 5,     ///< As Wait, after it has asked another process and done what there is to do meanwhile.
   Dawdle = 6,  ///< As Echo, after the time for which many replies may be held.
   /// Replies with its number and one byte of a buffer that has room for as many as the third word says.
-  Hoard = 7
+  Hoard = 7,
+  /// Replies with its number, whether the data is in a pipe, and as many bytes as the third word says (PipeData).
+  Pipe = 8
 };
 
 inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parameter = 0) {
@@ -67,6 +70,15 @@ inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parame
   AppendWord(record, number);
   AppendWord(record, parameter);
   return record;
+}
+
+/// What a reply to Pipe has.
+inline bytes_t PipeData(std::uint32_t number, std::uint32_t length) {
+  bytes_t data(length);
+  for (std::uint32_t i = 0; i < length; ++i) {
+    data[i] = static_cast<std::uint8_t>(i * 7 + i / 251 + number);
+  }
+  return data;
 }
 
 /// The fake program. Any thread.
@@ -131,6 +143,19 @@ class Program {
         buffer->reserve(reader.UInt());
         buffer->assign(1, 0);
         writer.SharedVarLenData(buffer, 1);
+        break;
+      }
+      case order_t::Pipe: {
+        const std::uint32_t number = reader.UInt();
+        const bytes_t data = PipeData(number, reader.UInt());
+        writer.UInt(number);
+        auto pipe = writer.TakesPipes() ? PipeIfFree(data) : nullptr;
+        writer.UInt(pipe != nullptr ? 1 : 0);
+        if (pipe != nullptr) {
+          writer.PipedVarLenData(std::move(pipe));
+        } else {
+          writer.VarLenData(data.data(), data.size());
+        }
         break;
       }
       case order_t::Ask:
