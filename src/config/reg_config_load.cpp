@@ -37,7 +37,7 @@ void ForEach(const std::vector<registry_node_t>& nodes, std::string_view failure
     try {
       read(node);
     } catch (const std::exception& failure) {
-      g_nfs_log.Warning(exc::FormatText(failureText, node.name), failure);
+      g_nfs_log.Warning(failureText, failure, node.name);
     }
   }
 }
@@ -131,8 +131,7 @@ void CRegConfig::LoadItems(SRegConfigData& data) {
     }
     ThrowIfFailed(opened, "Failed to open registry key [%1].", regkeys::ItemsCache);
     for (const auto& [name, failure] : failures) {
-      g_nfs_log.Error(exc::FormatText("Failed to load configuration of the NFS item [%1] from the registry.", name),
-                      *failure);
+      g_nfs_log.Error("Failed to load configuration of the NFS item [%1] from the registry.", *failure, name);
     }
     LinkChildren(data.items);
     scope.Success("Items were enumerated.");

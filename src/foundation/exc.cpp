@@ -287,4 +287,18 @@ boost::shared_ptr<exc_base_t> CloneException(const std::exception& exception) {
   return boost::shared_ptr<exc_base_t>(new runtime_exc_t(std::string(TextOf(exception))));
 }
 
+namespace {
+
+const boost::shared_ptr<exc_base_t> NoMemory(new runtime_exc_t(std::string("Out of memory.")));
+
+}  // namespace
+
+boost::shared_ptr<exc_base_t> CloneIfPossible(const std::exception& exception) noexcept {
+  try {
+    return CloneException(exception);
+  } catch (const std::exception&) {
+    return NoMemory;
+  }
+}
+
 }  // namespace exc

@@ -176,5 +176,7 @@ template <typename... Args>
 
 /// A copy under shared ownership; an exception from outside the family becomes a runtime_exc_t with its text.
 boost::shared_ptr<exc_base_t> CloneException(const std::exception& exception);
+/// The same, or "Out of memory." when there is none for a copy. Never null.
+boost::shared_ptr<exc_base_t> CloneIfPossible(const std::exception& exception) noexcept;
 
 }  // namespace exc

@@ -134,11 +134,14 @@ class log_handle_t {
 
   /// The text, then the exception's own lines and the id of the thread that built it.
   void Exception(level_t level, std::string_view text, const std::exception& exception) const noexcept;
-  void Error(std::string_view text, const std::exception& exception) const noexcept {
-    Exception(level_t::Error, text, exception);
+  /// The same with a text that has placeholders, which are left as they are when there is no memory to fill them.
+  template <loggable_t... Args>
+  void Error(std::string_view pattern, const std::exception& exception, const Args&... arguments) const noexcept {
+    WriteException(level_t::Error, exception, pattern, arguments...);
   }
-  void Warning(std::string_view text, const std::exception& exception) const noexcept {
-    Exception(level_t::Warning, text, exception);
+  template <loggable_t... Args>
+  void Warning(std::string_view pattern, const std::exception& exception, const Args&... arguments) const noexcept {
+    WriteException(level_t::Warning, exception, pattern, arguments...);
   }
 
   /// Writes a finished text, one line a line feed.
@@ -157,6 +160,22 @@ class log_handle_t {
       } catch (const std::exception&) {
         // Out of memory while a line is made: the line is lost, the work goes on.
       }
+    }
+  }
+
+  template <typename... Args>
+  void WriteException(level_t level, const std::exception& exception, std::string_view pattern,
+                      const Args&... arguments) const noexcept {
+    if constexpr (sizeof...(Args) == 0) {
+      Exception(level, pattern, exception);
+    } else {
+      std::string text;
+      try {
+        text = exc::FormatText(pattern, arguments...);
+      } catch (const std::exception&) {
+        return Exception(level, pattern, exception);
+      }
+      Exception(level, text, exception);
     }
   }
 

@@ -12,15 +12,16 @@
 namespace synch::impl {
 namespace {
 
-/// For a failure whose copy there is no memory for.
-const boost::shared_ptr<exc::exc_base_t> NoMemory = boost::make_shared<exc::runtime_exc_t>("Out of memory.");
-
 boost::shared_ptr<exc::exc_base_t> Report(const std::string& role, const std::exception& failure) noexcept {
+  g_log.Error("Thread failed. Role: '%1'.", failure, role);
+  return exc::CloneIfPossible(failure);
+}
+
+boost::shared_ptr<exc::exc_base_t> ReportUnknown(const std::string& role) noexcept {
   try {
-    g_log.Error(exc::FormatText("Thread failed. Role: '%1'.", role), failure);
-    return exc::CloneException(failure);
-  } catch (const std::exception&) {
-    return NoMemory;
+    return Report(role, exc::runtime_exc_t("Unknown exception."));
+  } catch (const std::exception& noMemory) {
+    return Report(role, noMemory);
   }
 }
 
@@ -42,7 +43,7 @@ boost::shared_ptr<exc::exc_base_t> RunThread(monitoring::thread_record_t& record
   } catch (const abi::__forced_unwind&) {
     throw;
   } catch (...) {
-    failure = Report(role, exc::runtime_exc_t("Unknown exception."));
+    failure = ReportUnknown(role);
   }
   g_log.Info("Thread finished. Role: '%1'.", role);
   return failure;

@@ -44,10 +44,17 @@ win_thread_t::~win_thread_t() {
     return;
   const auto thread = static_cast<pthread_t>(handle_);
   if (::pthread_equal(thread, ::pthread_self())) {
-    ::pthread_detach(thread);
+    Detach();
   } else {
     ::pthread_join(thread, nullptr);
   }
+}
+
+void win_thread_t::Detach() noexcept {
+  if (!started_ || joined_)
+    return;
+  ::pthread_detach(static_cast<pthread_t>(handle_));
+  joined_ = true;
 }
 
 void win_thread_t::Start() {

@@ -26,6 +26,8 @@ class win_thread_t {
   /// Throws runtime_exc_t "Thread failed to stop during specified time" when the limit (milliseconds) passed. Nothing
   /// to do for a thread that was not started or is joined already.
   void Join(std::uint32_t limitMs = synch::NoLimit);
+  /// Lets the thread go on alone; what it uses must be its own. There is nothing to be joined any more.
+  void Detach() noexcept;
   const std::string& Name() const noexcept;
 
  private:

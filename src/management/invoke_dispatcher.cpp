@@ -26,7 +26,7 @@ void IInvokeDispatcher::SoapExit(const std::string& name, const std::string& out
 }
 
 void IInvokeDispatcher::OnCallFailed(const std::string& name, const std::string&, const std::exception& failure) {
-  g_rpc_log.Error(exc::FormatText("RPC method call has failed (%1).", name), failure);
+  g_rpc_log.Error("RPC method call has failed (%1).", failure, name);
 }
 
 bool IInvokeDispatcher::IsSerialInvokerEnabled() {

@@ -65,8 +65,7 @@ bool CAssociation::Receive(std::span<std::uint8_t> bytes) {
     }
     return Dispatch(bytes, ParsePdu(bytes));
   } catch (const exc::runtime_exc_t& failure) {
-    g_rpc_log.Warning(exc::FormatText("The connection of the management client [%1] is closed.", caller_.origin),
-                      failure);
+    g_rpc_log.Warning("The connection of the management client [%1] is closed.", failure, caller_.origin);
     if (header)
       SendFault(*header, 0, fault::ProtocolError, pdu_flag::DidNotExecute);
     return false;
@@ -259,7 +258,7 @@ void CAssociation::Establish() {
 
 /// An established context stays what it is, whatever else the peer tries.
 void CAssociation::FailAuthentication(const std::exception& failure) {
-  g_rpc_log.Warning(exc::FormatText("The management client [%1] is not authenticated.", caller_.origin), failure);
+  g_rpc_log.Warning("The management client [%1] is not authenticated.", failure, caller_.origin);
   if (securityState_ == security_state_t::Established)
     return;
   securityState_ = security_state_t::Failed;
@@ -366,7 +365,7 @@ void CAssociation::Execute(const call_t& call, bytes_view_t stub) {
     SendFault(call.header, call.contextId, failure.Status(), pdu_flag::DidNotExecute);
     return;
   } catch (const std::exception& failure) {
-    g_rpc_log.Error(exc::FormatText("RPC: the call of operation %1 failed.", call.opnum), failure);
+    g_rpc_log.Error("RPC: the call of operation %1 failed.", failure, call.opnum);
     SendFault(call.header, call.contextId, fault::Unspecified, 0);
     return;
   }

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include "foundation/log.h"
 #include "foundation/monitoring.h"
@@ -33,6 +34,14 @@ void PrepareTcp(int socket) {
   const int on = 1;
   ::setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
   ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+}
+
+void TellShortage(platform::error_t error) noexcept {
+  try {
+    g_rpc_log.Warning("Management clients wait: %1", platform::ErrorText(error));
+  } catch (const std::exception& failure) {
+    g_rpc_log.Warning("Management clients wait.", failure);
+  }
 }
 
 }  // namespace
@@ -82,7 +91,7 @@ void CListener::AcceptLoop() noexcept {
   workers_.clear();
 }
 
-void CListener::AcceptOne() {
+void CListener::AcceptOne() noexcept {
   platform::descriptor_t peer(::accept4(socket_.descriptor.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (peer.IsOpen()) {
     isShort_ = false;
@@ -92,9 +101,8 @@ void CListener::AcceptOne() {
   // These are over with the peer that they are about.
   if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED || errno == EPROTO)
     return;
-  if (!isShort_)
-    g_rpc_log.Warning("Management clients wait: %1", platform::ErrorText(platform::SocketErrorFromErrno(errno)));
-  isShort_ = true;
+  if (!std::exchange(isShort_, true))
+    TellShortage(platform::SocketErrorFromErrno(errno));
   PauseForShortage();
 }
 
@@ -104,7 +112,7 @@ void CListener::PauseForShortage() {
   ::poll(&stop, 1, ShortageMilliseconds);
 }
 
-void CListener::Admit(platform::descriptor_t peer) {
+void CListener::Admit(platform::descriptor_t peer) noexcept {
   try {
     if (!socket_.isLocal)
       PrepareTcp(peer.Get());

@@ -50,8 +50,8 @@ class CListener {
   };
 
   void AcceptLoop() noexcept;
-  void AcceptOne();
-  void Admit(platform::descriptor_t peer);
+  void AcceptOne() noexcept;
+  void Admit(platform::descriptor_t peer) noexcept;
   void ServeConnection(platform::descriptor_t peer) noexcept;
   void Reap();
   void PauseForShortage();

@@ -99,7 +99,7 @@ error_t CRpcRuntime::RegisterEndpoint(const SSyntaxId& interface, std::string_vi
   if (mapper == nullptr)
     return platform::error::Success;
   const auto refused = [name](error_t number, const std::exception& failure) {
-    g_rpc_log.Warning(exc::FormatText("The endpoint mapper does not take the RPC interface '%1'.", name), failure);
+    g_rpc_log.Warning("The endpoint mapper does not take the RPC interface '%1'.", failure, name);
     return number;
   };
   try {

@@ -61,9 +61,8 @@ void CRemoteFsFolder::Enumerate(SFsEnumeration& enumeration) {
       enumeration.names.push_back(item.name);
     enumeration.unavailable = false;
   } catch (const std::exception& failure) {
-    g_nfs_log.Warning(exc::FormatText("Failed to enumerate items of the folder [%1]. Pipe: [%2].", path_,
-                                      connector_->GetConfig()->pipe),
-                      failure);
+    g_nfs_log.Warning("Failed to enumerate items of the folder [%1]. Pipe: [%2].", failure, path_,
+                      connector_->GetConfig()->pipe);
   }
 }
 
@@ -132,7 +131,7 @@ void CRemoteFsFolder::ProcessLookupFail(const std::string& name, const std::exce
         lookupFailTicks_.clear();
       lookupFailTicks_.insert_or_assign(name, now);
     }
-    g_nfs_log.Error(exc::FormatText("Failed to find RFS item [%1].", name), failure);
+    g_nfs_log.Error("Failed to find RFS item [%1].", failure, name);
   } catch (const std::exception& second) {
     g_nfs_log.Error("CRemoteFsFolder::ProcessLookupFail", second);
   }

@@ -85,7 +85,7 @@ void CAsyncServer::CContext::Run() noexcept {
     Release();
   } catch (const std::exception& failure) {
     g_nfs_log.Error("Fatal error of the TCP server loop.", failure);
-    const auto copy = exc::CloneException(failure);
+    const auto copy = exc::CloneIfPossible(failure);
     // Before anyone hears of it: who tries again at once finds the ports free.
     Release();
     state_.SetFinished(copy);
@@ -243,8 +243,8 @@ void CAsyncServer::Stop() noexcept {
     thread_->Join(StopLimitMs);
   } catch (const std::exception& failure) {
     g_nfs_log.Error("Failed to dispose TCP dispatcher.", failure);
-    // Its destructor would wait for the thread without a limit; the thread keeps the context as long as it needs it.
-    [[maybe_unused]] const auto* const leftRunning = new boost::shared_ptr<win::win_thread_t>(thread_);
+    // The thread keeps the context as long as it needs it.
+    thread_->Detach();
   }
   thread_.reset();
   context_.reset();

@@ -158,7 +158,8 @@ void completion_port_t::Stop() {
     stop_ = true;
   }
   stopped_.notify_all();
-  Post(nullptr, nullptr, {});
+  // Not by a completion, which needs memory.
+  Wake();
 }
 
 void completion_port_t::Associate(win::CIoObject& object) {

@@ -110,7 +110,7 @@ bool CFsInvocationQueue::TryPopRecord(CFsInvocation& record) {
     const std::lock_guard<std::mutex> guard(lock_);
     // While records wait no loan begins: between here and the change the word can only lose places in use.
     const std::uint64_t state = state_.load(std::memory_order_seq_cst);
-    if ((state & WaitingMask) == 0 || InUse(state) >= runners_)
+    if ((state & WaitingMask) == 0 || (state & Broken) != 0 || InUse(state) >= runners_)
       return false;
     state_.fetch_add(OneInUse - OneWaiting, std::memory_order_seq_cst);
     record = std::move(records_.front());
@@ -181,20 +181,27 @@ bool CFsInvocationQueue::WaitForLoans(std::uint32_t limitMs) noexcept {
   return noLoans_.Wait(limitMs);
 }
 
-void CFsInvocationQueue::Break() {
-  std::deque<CFsInvocation> cancelled;
+void CFsInvocationQueue::Break() noexcept {
   {
     const std::lock_guard<std::mutex> guard(lock_);
     state_.fetch_or(Broken, std::memory_order_seq_cst);
-    cancelled.swap(records_);
-    state_.fetch_sub(cancelled.size() * OneWaiting, std::memory_order_seq_cst);
   }
   broken_.Set();
   // Without the lock: a callback may come back here.
-  for (CFsInvocation& record : cancelled) {
+  for (CFsInvocation record; TryPopBroken(record); record = CFsInvocation()) {
     record.Cancel();
     freeSlots_.Release();
   }
+}
+
+bool CFsInvocationQueue::TryPopBroken(CFsInvocation& record) noexcept {
+  const std::lock_guard<std::mutex> guard(lock_);
+  if (records_.empty())
+    return false;
+  record = std::move(records_.front());
+  records_.pop_front();
+  state_.fetch_sub(OneWaiting, std::memory_order_seq_cst);
+  return true;
 }
 
 std::size_t CFsInvocationQueue::Waiting() const {

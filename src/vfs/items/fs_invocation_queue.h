@@ -77,12 +77,13 @@ class CFsInvocationQueue {
   /// After CloseLoans: waits until all loans are back; false when the limit (milliseconds) passed.
   bool WaitForLoans(std::uint32_t limitMs) noexcept;
   /// Cancels what is queued, in order, and all that comes later.
-  void Break();
+  void Break() noexcept;
 
   std::size_t Waiting() const;
 
  private:
   bool TryPopRecord(CFsInvocation& record);
+  bool TryPopBroken(CFsInvocation& record) noexcept;
   void TellThreads();
   void GiveBack(std::uint64_t places) noexcept;
 

@@ -57,7 +57,7 @@ void CFsInvocationThreadPool::ThreadProc(shared_t& shared) noexcept {
       g_nfs_log.Error("Failed to unlock invocation queue.", failure);
     }
   } catch (const std::exception& failure) {
-    g_nfs_log.Error(exc::FormatText("Invocation thread for '%1' has failed.", shared.name), failure);
+    g_nfs_log.Error("Invocation thread for '%1' has failed.", failure, shared.name);
   }
   // Nobody is left to run what waits.
   if (shared.running.fetch_sub(1) == 1)
@@ -71,7 +71,7 @@ void CFsInvocationThreadPool::StopThread(synch::thread_t& thread) noexcept {
     g_nfs_log.Warning("Invocation thread for '%1' didn't stop in 3 minutes. Waiting for stop.", name_);
     thread.WaitFor(limits_.longStopLimitMs);
   } catch (const std::exception& failure) {
-    g_nfs_log.Error(exc::FormatText("Failed to destroy invocation thread for '%1'.", name_), failure);
+    g_nfs_log.Error("Failed to destroy invocation thread for '%1'.", failure, name_);
   }
 }
 
@@ -93,6 +93,6 @@ void CFsInvocationThreadPool::Stop() noexcept {
       StopThread(*thread);
     WaitForLoans();
   } catch (const std::exception& failure) {
-    g_nfs_log.Error(exc::FormatText("Failed to destroy invocation thread pool for '%1'.", name_), failure);
+    g_nfs_log.Error("Failed to destroy invocation thread pool for '%1'.", failure, name_);
   }
 }

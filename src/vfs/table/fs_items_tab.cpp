@@ -82,7 +82,7 @@ void CFsItemsTab::AddItems(std::uint64_t parentFid, std::vector<SNfsChild>& item
         items[i].item->GetItemSpec(prepared.back().spec);
       } catch (const std::exception& failure) {
         // Its mount is being withdrawn; that is no failure of the others.
-        g_nfs_log.Warning(exc::FormatText("Item [%1] does not answer and is left out.", items[i].name), failure);
+        g_nfs_log.Warning("Item [%1] does not answer and is left out.", failure, items[i].name);
         items[i].item.reset();
       }
     }

@@ -71,8 +71,7 @@ void CItemsResumer::Walk(std::uint64_t rootFid, wanted_t wanted, const Resume& r
         if (resume(parentFid, *node))
           folders.push_back(node->fid);
       } catch (const std::exception& failure) {
-        g_nfs_log.Warning(exc::FormatText("Failed to resume NFS item [%1]. FID: [%2].", node->itemName, node->fid),
-                          failure);
+        g_nfs_log.Warning("Failed to resume NFS item [%1]. FID: [%2].", failure, node->itemName, node->fid);
       }
     }
   }

@@ -81,7 +81,7 @@ void CVirtualFs::ResumeShares(const SRegConfigData& catalogue) {
     try {
       ResumeShare(uid, cfg, catalogue);
     } catch (const std::exception& failure) {
-      g_nfs_log.Error(exc::FormatText("Failed to resume NFS share [%1].", cfg->nfsFolderName), failure);
+      g_nfs_log.Error("Failed to resume NFS share [%1].", failure, cfg->nfsFolderName);
     }
   }
 }

@@ -164,7 +164,7 @@ class CListing {
     try {
       return folder.OpenChild(name);
     } catch (const std::exception& failure) {
-      g_nfs_log.Warning(exc::FormatText("Item [%1] cannot be opened and is left out of the listing.", name), failure);
+      g_nfs_log.Warning("Item [%1] cannot be opened and is left out of the listing.", failure, name);
       isRepeatable_ = false;
       return {};
     }

@@ -225,9 +225,8 @@ void CVirtualFs::CreateFile(const CREATE3args& args, const sockaddr_in& client, 
         result.status = NFS3_OK;
       },
       [&](const std::exception& failure, nfsstat3) {
-        g_nfs_log.Error(exc::FormatText("[Create] Failed to create item. Item name: [%1]. Parent: [%2].", name,
-                                        itemsTab_->GetItemPath(parentFid)),
-                        failure);
+        g_nfs_log.Error("[Create] Failed to create item. Item name: [%1]. Parent: [%2].", failure, name,
+                        itemsTab_->GetItemPath(parentFid));
       });
 }
 
@@ -275,9 +274,8 @@ void CVirtualFs::CreateDir(const MKDIR3args& args, const sockaddr_in& client, MK
         g_nfs_log.Info("Subfolder is created. FID: [%1].", fid);
       },
       [&](const std::exception& failure, nfsstat3) {
-        g_nfs_log.Error(exc::FormatText("[MkDir] Failed to create directory. Parent folder: [%1], subfolder: [%2].",
-                                        itemsTab_->GetItemPath(parentFid), name),
-                        failure);
+        g_nfs_log.Error("[MkDir] Failed to create directory. Parent folder: [%1], subfolder: [%2].", failure,
+                        itemsTab_->GetItemPath(parentFid), name);
       });
 }
 
@@ -312,9 +310,8 @@ void CVirtualFs::Remove(const REMOVE3args& args, const sockaddr_in& client, REMO
         result.status = NFS3_OK;
       },
       [&](const std::exception& failure, nfsstat3) {
-        g_nfs_log.Error(exc::FormatText("[Remove] Failed to remove item. Item name: [%1]. Parent: [%2].", name,
-                                        itemsTab_->GetItemPath(parentFid)),
-                        failure);
+        g_nfs_log.Error("[Remove] Failed to remove item. Item name: [%1]. Parent: [%2].", failure, name,
+                        itemsTab_->GetItemPath(parentFid));
       });
 }
 
@@ -353,9 +350,8 @@ void CVirtualFs::RemoveDir(const RMDIR3args& args, const sockaddr_in& client, RM
         g_nfs_log.Info("Subfolder was deleted.");
       },
       [&](const std::exception& failure, nfsstat3) {
-        g_nfs_log.Error(exc::FormatText("[RmDir] Failed to remove directory. Parent folder: [%1], subfolder: [%2].",
-                                        itemsTab_->GetItemPath(parentFid), name),
-                        failure);
+        g_nfs_log.Error("[RmDir] Failed to remove directory. Parent folder: [%1], subfolder: [%2].", failure,
+                        itemsTab_->GetItemPath(parentFid), name);
       });
 }
 
@@ -425,10 +421,9 @@ void CVirtualFs::Rename(const RENAME3args& args, const sockaddr_in& client, RENA
         result.status = NFS3_OK;
       },
       [&](const std::exception& failure, nfsstat3) {
-        g_nfs_log.Error(exc::FormatText("[Rename] Failed to rename item. Source folder: [%1]. Source item: [%2]. "
-                                        "Target folder: [%3]. Target item: [%4].",
-                                        itemsTab_->GetItemPath(fromDir), args.from.name, itemsTab_->GetItemPath(toDir),
-                                        args.to.name),
-                        failure);
+        g_nfs_log.Error(
+            "[Rename] Failed to rename item. Source folder: [%1]. Source item: [%2]. "
+            "Target folder: [%3]. Target item: [%4].",
+            failure, itemsTab_->GetItemPath(fromDir), args.from.name, itemsTab_->GetItemPath(toDir), args.to.name);
       });
 }

@@ -56,9 +56,8 @@ void CVirtualFs::LogReadFailure(std::uint64_t fid, std::uint64_t offset, const s
   try {
     if (!logFilter_->AdmitRead(fid))
       return;
-    g_nfs_log.Error(exc::FormatText("[Read] Failed to retrieve item content. Item: [%1]. Offset: [%2].",
-                                    itemsTab_->GetItemPath(fid), offset),
-                    failure);
+    g_nfs_log.Error("[Read] Failed to retrieve item content. Item: [%1]. Offset: [%2].", failure,
+                    itemsTab_->GetItemPath(fid), offset);
   } catch (const std::exception&) {
     // Without memory for the line the client still gets its answer.
   }
@@ -68,9 +67,8 @@ void CVirtualFs::LogWriteFailure(std::uint64_t fid, std::uint64_t offset, const 
   try {
     if (!logFilter_->AdmitWrite(fid))
       return;
-    g_nfs_log.Error(exc::FormatText("[Write] Failed to write to the file. Item: [%1]. Offset: [%2].",
-                                    itemsTab_->GetItemPath(fid), offset),
-                    failure);
+    g_nfs_log.Error("[Write] Failed to write to the file. Item: [%1]. Offset: [%2].", failure,
+                    itemsTab_->GetItemPath(fid), offset);
   } catch (const std::exception&) {
     // Without memory for the line the client still gets its answer.
   }

@@ -7,6 +7,8 @@
 #include <sstream>
 #include <thread>
 
+#include "support/refused_memory.h"
+
 namespace {
 
 using exc::FormatText;
@@ -133,6 +135,17 @@ class SilentException : public std::exception {
 
 TEST(CloneException, NullTextIsEmpty) {
   EXPECT_STREQ(exc::CloneException(SilentException())->what(), "");
+}
+
+TEST(CloneException, WithoutMemoryThereIsAnotherOne) {
+  const exc::runtime_exc_t failure(std::string("a failure"));
+  {
+    const test::RefusedRequest refusal(0);
+    const boost::shared_ptr<exc::exc_base_t> copy = exc::CloneIfPossible(failure);
+    EXPECT_TRUE(refusal.HasHappened());
+    EXPECT_STREQ(copy->what(), "Out of memory.");
+  }
+  EXPECT_STREQ(exc::CloneIfPossible(failure)->what(), "a failure");
 }
 
 TEST(CloneException, ClonesAndRethrowsTheDynamicType) {

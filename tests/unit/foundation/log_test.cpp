@@ -9,6 +9,7 @@
 
 #include "foundation/line_format.h"
 #include "recording_log.h"
+#include "support/refused_memory.h"
 
 namespace {
 
@@ -238,6 +239,29 @@ TEST(LogException, TellsTheLinesAndTheThread) {
               ElementsAre("Error    Cannot go on.\n", "Error    " + platform::ErrorText(10054) + "\n",
                           "Error    Receive failed\n", "Error    Error code: 10054\n",
                           "Error    An exception was thrown from thread [" + std::to_string(::gettid()) + "].\n"));
+}
+
+TEST(LogException, FillsTheTextOrTellsItAsItIs) {
+  const std::string name = "a name that is longer than a text keeps in itself";
+  const std::runtime_error failure("failure");
+  test::UntilNoneIsRefused([&](std::size_t granted) {
+    RecordingLog recorded;
+    bool isRefused = false;
+    {
+      const test::RefusedRequest refusal(granted);
+      recorded.handle.Error("Cannot use '%1'.", failure, name);
+      isRefused = refusal.HasHappened();
+    }
+    const std::vector<std::string> lines = recorded.Lines();
+    const std::string filled = "Error    Cannot use '" + name + "'.\n";
+    if (!isRefused) {
+      EXPECT_THAT(lines,
+                  ElementsAre(filled, "Error    failure\n", "Error    An exception was thrown from thread [n/a].\n"));
+    } else if (granted == 0) {
+      EXPECT_THAT(lines, testing::Contains("Error    Cannot use '%1'.\n"));
+    }
+    return isRefused;
+  });
 }
 
 TEST(LogException, ForeignExceptionsHaveNoThread) {

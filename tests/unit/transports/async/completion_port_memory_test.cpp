@@ -5,49 +5,17 @@
 #include <atomic>
 #include <boost/make_shared.hpp>
 #include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <future>
-#include <new>
+#include <optional>
 #include <thread>
 #include <utility>
 
 #include "support/captured_log.h"
+#include "support/refused_memory.h"
 #include "transports/async/completion_port.h"
 #include "transports/async/socket.h"
 #include "unit/transports/client.h"
-
-namespace {
-
-/// Of the thread: its next allocation fails.
-thread_local bool nextAllocationFails = false;
-
-}  // namespace
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  if (!std::exchange(nextAllocationFails, false)) {
-    if (void* const memory = std::malloc(size == 0 ? 1 : size)) {
-      return memory;
-    }
-  }
-  throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  try {
-    return ::operator new(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace test {
 namespace {
@@ -78,6 +46,7 @@ TEST(CompletionPortMemory, KeepsWhatIsDueBehindWhatWasPostedUntilThereIsRoom) {
   std::thread loop([&] { port->Run(); });
   std::atomic<int> told{0};
   std::atomic<bool> failed{false};
+  std::optional<RefusedRequest> refusal;  // Of the loop's thread.
   // Rounds begin at different places of a piece: in most of them the first memory is asked for behind what was posted.
   constexpr int Rounds = 25;
   for (int round = 1; round <= Rounds; ++round) {
@@ -87,7 +56,7 @@ TEST(CompletionPortMemory, KeepsWhatIsDueBehindWhatWasPostedUntilThereIsRoom) {
                                     [&] {
                                       begun.set_value();
                                       go.get_future().wait();
-                                      nextAllocationFails = true;
+                                      refusal.emplace(0);
                                     }),
                           {});
     begun.get_future().wait();
@@ -104,7 +73,8 @@ TEST(CompletionPortMemory, KeepsWhatIsDueBehindWhatWasPostedUntilThereIsRoom) {
   }
   object->CompleteLater(new Event(object,
                                   [&] {
-                                    failed = !nextAllocationFails;
+                                    failed = refusal->HasHappened();
+                                    refusal.reset();
                                     ++told;
                                   }),
                         {});
@@ -113,6 +83,19 @@ TEST(CompletionPortMemory, KeepsWhatIsDueBehindWhatWasPostedUntilThereIsRoom) {
   loop.join();
   // The allocation that was to fail did.
   EXPECT_TRUE(failed);
+  port->Abandon();
+}
+
+TEST(CompletionPortMemory, EndsWithoutAny) {
+  const CapturedLog log;
+  const auto port = boost::make_shared<synch::completion_port_t>();
+  std::thread loop([&] { port->Run(); });
+  {
+    const RefusedRequest refusal(0);
+    EXPECT_NO_THROW(port->Stop());
+    EXPECT_FALSE(refusal.HasHappened());
+  }
+  loop.join();
   port->Abandon();
 }
 

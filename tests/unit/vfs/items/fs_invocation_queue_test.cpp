@@ -8,6 +8,7 @@
 
 #include "recording_file.h"
 #include "support/captured_log.h"
+#include "support/refused_memory.h"
 #include "vfs/items/completion_events_allocator.h"
 #include "vfs/items/synchronous_fs_call_completion_proc.h"
 
@@ -145,6 +146,13 @@ TEST(InvocationQueue, BreakCancelsWhatIsQueuedAndWhatComesLater) {
   } catch (const exc::runtime_exc_t& failure) {
     EXPECT_STREQ(failure.what(), "CFsInvocationQueue::Pop(): Queue has been broken");
   }
+}
+
+TEST(InvocationQueue, BreaksWithoutMemory) {
+  CFsInvocationQueue queue(1);
+  const test::RefusedRequest refusal(0);
+  queue.Break();
+  EXPECT_FALSE(refusal.HasHappened());
 }
 
 TEST(InvocationQueue, BreakLetsBlockedCallersGo) {

@@ -1,34 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <boost/make_shared.hpp>
-#include <cstdlib>
-#include <new>
 
 #include "recording_file.h"
+#include "support/refused_memory.h"
 #include "vfs/items/async_fs_file_wrapper.h"
 #include "vfs/items/completion_events_allocator.h"
 #include "vfs/items/fs_proc_invoker.h"
-
-namespace {
-
-thread_local std::size_t allocations = 0;
-
-}  // namespace
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* const memory = std::malloc(size == 0 ? 1 : size))
-    return memory;
-  throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -51,7 +29,7 @@ TEST(Loan, ACallThatFindsItsInvokerIdleAllocatesNothing) {
   SFsReadBuffer buffer;
   WIN32_FILE_ATTRIBUTE_DATA attributes = {};
   const sockaddr_in address = {};
-  const std::size_t before = allocations;
+  const std::size_t before = test::MemoryRequests();
   for (int i = 0; i < 10; ++i) {
     wrapper.GetAttributes(attributes);
     wrapper.Read(0, 4096, buffer);
@@ -59,7 +37,7 @@ TEST(Loan, ACallThatFindsItsInvokerIdleAllocatesNothing) {
     wrapper.Exists();
     wrapper.IsAddressAllowed(address);
   }
-  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(test::MemoryRequests(), before);
   EXPECT_EQ(attributes.sizeLow, 1u);
   EXPECT_EQ(buffer.length, 4096u);
   EXPECT_EQ(allocator->FreeCount(), 0u);
