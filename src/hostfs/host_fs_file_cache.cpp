@@ -39,18 +39,30 @@ class CHostFsFileHandleCacheRecord {
   std::vector<std::string> roots;  // Below which of them the path was found to lead to this file.
 };
 using record_ptr_t = boost::shared_ptr<CHostFsFileHandleCacheRecord>;
-using dropped_t = std::vector<record_ptr_t>;
+using records_t = std::map<std::string, record_ptr_t, std::less<>>;
+/// Where records go without memory being taken: what was renamed or deleted must not stay open under its old path.
+using dropped_t = records_t;
 
-std::string MakeKey(std::string_view path) {
-  std::string key(path);
-  std::replace(key.begin(), key.end(), '\\', '/');
-  return key;
+/// The path itself, or what is made of it in `room`.
+std::string_view MakeKey(std::string_view path, std::string& room) {
+  if (path.find('\\') == std::string_view::npos) {
+    return path;
+  }
+  room = path;
+  std::replace(room.begin(), room.end(), '\\', '/');
+  return room;
+}
+
+/// Whether the key is that of something in the folder.
+bool IsBelow(std::string_view key, std::string_view folder) noexcept {
+  if (key.size() < folder.size() || !platform::EqualIgnoringCase(key.substr(0, folder.size()), folder)) {
+    return false;
+  }
+  return folder.ends_with('/') || (key.size() > folder.size() && key[folder.size()] == '/');
 }
 
 /// All of the cache between Init and Deinit. A purge thread that does not end keeps it alive.
 struct SCacheState {
-  using records_t = std::map<std::string, record_ptr_t, std::less<>>;
-
   std::mutex lock;  // Guards all down to isClosed, and all but the key of each record.
   records_t records;
   std::multimap<platform::file_id_t, records_t::iterator> byFile;  // Each of the records once.
@@ -78,29 +90,31 @@ struct SCacheState {
     linkedRecords += record->passesLink ? 1 : 0;
   }
 
-  records_t::iterator Drop(records_t::iterator record, dropped_t& dropped) {
-    dropped.push_back(record->second);
+  records_t::iterator Drop(records_t::iterator record, dropped_t& dropped) noexcept {
     record->second->file->ReleaseShare();
     const auto [first, last] = byFile.equal_range(record->second->file->Id());
     byFile.erase(std::find_if(first, last, [&record](const auto& other) { return other.second == record; }));
     linkedRecords -= record->second->passesLink ? 1 : 0;
-    return records.erase(record);
+    const records_t::iterator next = std::next(record);
+    dropped.insert(records.extract(record));
+    return next;
   }
 
   template <typename Predicate>
-  void DropIf(const Predicate& isUnwanted, dropped_t& dropped) {
+  void DropIf(const Predicate& isUnwanted, dropped_t& dropped) noexcept {
     for (auto record = records.begin(); record != records.end();) {
       record = isUnwanted(*record->second) ? Drop(record, dropped) : std::next(record);
     }
   }
 
-  void DropPath(const std::string& path, dropped_t& dropped) {
-    if (const auto found = records.find(MakeKey(path)); found != records.end()) {
+  void DropPath(std::string_view path, dropped_t& dropped) {
+    std::string room;
+    if (const auto found = records.find(MakeKey(path, room)); found != records.end()) {
       Drop(found, dropped);
     }
   }
 
-  void DropFile(const platform::file_id_t& id, dropped_t& dropped) {
+  void DropFile(const platform::file_id_t& id, dropped_t& dropped) noexcept {
     for (auto found = byFile.find(id); found != byFile.end(); found = byFile.find(id)) {
       Drop(found->second, dropped);
     }
@@ -226,7 +240,11 @@ void RunPurgeThread(const boost::shared_ptr<SCacheState>& state) {
           break;
         }
       }
-      PurgeState(*state);
+      try {
+        PurgeState(*state);
+      } catch (const std::exception& failure) {
+        g_nfs_log.Warning("[HostFsFileCache] A purge failed", failure);
+      }
     }
     g_nfs_log.Info("[HostFsFileCache] Purge thread terminated");
   } catch (const std::exception& exception) {
@@ -291,9 +309,8 @@ platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where,
                                               file_ptr_t& file) {
   const boost::shared_ptr<SCacheState> state = State();
   const std::string& path = where.Path();
-  const bool isKey = path.find('\\') == std::string::npos;
-  const std::string ownKey = isKey ? std::string() : MakeKey(path);
-  const std::string& key = isKey ? path : ownKey;
+  std::string room;
+  const std::string_view key = MakeKey(path, room);
   dropped_t dropped;
   file_ptr_t former;
   {
@@ -324,7 +341,7 @@ platform::error_t HostFsFileCache::TryGetFile(const platform::location_t& where,
         failure != platform::error::Success) {
       return failure;
     }
-    const auto record = boost::make_shared<CHostFsFileHandleCacheRecord>(key, where.Root().Path());
+    const auto record = boost::make_shared<CHostFsFileHandleCacheRecord>(std::string(key), where.Root().Path());
     record->file = file;
     record->isForReadingAlone = isForReadingAlone;
     record->passesLink = files.PassesLink(where);
@@ -363,18 +380,11 @@ void HostFsFileCache::Remove(const std::string& path) {
 
 void HostFsFileCache::RemoveSubtree(const std::string& path) {
   const boost::shared_ptr<SCacheState> state = State();
-  std::string folder = MakeKey(path);
-  if (!folder.ends_with('/')) {
-    folder += '/';
-  }
+  std::string room;
+  const std::string_view folder = MakeKey(path, room);
   dropped_t dropped;
   const CCacheLock lock(*state);
-  state->DropIf(
-      [&folder](const CHostFsFileHandleCacheRecord& record) {
-        return record.key.size() >= folder.size() &&
-               platform::EqualIgnoringCase(std::string_view(record.key).substr(0, folder.size()), folder);
-      },
-      dropped);
+  state->DropIf([folder](const CHostFsFileHandleCacheRecord& record) { return IsBelow(record.key, folder); }, dropped);
 }
 
 void HostFsFileCache::RemoveEntry(const std::string& path, const platform::file_id_t& id) {

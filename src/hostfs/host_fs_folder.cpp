@@ -419,12 +419,13 @@ void CHostFsFolder::RenameChild(const std::string& oldName, const std::string& n
     const std::string replaced = isTaken && target.name != source.name ? target.name : std::string();
     const platform::location_t from = where->Child(source.name);
     const platform::location_t to = where->Child(newName);
+    const platform::location_t over = where->Child(replaced.empty() ? newName : replaced);
     const handles_t handles = HandlesOf(from, isFolder, files);
     const auto dropAll = [&] {
       DropHandles(from, source.id, handles);
       DropHandles(to, target.id, handles);
       if (!replaced.empty()) {
-        DropHandles(where->Child(replaced), target.id, handles);
+        DropHandles(over, target.id, handles);
       }
     };
     dropAll();

@@ -1,17 +1,28 @@
 #include "hostfs/host_fs_node.h"
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "platform/brief_mutex.h"
 #include "platform/text.h"
 
+namespace {
+
+/// A load of a set of children at which it needs no more buckets.
+constexpr float AnyLoad = 1e6F;
+
+}  // namespace
+
 /// What the nodes of one tree share.
 class CHostFsTree {
  public:
   CHostFsTree(const std::string& path, platform::files_t& hostFiles)
-      : root(boost::make_shared<platform::root_folder_t>(path)), files(hostFiles) {}
+      : root(boost::make_shared<platform::root_folder_t>(path)), files(hostFiles) {
+    kept_.reserve(MaxLocations);
+  }
 
   const boost::shared_ptr<platform::root_folder_t> root;
   platform::files_t& files;
@@ -28,7 +39,23 @@ class CHostFsTree {
     std::string_view replacedName;
   } rename;
 
-  std::vector<CHostFsNode*> going;  // Those between TakeChild and what follows.
+  /// A node between TakeChild and what follows.
+  struct SGoing {
+    CHostFsNode* node = nullptr;
+    CHostFsNode::entry_t entry;  // For PutBack, which cannot fail.
+  };
+  std::vector<SGoing> going;
+
+  /// The entry of a node that is going no more.
+  CHostFsNode::entry_t TakeGoing(const CHostFsNode& node) noexcept {
+    CHostFsNode::entry_t entry;
+    const auto found = std::find_if(going.begin(), going.end(), [&](const SGoing& one) { return one.node == &node; });
+    if (found != going.end()) {
+      entry = std::move(found->entry);
+      going.erase(found);
+    }
+    return entry;
+  }
 
   /// Notes that the node keeps its location. The one that has kept its own for longest gives it up, since a location
   /// is larger than all else that a node has, and making it again costs little beside the call that asks for it.
@@ -112,11 +139,11 @@ CHostFsNodePtr CHostFsNode::FindLocked(std::string_view name) const {
   return {};
 }
 
-CHostFsNodePtr CHostFsNode::TakeLocked(std::string_view name) {
+CHostFsNodePtr CHostFsNode::TakeLocked(std::string_view name, entry_t& entry) noexcept {
   CHostFsNodePtr node = FindLocked(name);
   if (children_) {
     if (const auto found = children_->find(name); found != children_->end())
-      children_->erase(found);
+      entry = children_->extract(found);
   }
   return node;
 }
@@ -128,6 +155,17 @@ void CHostFsNode::PutLocked(CHostFsNode* child) {
   if (const auto old = children_->find(child); old != children_->end())
     children_->erase(old);
   children_->insert(child);
+}
+
+void CHostFsNode::PutLocked(entry_t&& entry) noexcept {
+  // As above; the set is there, since the entry was in it.
+  if (const auto old = children_->find(entry.value()); old != children_->end())
+    children_->erase(old);
+  // More buckets would take memory, and are made with the next new child.
+  const float load = children_->max_load_factor();
+  children_->max_load_factor(AnyLoad);
+  children_->insert(std::move(entry));
+  children_->max_load_factor(load);
 }
 
 CHostFsNodePtr CHostFsNode::Child(const std::string& name) {
@@ -244,6 +282,7 @@ platform::error_t CHostFsNode::RenameChild(const std::string& oldName, const std
                                            const std::string& replacedName,
                                            const std::function<platform::error_t()>& rename) {
   const std::lock_guard<std::mutex> lock(tree_->renames);
+  std::string moved = newName;
   const auto tell = [this](const CHostFsTree::SRename& underWay) {
     const std::lock_guard treeLock(tree_->lock);
     tree_->rename = underWay;
@@ -253,7 +292,7 @@ platform::error_t CHostFsNode::RenameChild(const std::string& oldName, const std
   try {
     failure = rename();
     if (failure == platform::error::Success) {
-      Relink(oldName, newName, replacedName);
+      Relink(oldName, moved, replacedName);
     }
   } catch (...) {
     tell({});
@@ -263,27 +302,33 @@ platform::error_t CHostFsNode::RenameChild(const std::string& oldName, const std
   return failure;
 }
 
-void CHostFsNode::Relink(const std::string& oldName, const std::string& newName, const std::string& replacedName) {
+void CHostFsNode::Relink(std::string_view oldName, std::string& newName, std::string_view replacedName) noexcept {
   // Declared outside the lock, as in Child.
   CHostFsNodePtr moved;
   CHostFsNodePtr replaced[2];
+  entry_t entry;
+  entry_t dropped;
   const std::lock_guard lock(tree_->lock);
-  moved = TakeLocked(oldName);
-  replaced[0] = TakeLocked(newName);
-  replaced[1] = TakeLocked(replacedName);
+  moved = TakeLocked(oldName, entry);
+  replaced[0] = TakeLocked(newName, dropped);
+  replaced[1] = TakeLocked(replacedName, dropped);
   for (const CHostFsNodePtr& node : replaced) {
     if (node)
       node->ReplaceLocked();
   }
   if (moved) {
-    moved->name_ = newName;
-    PutLocked(moved.get());
+    moved->name_.swap(newName);
+    PutLocked(std::move(entry));
   }
   ++tree_->age;
 }
 
-void CHostFsNode::ReplaceLocked() {
-  LocationLocked();  // The last one, for texts.
+void CHostFsNode::ReplaceLocked() noexcept {
+  try {
+    LocationLocked();  // The last one, for texts.
+  } catch (const std::bad_alloc&) {
+    // They have its name, or an older path.
+  }
   tree_->ForgetLocation(*this);
   isReplaced_ = true;
 }
@@ -291,41 +336,42 @@ void CHostFsNode::ReplaceLocked() {
 CHostFsNodePtr CHostFsNode::TakeChild(const std::string& name) {
   const std::lock_guard lock(tree_->lock);
   tree_->going.reserve(tree_->going.size() + 1);
-  CHostFsNodePtr child = TakeLocked(name);
+  entry_t entry;
+  CHostFsNodePtr child = TakeLocked(name, entry);
   if (child) {
     child->ReplaceLocked();
     child->isGoing_ = true;
-    tree_->going.push_back(child.get());
+    tree_->going.push_back({child.get(), std::move(entry)});
     if (child->children_)
       ++tree_->age;  // What is below it has no location either.
   }
   return child;
 }
 
-void CHostFsNode::ChildIsGone(CHostFsNode& child) {
+void CHostFsNode::ChildIsGone(CHostFsNode& child) noexcept {
   const std::lock_guard lock(tree_->lock);
-  std::erase(tree_->going, &child);
+  tree_->TakeGoing(child);
   child.isGoing_ = false;
 }
 
-void CHostFsNode::PutBack(const CHostFsNodePtr& child) {
+void CHostFsNode::PutBack(const CHostFsNodePtr& child) noexcept {
   CHostFsNodePtr other;  // Declared outside the lock, as in Child.
   const std::lock_guard lock(tree_->lock);
-  std::erase(tree_->going, child.get());
+  entry_t entry = tree_->TakeGoing(*child);
   if (!child->isGoing_)
     return;
   child->isReplaced_ = false;
   child->isGoing_ = false;
   child->locationAge_ = 0;
   other = FindLocked(child->name_);
-  if (!other)
-    PutLocked(child.get());
+  if (!other && !entry.empty())
+    PutLocked(std::move(entry));
 }
 
 void CHostFsNode::ChildIsMade(std::string_view name) {
   const std::lock_guard lock(tree_->lock);
-  for (CHostFsNode* const node : tree_->going) {
-    if (node->parent_.get() == this && platform::EqualIgnoringCase(node->name_, name))
-      node->isGoing_ = false;
+  for (const CHostFsTree::SGoing& one : tree_->going) {
+    if (one.node->parent_.get() == this && platform::EqualIgnoringCase(one.node->name_, name))
+      one.node->isGoing_ = false;
   }
 }

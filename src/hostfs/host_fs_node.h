@@ -90,9 +90,9 @@ class CHostFsNode {
   /// what comes to stand there has another. Gives the node; empty for none.
   CHostFsNodePtr TakeChild(const std::string& name);
   /// One of the two follows. The entry was deleted. child: what TakeChild gave.
-  void ChildIsGone(CHostFsNode& child);
+  void ChildIsGone(CHostFsNode& child) noexcept;
   /// The entry could not be deleted. child: what TakeChild gave.
-  void PutBack(const CHostFsNodePtr& child);
+  void PutBack(const CHostFsNodePtr& child) noexcept;
   /// To be called when something was made in this folder under a name that nothing had in any case: what was just being
   /// deleted there is gone, whoever did it, before that is told to be over.
   void ChildIsMade(std::string_view name);
@@ -120,16 +120,21 @@ class CHostFsNode {
     }
   };
   using children_t = std::unordered_set<CHostFsNode*, SNameHash, SNameEqual>;
+  using entry_t = children_t::node_type;
 
   CHostFsNode(CHostFsTree* tree, CHostFsNodePtr parent, std::string name);
   ~CHostFsNode();
   void Release() noexcept;
   /// Empty for none, and for one that is just going.
   CHostFsNodePtr FindLocked(std::string_view name) const;
-  CHostFsNodePtr TakeLocked(std::string_view name);
+  /// entry: what it had among the children, with which it can be put back.
+  CHostFsNodePtr TakeLocked(std::string_view name, entry_t& entry) noexcept;
   void PutLocked(CHostFsNode* child);
-  void ReplaceLocked();
-  void Relink(const std::string& oldName, const std::string& newName, const std::string& replacedName);
+  /// Takes no memory.
+  void PutLocked(entry_t&& entry) noexcept;
+  void ReplaceLocked() noexcept;
+  /// Takes no memory: the host has renamed already. newName is left with the old one.
+  void Relink(std::string_view oldName, std::string& newName, std::string_view replacedName) noexcept;
   bool IsBeingRenamedLocked(std::string_view childName) const;
   bool IsGoingLocked() const;
   /// Tells why there is none.

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/refused_memory.h"
+
 namespace {
 
 constexpr auto Done = [] { return platform::error::Success; };
@@ -272,6 +274,65 @@ TEST_F(HostFsNodeTest, NodesComeAndGoOnManyThreadsWhileTheirFolderIsRenamed) {
   for (std::thread& thread : threads)
     thread.join();
   EXPECT_EQ(folder->Path(), "/nowhere/folder0");
+}
+
+// What the host has done cannot be taken back for want of memory.
+TEST_F(HostFsNodeTest, ARenameThatMemoryIsRefusedToMovesTheNodesWithTheEntryOrNotAtAll) {
+  const std::string from = "a name that is longer than a text keeps in itself";
+  const std::string to = "another one, and it is longer still than the first one was";
+  std::size_t renamed = 0;
+  test::UntilNoneIsRefused([&](std::size_t granted) {
+    const CHostFsNodePtr root = CHostFsNode::CreateRoot("/nowhere", platform::SystemFiles());
+    const CHostFsNodePtr moved = root->Child(from);
+    const CHostFsNodePtr below = moved->Child("below");
+    const CHostFsNodePtr replaced = root->Child(to);
+    bool hasRenamed = false;
+    bool isRefused = false;
+    {
+      const test::RefusedRequest refusal(granted);
+      try {
+        root->RenameChild(from, to, "", [&] {
+          hasRenamed = true;
+          return platform::error::Success;
+        });
+      } catch (const std::bad_alloc&) {
+      }
+      isRefused = refusal.HasHappened();
+    }
+    EXPECT_EQ(moved->Path(), "/nowhere/" + (hasRenamed ? to : from)) << granted;
+    EXPECT_EQ(below->Path(), moved->Path() + "/below") << granted;
+    EXPECT_EQ(root->Child(hasRenamed ? to : from), moved) << granted;
+    EXPECT_EQ(replaced->Location() == nullptr, hasRenamed) << granted;
+    renamed += hasRenamed ? 1 : 0;
+    return isRefused;
+  });
+  EXPECT_GT(renamed, 0U);
+}
+
+TEST_F(HostFsNodeTest, NodesArePutBackWithoutMemory) {
+  const std::vector<std::string> names{"file", "one more", "a third"};
+  std::vector<CHostFsNodePtr> files;
+  for (const std::string& name : names)
+    files.push_back(root_->Child(name));
+  std::vector<CHostFsNodePtr> others;
+  // At some of these numbers the children fill their buckets.
+  for (int count = 0; count < 60; ++count) {
+    for (const std::string& name : names)
+      root_->TakeChild(name);
+    others.push_back(root_->Child("other" + std::to_string(count)));
+    {
+      const test::RefusedRequest refusal(0);
+      for (const CHostFsNodePtr& file : files)
+        root_->PutBack(file);
+      EXPECT_FALSE(refusal.HasHappened()) << count;
+    }
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      EXPECT_EQ(root_->Child(names[i]), files[i]) << count;
+      EXPECT_EQ(files[i]->Path(), "/nowhere/" + names[i]);
+    }
+    for (const CHostFsNodePtr& other : others)
+      EXPECT_EQ(root_->Child(other->Path().substr(9)), other);
+  }
 }
 
 }  // namespace
