@@ -40,7 +40,15 @@ RemoteVfsClient::RemoteVfsClient(const std::string& pipeName, std::uint32_t conn
 void RemoteVfsClient::Ask(const PipeHandler::SExchange& exchange) {
   if (IsBroken())
     throw exc::runtime_exc_t("Restore agent is not available.");
-  if (pipeHandler_->Transact(exchange, responseTimeoutMs_))
+  bool isAnswered = false;
+  try {
+    isAnswered = pipeHandler_->Transact(exchange, responseTimeoutMs_);
+  } catch (...) {
+    // The next question might be given the reply to this one.
+    broken_.store(true, std::memory_order_relaxed);
+    throw;
+  }
+  if (isAnswered)
     return;
   broken_.store(true, std::memory_order_relaxed);
   throw exc::runtime_exc_t("Timed out waiting for the response from restore agent.");

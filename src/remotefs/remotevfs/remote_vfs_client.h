@@ -27,7 +27,7 @@ class RemoteVfsClient {
   RemoteVfsClient(const RemoteVfsClient&) = delete;
   RemoteVfsClient& operator=(const RemoteVfsClient&) = delete;
 
-  /// Whether a reply failed to come. Never false again: a broken client is replaced.
+  /// Whether a reply failed to come, or to be received. Never false again: a broken client is replaced.
   bool IsBroken() const noexcept { return broken_.load(std::memory_order_relaxed); }
 
   boost::shared_ptr<VfsItemsArray> Enumerate(std::string_view path);

@@ -13,6 +13,7 @@
 #include "support/captured_log.h"
 #include "support/failure_text.h"
 #include "support/fake_mount_agent.h"
+#include "support/refused_memory.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -360,6 +361,31 @@ TEST_F(RemoteVfsClientTest, SomethingUnaskedIsNobodysAnswer) {
   client->StopEvent()->Set();
   ExpectBroken(*client);
   EXPECT_EQ(agent_->Requests().size(), 1U);
+}
+
+TEST_F(RemoteVfsClientTest, AReplyThatMemoryIsRefusedToIsNobodyElses) {
+  constexpr std::uint32_t Files = 300;
+  for (std::uint32_t i = 0; i < Files; ++i)
+    agent_->SetFile("file" + std::to_string(i), {});
+  std::size_t broken = 0;
+  test::UntilNoneIsRefused([&](std::size_t granted) {
+    const auto client = MakeClient(Short);
+    bool isRefused = false;
+    std::size_t found = 0;
+    {
+      const test::RefusedRequest refusal(granted);
+      try {
+        found = client->Enumerate()->Size();
+      } catch (const std::bad_alloc&) {
+      }
+      isRefused = refusal.HasHappened();
+    }
+    EXPECT_EQ(found, isRefused ? 0 : Files) << granted;
+    broken += client->IsBroken() ? 1 : 0;
+    EXPECT_EQ(client->IsBroken() ? Files : client->Enumerate()->Size(), Files) << granted;
+    return isRefused;
+  });
+  EXPECT_GT(broken, 0U);
 }
 
 TEST_F(RemoteVfsClientTest, AnEventAbandonsTheRequest) {
