@@ -185,8 +185,8 @@ void folder_names_t::Remember(const file_id_t& id, memory_t memory) {
   if (memory.names.size() > MaxNames) {
     return;
   }
-  rememberedNames_ += memory.names.size();
-  memories_.emplace(id, std::move(memory));
+  const auto added = memories_.emplace(id, std::move(memory)).first;
+  rememberedNames_ += added->second.names.size();
   while (memories_.size() > MaxFolders || rememberedNames_ > MaxNames) {
     const auto oldest = std::min_element(memories_.begin(), memories_.end(), [](const auto& left, const auto& right) {
       return left.second.lastUse < right.second.lastUse;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <boost/make_shared.hpp>
 #include <cerrno>
+#include <thread>
 #include <utility>
 
 #include "config/reg_config_ports.h"
@@ -24,6 +25,7 @@ constexpr std::chrono::milliseconds ProbePause{1000};
 constexpr std::uint32_t RegistrationLimitMs = 1000;
 /// How long accepting rests when the process is out of descriptors or memory.
 constexpr std::chrono::milliseconds AcceptRest{100};
+constexpr std::chrono::milliseconds MemoryRest{10};
 /// Replies to datagrams go without it.
 constexpr std::size_t MarkSize = 4;
 
@@ -163,8 +165,12 @@ void CProtocolServer::WaitForEvent() {
   }
   const int ready = ::poll(handles_.data(), handleCount_, limitMs);
   if (ready < 0) {
-    if (errno != EINTR)
+    if (errno == ENOMEM) {
+      // The system is short of it for now.
+      std::this_thread::sleep_for(MemoryRest);
+    } else if (errno != EINTR) {
       throw exc::win_sys_exc_t("Wait error.", platform::LastError());
+    }
     for (pollfd& handle : handles_)
       handle.revents = 0;
   }
@@ -196,7 +202,8 @@ void CProtocolServer::Accept(place_t place) {
   }
 }
 
-/// The connection stays in the listener's queue: at once it would be found there again.
+/// What could not be accepted stays in the listener's queue, where it would be found again at once. A connection that
+/// was accepted and for which there is no memory is closed.
 void CProtocolServer::RestListeners(const std::exception& failure) {
   if (!std::exchange(restTold_, true)) {
     g_nfs_log.Warning("Short of descriptors or memory. Accepting is tried again until it succeeds.", failure);
