@@ -185,7 +185,7 @@ void CFsItemsTab::TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t&
     return;
   if (!rec.IsFolder()) {
     // A file in a folder's place: what was below the folder has no way to it any more.
-    DeleteChildren(fid, nullptr, removed);
+    DeleteBelow(fid, nullptr, removed);
     return;
   }
   // Mounts on the folder outlive its being made or found once more.
@@ -227,18 +227,18 @@ void CFsItemsTab::RemoveAndLog(const Removal& removal) {
 }
 
 void CFsItemsTab::RemoveItem(std::uint64_t fid) {
-  RemoveAndLog([&](changes_t& removed) { Delete(fid, nullptr, false, removed); });
+  RemoveAndLog([&](changes_t& removed) { Delete(fid, nullptr, removed); });
 }
 
 void CFsItemsTab::RemoveItemForMount(std::uint64_t fid, const GUID& mountUid) {
-  RemoveAndLog([&](changes_t& removed) { Delete(fid, &mountUid, false, removed); });
+  RemoveAndLog([&](changes_t& removed) { Delete(fid, &mountUid, removed); });
 }
 
 void CFsItemsTab::RemoveChild(std::uint64_t parentFid, const std::string& name) {
   RemoveAndLog([&](changes_t& removed) {
     const std::uint64_t fid = LookupChild(parentFid, name);
     if (fid != InvalidFid)
-      Delete(fid, nullptr, false, removed);
+      Delete(fid, nullptr, removed);
   });
 }
 
@@ -247,7 +247,7 @@ void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name
   RemoveAndLog([&](changes_t& removed) {
     const CNfsListingIndex::SEntry* const found = FindIndexed(parentFid, name);
     if (found != nullptr && found->fid == fid && (item == nullptr || found->rec->Item().get() == item))
-      Delete(fid, nullptr, false, removed);
+      Delete(fid, nullptr, removed);
   });
 }
 
@@ -308,7 +308,7 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const 
 
     const CNfsListingIndex::SEntry* const occupied = FindIndexed(newParentFid, newName);
     if (occupied != nullptr && occupied->fid != fid)
-      Delete(occupied->fid, nullptr, false, removed);
+      Delete(occupied->fid, nullptr, removed);
 
     FreeStoredPlace(newParentFid, newName, fid);
     NoteMove(fid, *rec, newParentFid, newName);
