@@ -147,6 +147,7 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
   FreeStoredPlace(parentFid, prepared.name, fid);
   const auto rec =
       boost::make_shared<CNfsItemRec>(prepared.name, parentFid, parent->share, prepared.item, prepared.spec.mountUid);
+  NoteUnwritten(fid);
   const rec_ptr old = wasFound ? FindRec(fid) : nullptr;
   if (wasFound)
     TakeOverOldRec(*rec, fid, removed);
@@ -155,8 +156,10 @@ std::uint64_t CFsItemsTab::AddPrepared(std::uint64_t parentFid, const SPrepared&
     PutListing(fid, rec);
   } catch (...) {
     // Nobody would find it, nor remove it.
-    if (!wasFound)
+    if (!wasFound) {
       items_.erase(fid);
+      NoteWritten(fid);
+    }
     throw;
   }
   WriteRecord(fid, [&] { StorePrepared(parentFid, fid, prepared, old.get()); });
@@ -295,6 +298,10 @@ void CFsItemsTab::Foresee(std::span<const SListingPlace> places) const {
 }
 
 void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName) {
+  MoveItem(fid, newParentFid, PrepareMove(fid, newName));
+}
+
+void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, CPreparedMove&& move) {
   RemoveAndLog([&](changes_t& removed) {
     const rec_ptr rec = FindRec(fid);
     if (!rec)
@@ -306,16 +313,28 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const 
     if (IsSameOrBelow(newParentFid, fid))
       throw CVirtualFsExc(NFS3ERR_INVAL);
 
-    const CNfsListingIndex::SEntry* const occupied = FindIndexed(newParentFid, newName);
+    const CNfsListingIndex::SEntry* const occupied = FindIndexed(newParentFid, move.name_);
     if (occupied != nullptr && occupied->fid != fid)
       Delete(occupied->fid, nullptr, removed);
 
-    FreeStoredPlace(newParentFid, newName, fid);
-    NoteMove(fid, *rec, newParentFid, newName);
-    EraseListing(*rec, fid);
-    rec->name = newName;
+    FreeStoredPlace(newParentFid, move.name_, fid);
+    NoteMove(fid, *rec, newParentFid, move);
+    const auto listed = listing_.find(SListingPlace{rec->parentFid, rec->name});
+    CNfsListingTab::node_type entry;
+    if (listed != listing_.end() && listed->fid == fid) {
+      listingIndex_.Erase({rec->parentFid, rec->name});
+      entry = listing_.extract(listed);
+      NoteFolderChange(rec->parentFid);
+    }
+    rec->name.swap(move.name_);
     rec->parentFid = newParentFid;
-    PutListing(fid, rec);
+    if (entry.empty()) {
+      PutListing(fid, rec);
+      return;
+    }
+    listing_.insert(std::move(entry));
+    listingIndex_.Insert(fid, *rec);
+    NoteFolderChange(newParentFid);
   });
 }
 

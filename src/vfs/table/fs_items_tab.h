@@ -125,6 +125,12 @@ class CFsItemsTab {
   /// Gives the item a new place under the same FID; an item that stands there is dropped. The registry keeps the old
   /// place until that is taken by another item, be it added or moved. Throws 22 for a place below the item itself.
   void MoveItem(std::uint64_t fid, std::uint64_t newParentFid, const std::string& newName);
+  /// The memory that a move of the item takes. To be had before a backend is asked for the same move, which it does not
+  /// take back.
+  class CPreparedMove;
+  CPreparedMove PrepareMove(std::uint64_t fid, const std::string& newName) const;
+  /// Takes no memory unless the item has been moved since, or something stands at the place.
+  void MoveItem(std::uint64_t fid, std::uint64_t newParentFid, CPreparedMove&& move);
   /// To be called before a backend puts something at the place: from here on no item that was moved away from it comes
   /// back there after a restart, nor one that was removed, whatever becomes of the backend's work. moverFid: the item
   /// that is to stand there, if it is one already. Throws when the registry cannot be brought to that.
@@ -218,6 +224,7 @@ class CFsItemsTab {
     SListingKey stored;
     bool hasLeftFolder = false;  ///< Its object did not follow it: a backend renames within one folder.
   };
+  using moved_items_t = std::map<std::uint64_t, SMoved>;
   /// A new item with what had to be asked of it before the lock was taken.
   struct SPrepared {
     const std::string& name;
@@ -255,13 +262,14 @@ class CFsItemsTab {
   void StorePrepared(std::uint64_t parentFid, std::uint64_t fid, const SPrepared& prepared, const CNfsItemRec* old);
   void TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t& removed);
   void FreeStoredPlace(std::uint64_t parentFid, const std::string& name, std::uint64_t moverFid);
-  void NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid, const std::string& newName);
+  void NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid, CPreparedMove& move);
   void ForgetMove(std::uint64_t fid);
-  /// Runs a write of the item's record; one that fails is remembered.
+  /// Runs a write of the item's record, after NoteUnwritten; one that fails stays noted.
   template <typename Write>
   void WriteRecord(std::uint64_t fid, const Write& write);
+  /// To be called before a change that the item's record has to follow: afterwards there may be no memory for the note.
   void NoteUnwritten(std::uint64_t fid);
-  void NoteWritten(std::uint64_t fid);
+  void NoteWritten(std::uint64_t fid) noexcept;
   void DeleteAgain(std::uint64_t fid);
   /// What the registry still has of items that are none any more. Throws at the first that fails.
   void DeleteAllAgain();
@@ -310,7 +318,7 @@ class CFsItemsTab {
   // Stored places of items that were moved away from them: place to FID, FID to place. No other item stands at one of
   // these places.
   places_t movedFrom_;
-  std::map<std::uint64_t, SMoved> movedItems_;
+  moved_items_t movedItems_;
   // Items whose record is not what it should be; those that are no items any more should have none.
   std::set<std::uint64_t> unwritten_;
   std::atomic<bool> hasUnwritten_ = false;  // Also read without the lock.
@@ -318,6 +326,16 @@ class CFsItemsTab {
   CWrites* writes_ = nullptr;               // Those of the transaction under way.
 
   const boost::shared_ptr<CRegConfigUpdateSink> updateSink_;
+};
+
+class CFsItemsTab::CPreparedMove {
+ private:
+  friend class CFsItemsTab;
+
+  std::string name_;
+  SListingKey stored_;  // Where the item is.
+  moved_items_t::node_type moved_;
+  places_t::node_type place_;
 };
 
 /// The item; throws CVirtualFsExc 70 for an unknown FID.

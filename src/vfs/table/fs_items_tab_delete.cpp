@@ -71,6 +71,7 @@ void CFsItemsTab::DeleteBelow(std::uint64_t fid, const GUID* mountUid, changes_t
 
 void CFsItemsTab::DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t& removed) {
   removed.push_back({rec.name, fid, rec.parentFid, true});
+  NoteUnwritten(fid);
   DropRec(fid, rec);
   WriteRecord(fid, [&] { updateSink_->OnItemDeleted(fid, nullptr); });
 }
@@ -108,8 +109,7 @@ void CFsItemsTab::RemoveShare(const GUID& uid, const fs_store_t& store, changes_
   for (const SChange& change : gone) {
     if (const rec_ptr rec = FindRec(change.fid))
       DropRec(change.fid, *rec);
-    if (!unwritten_.empty())
-      NoteWritten(change.fid);
+    NoteWritten(change.fid);
   }
   if (share != shares_.end())
     shares_.erase(share);
@@ -152,14 +152,33 @@ CFsItemsTab::CNfsListingTab::const_iterator CFsItemsTab::FirstChild(std::uint64_
   return listing_.lower_bound(SListingPlace{parentFid, {}});
 }
 
-void CFsItemsTab::NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid,
-                           const std::string& newName) {
-  const auto [moved, isFirstMove] = movedItems_.try_emplace(fid, SMoved{{rec.parentFid, rec.name}});
-  if (isFirstMove)
-    movedFrom_.insert_or_assign(moved->second.stored, fid);
+CFsItemsTab::CPreparedMove CFsItemsTab::PrepareMove(std::uint64_t fid, const std::string& newName) const {
+  CPreparedMove move;
+  move.name_ = newName;
+  const lock_t lock(mutex_);
+  const rec_ptr rec = FindRec(fid);
+  if (!rec || movedItems_.contains(fid))
+    return move;
+  move.stored_ = {rec->parentFid, rec->name};
+  moved_items_t moved{{fid, SMoved{move.stored_}}};
+  places_t place{{move.stored_, fid}};
+  move.moved_ = moved.extract(moved.begin());
+  move.place_ = place.extract(place.begin());
+  return move;
+}
+
+void CFsItemsTab::NoteMove(std::uint64_t fid, const CNfsItemRec& rec, std::uint64_t newParentFid, CPreparedMove& move) {
+  auto moved = movedItems_.find(fid);
+  if (moved == movedItems_.end()) {
+    if (move.moved_.empty() || move.stored_.parentFid != rec.parentFid || move.stored_.name != rec.name)
+      move = PrepareMove(fid, move.name_);
+    moved = movedItems_.insert(std::move(move.moved_)).position;
+    if (auto put = movedFrom_.insert(std::move(move.place_)); !put.inserted)
+      put.position->second = fid;
+  }
   moved->second.hasLeftFolder = moved->second.hasLeftFolder || rec.parentFid != newParentFid;
   const SListingKey& stored = moved->second.stored;
-  if (!moved->second.hasLeftFolder && stored.parentFid == newParentFid && stored.name == newName)
+  if (!moved->second.hasLeftFolder && stored.parentFid == newParentFid && stored.name == move.name_)
     ForgetMove(fid);
 }
 

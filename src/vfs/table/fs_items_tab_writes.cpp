@@ -5,9 +5,11 @@
 void CFsItemsTab::NoteUnwritten(std::uint64_t fid) {
   unwritten_.insert(fid);
   hasUnwritten_.store(true, std::memory_order_relaxed);
+  if (writes_ != nullptr)
+    writes_->Add(fid);
 }
 
-void CFsItemsTab::NoteWritten(std::uint64_t fid) {
+void CFsItemsTab::NoteWritten(std::uint64_t fid) noexcept {
   unwritten_.erase(fid);
   hasUnwritten_.store(!unwritten_.empty(), std::memory_order_relaxed);
 }

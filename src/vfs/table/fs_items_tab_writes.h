@@ -2,34 +2,26 @@
 #pragma once
 
 #include <cstdint>
-#include <exception>
 #include <vector>
 
 #include "config/reg_config_update_sink.h"
 #include "vfs/table/fs_items_tab.h"
 
-/// Makes the table's writes one transaction, from here to Commit. When it fails, all of them are remembered as
-/// unwritten. Under the table's lock, and none inside another.
+/// Makes the table's writes one transaction, from here to Commit. When it fails, all of them stay noted as unwritten.
+/// Under the table's lock, and none inside another.
 class CFsItemsTab::CWrites {
  public:
   explicit CWrites(CFsItemsTab& tab) : tab_(tab), batch_(*tab.updateSink_) { tab_.writes_ = this; }
   CWrites(const CWrites&) = delete;
   CWrites& operator=(const CWrites&) = delete;
-  ~CWrites() {
-    tab_.writes_ = nullptr;
-    try {
-      for (const std::uint64_t fid : fids_)
-        tab_.NoteUnwritten(fid);
-    } catch (const std::exception&) {
-      // There is no memory for the note either.
-    }
-  }
+  ~CWrites() { tab_.writes_ = nullptr; }
 
   void Add(std::uint64_t fid) { fids_.push_back(fid); }
   /// Once, at the end. Throws when nothing was stored.
   void Commit() {
     batch_.Commit();
-    fids_.clear();
+    for (const std::uint64_t fid : fids_)
+      tab_.NoteWritten(fid);
   }
 
  private:
@@ -40,14 +32,7 @@ class CFsItemsTab::CWrites {
 
 template <typename Write>
 void CFsItemsTab::WriteRecord(std::uint64_t fid, const Write& write) {
-  if (writes_ != nullptr)
-    writes_->Add(fid);
-  try {
-    write();
-  } catch (const std::exception&) {
-    NoteUnwritten(fid);
-    throw;
-  }
-  if (!unwritten_.empty())
+  write();
+  if (writes_ == nullptr)
     NoteWritten(fid);
 }

@@ -399,8 +399,9 @@ void CVirtualFs::RenameEntry(const RENAME3args& args, const sockaddr_in& client,
       itemsTab_->RemoveChildIf(fromDir, toName, replaced);
   }
   const CRenameMark mark(renamesBegun_, renamesEnded_);
+  auto move = itemsTab_->PrepareMove(fid, toName);
   folder->RenameChild(fromName, toName);
-  itemsTab_->MoveItem(fid, toDir, toName);
+  itemsTab_->MoveItem(fid, toDir, std::move(move));
   g_nfs_log.Info("Item was renamed.");
 }
 
