@@ -49,17 +49,17 @@ void dumping_handler_t::SetGenerator(std::unique_ptr<win32::dump_gen_base_t> gen
 }
 
 void dumping_handler_t::ReserveDescriptors() noexcept {
-  for (int& descriptor : reserved_) {
+  for (; reservedCount_ < reserved_.size(); ++reservedCount_) {
+    const int descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (descriptor < 0)
-      descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+      return;
+    reserved_[reservedCount_] = descriptor;
   }
 }
 
 void dumping_handler_t::OnCrash(const exception_pointers_t& crash) noexcept {
-  for (const int descriptor : reserved_) {
-    if (descriptor >= 0)
-      ::close(descriptor);
-  }
+  for (std::size_t i = 0; i < reservedCount_; ++i)
+    ::close(reserved_[i]);
   crash_log_t log(logPath_.CStr());
   auto handle = [&] { Handle(crash, log); };
   failure_t failure;

@@ -34,7 +34,10 @@ class dumping_handler_t : public crash_handler_t {
   /// Owned; never destroyed with the process, which may crash until the very end.
   std::atomic<win32::dump_gen_base_t*> generator_{nullptr};
   deinit_seq_t deinitSeq_;
-  std::array<int, 8> reserved_{-1, -1, -1, -1, -1, -1, -1, -1};
+  /// For the log, the dump, the pipe by which the walk tries addresses, and the image of each module on the stack with
+  /// its debug information.
+  std::array<int, 16> reserved_{};
+  std::size_t reservedCount_ = 0;
 };
 
 /// The process's one.
