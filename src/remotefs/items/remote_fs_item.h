@@ -49,8 +49,6 @@ class CRemoteFsAccess {
 template <typename Base>
 class CRemoteFsItem : public Base {
  public:
-  /// Whether it came through the connection.
-  bool IsOf(const CRemoteFsConnector& connector) const noexcept { return connector_.get() == &connector; }
   /// The agent knows of no permissions: the times alone change.
   void SetPermissions(bool /*read*/, bool /*write*/) override { times_.NoteWrite(); }
   void SetTimes(const FILETIME* creation, const FILETIME* lastAccess, const FILETIME* lastWrite) override {

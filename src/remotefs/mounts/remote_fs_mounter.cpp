@@ -1,8 +1,6 @@
 #include "remotefs/mounts/remote_fs_mounter.h"
 
 #include <boost/make_shared.hpp>
-#include <exception>
-#include <utility>
 #include <vector>
 
 #include "foundation/log.h"
@@ -37,13 +35,6 @@ boost::shared_ptr<CRemoteFsFile> AsRemoteFile(const boost::shared_ptr<IFsItem>& 
   const auto wrapper = boost::dynamic_pointer_cast<CAsyncFsFileWrapper>(item);
   return wrapper ? boost::dynamic_pointer_cast<CRemoteFsFile>(wrapper->File())
                  : boost::dynamic_pointer_cast<CRemoteFsFile>(item);
-}
-
-bool IsOf(const boost::shared_ptr<IFsItem>& item, const CRemoteFsConnector& connector) {
-  if (const auto folder = boost::dynamic_pointer_cast<CRemoteFsFolder>(item))
-    return folder->IsOf(connector);
-  const auto file = AsRemoteFile(item);
-  return file && file->IsOf(connector);
 }
 
 /// Runs a removal; a client may have been faster.
@@ -116,7 +107,7 @@ void CRemoteFsMounter::Resume(const mounts_cfg_t& mountsCfg) {
 }
 
 void CRemoteFsMounter::Mount(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg,
-                             const fs_store_t& store) {
+                             const store_t& store) {
   // The catalogue would take its items for the host's.
   if (mountUid.IsNil())
     throw exc::runtime_exc_t("A backup mount cannot have the ID [%1].", platform::GuidToText(mountUid));
@@ -124,8 +115,9 @@ void CRemoteFsMounter::Mount(const GUID& mountUid, const boost::shared_ptr<CBack
   LogMount(mountUid, *cfg);
   const auto connector = MakeConnector(cfg);
   connector->Connect();
-  const mount_t replaced = FindMount(mountUid);
-  RunStored(store, [&](const fs_store_t& watched) { Publish(mountUid, {cfg, connector}, replaced, watched); });
+  Publish(mountUid, {cfg, connector}, FindMount(mountUid));
+  if (store)
+    store();
 }
 
 std::uint64_t CRemoteFsMounter::FindMountFolder(const CBackupMountCfg& cfg) {
@@ -135,19 +127,15 @@ std::uint64_t CRemoteFsMounter::FindMountFolder(const CBackupMountCfg& cfg) {
   return fid;
 }
 
-void CRemoteFsMounter::Publish(const GUID& mountUid, const mount_t& mount, const mount_t& replaced,
-                               const fs_store_t& store) {
+void CRemoteFsMounter::Publish(const GUID& mountUid, const mount_t& mount, const mount_t& replaced) {
   const CBackupMountCfg& cfg = *mount.first;
   try {
     const std::uint64_t fid = FindMountFolder(cfg);
-    const std::uint64_t formerFid = replaced.second ? FindFolder(*replaced.first) : InvalidFid;
-    const auto folder = boost::make_shared<CRemoteFsFolder>(mount.second, "", mountUid);
-    mounts_t entry{{mountUid, mount}};
     // All that may be refused comes before anything of the replaced one goes.
-    itemsTab_->MountMirroredFolder(fid, mountUid, folder, formerFid, store);
-    PutMount(entry.extract(entry.begin()));
+    itemsTab_->MountMirroredFolder(fid, mountUid, boost::make_shared<CRemoteFsFolder>(mount.second, "", mountUid));
+    PutMount(mountUid, mount);
     if (replaced.second)
-      Retire(mountUid, replaced);
+      Retire(mountUid, replaced, fid);
   } catch (const std::exception& failure) {
     exc::ChainAndThrow(
         "Failed to publish backup items. VM: [%1]. Comment: [%2]. NFS mount point: [%3]. Mount ID: [%4].", failure,
@@ -155,35 +143,38 @@ void CRemoteFsMounter::Publish(const GUID& mountUid, const mount_t& mount, const
   }
 }
 
-void CRemoteFsMounter::Retire(const GUID& mountUid, const mount_t& mount) {
+void CRemoteFsMounter::Retire(const GUID& mountUid, const mount_t& replaced, std::uint64_t folderFid) {
   try {
     // What came through the connector before would wait for it for ever.
-    RemoveItems(mountUid, mount);
+    RemoveItems(mountUid, *replaced.first, folderFid);
   } catch (...) {
-    mount.second->Stop();
+    replaced.second->Stop();
     throw;
   }
-  mount.second->Stop();
+  replaced.second->Stop();
 }
 
-void CRemoteFsMounter::Dismount(const GUID& mountUid, const fs_store_t& store) {
+void CRemoteFsMounter::Dismount(const GUID& mountUid, const store_t& store) {
   const CChange change(*this, mountUid);
-  const mount_t mount = FindMount(mountUid);
-  if (!mount.second)
+  if (const mount_t mount = FindMount(mountUid); mount.second) {
+    Withdraw(mountUid, mount);
+  } else {
     g_nfs_log.Warning("Mount configuration \"%1\" was not found.", platform::GuidToText(mountUid));
-  // Without the folder's backing nothing of the mount can come in any more.
-  itemsTab_->DismountMirroredFolder(mount.second ? FindFolder(*mount.first) : InvalidFid, mountUid, store);
-  if (!mount.second)
-    return;
+  }
+  if (store)
+    store();
+}
+
+void CRemoteFsMounter::Withdraw(const GUID& mountUid, const mount_t& mount) {
+  RemoveItems(mountUid, *mount.first, InvalidFid);
   {
     const std::lock_guard lock(lock_);
     mounts_.erase(mountUid);
   }
-  Retire(mountUid, mount);
+  mount.second->Stop();
 }
 
-void CRemoteFsMounter::RemoveItems(const GUID& mountUid, const mount_t& mount) {
-  const CBackupMountCfg& cfg = *mount.first;
+void CRemoteFsMounter::RemoveItems(const GUID& mountUid, const CBackupMountCfg& cfg, std::uint64_t keptFid) {
   std::uint64_t rootFid = InvalidFid;
   boost::shared_ptr<CNfsShareCfg> share;
   if (!itemsTab_->GetShareCfg(cfg.nfsFolderID, rootFid, share)) {
@@ -191,33 +182,23 @@ void CRemoteFsMounter::RemoveItems(const GUID& mountUid, const mount_t& mount) {
                       platform::GuidToText(cfg.nfsFolderID));
     return;
   }
-  std::exception_ptr failure;
-  const auto remove = [&failure](const auto& removal) {
-    try {
-      RemoveIfThere(removal);
-    } catch (const std::exception&) {
-      failure = failure ? failure : std::current_exception();
-    }
-  };
   std::vector<std::uint64_t> folders{rootFid};
   std::vector<SNfsChild> children;
   while (!folders.empty()) {
     const std::uint64_t folder = folders.back();
     folders.pop_back();
-    // A folder that was moved since the mount was published.
-    if (IsOf(itemsTab_->GetItemForMount(folder, mountUid), *mount.second))
-      remove([&] { itemsTab_->RemoveItemForMount(folder, mountUid); });
+    // The folder's own backing first: without it nothing of the mount can come in any more.
+    if (folder != keptFid && itemsTab_->GetItemForMount(folder, mountUid))
+      RemoveIfThere([&] { itemsTab_->RemoveItemForMount(folder, mountUid); });
     itemsTab_->ListChildren(folder, children);
     for (const SNfsChild& child : children) {
       if (boost::dynamic_pointer_cast<IFsFolder>(child.item)) {
         folders.push_back(child.fid);
-      } else if (IsOf(child.item, *mount.second)) {
-        remove([&] { itemsTab_->RemoveChildIf(folder, child.name, child.fid, child.item.get()); });
+      } else if (itemsTab_->GetItemForMount(child.fid, mountUid)) {
+        RemoveIfThere([&] { itemsTab_->RemoveItem(child.fid); });
       }
     }
   }
-  if (failure)
-    std::rethrow_exception(failure);
 }
 
 CRemoteFsMounter::mount_t CRemoteFsMounter::FindMount(const GUID& mountUid) const {
@@ -226,22 +207,9 @@ CRemoteFsMounter::mount_t CRemoteFsMounter::FindMount(const GUID& mountUid) cons
   return mount == mounts_.end() ? mount_t() : mount->second;
 }
 
-void CRemoteFsMounter::PutMount(mounts_t::node_type&& entry) noexcept {
+void CRemoteFsMounter::PutMount(const GUID& mountUid, const mount_t& mount) {
   const std::lock_guard lock(lock_);
-  if (auto put = mounts_.insert(std::move(entry)); !put.inserted)
-    put.position->second = std::move(put.node.mapped());
-}
-
-std::uint64_t CRemoteFsMounter::FindFolder(const CBackupMountCfg& cfg) const {
-  std::uint64_t fid = InvalidFid;
-  boost::shared_ptr<CNfsShareCfg> share;
-  if (!itemsTab_->GetShareCfg(cfg.nfsFolderID, fid, share))
-    return InvalidFid;
-  for (const std::string_view component : platform::SplitPath(cfg.mountPoint)) {
-    if (fid != InvalidFid)
-      fid = itemsTab_->LookupChild(fid, component);
-  }
-  return fid;
+  mounts_.insert_or_assign(mountUid, mount);
 }
 
 std::uint64_t CRemoteFsMounter::FindRootFid(const GUID& mountUid) const {
@@ -254,11 +222,13 @@ std::uint64_t CRemoteFsMounter::FindRootFid(const GUID& mountUid) const {
   boost::shared_ptr<CNfsShareCfg> share;
   if (!itemsTab_->GetShareCfg(cfg.nfsFolderID, fid, share))
     throw exc::runtime_exc_t("NFS share with ID [%1] does not exists.", shareText);
-  fid = FindFolder(cfg);
-  if (fid == InvalidFid) {
-    throw exc::runtime_exc_t(
-        "NFS root of the mounted backup items ([%1]:[%2]) is not registered in the NFS items catalog.", shareText,
-        cfg.mountPoint);
+  for (const std::string_view component : platform::SplitPath(cfg.mountPoint)) {
+    fid = itemsTab_->LookupChild(fid, component);
+    if (fid == InvalidFid) {
+      throw exc::runtime_exc_t(
+          "NFS root of the mounted backup items ([%1]:[%2]) is not registered in the NFS items catalog.", shareText,
+          cfg.mountPoint);
+    }
   }
   g_nfs_log.Info("Found root of the RFS: [%1:%2].", shareText, cfg.mountPoint);
   return fid;
@@ -274,7 +244,7 @@ std::uint64_t CRemoteFsMounter::ResolveMountRootFid(const GUID& mountUid) const 
 }
 
 void CRemoteFsMounter::GetMounts(bool connected, connectors_t& mounts) const {
-  mounts_t all;
+  std::map<GUID, mount_t> all;
   {
     const std::lock_guard lock(lock_);
     all = mounts_;

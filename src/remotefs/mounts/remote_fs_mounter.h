@@ -4,6 +4,7 @@
 #include <boost/shared_ptr.hpp>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <mutex>
@@ -15,7 +16,6 @@
 #include "config/backup_mount_cfg.h"
 #include "platform/guid.h"
 #include "remotefs/items/remote_fs_connector.h"
-#include "vfs/table/stored_change.h"
 
 class CCompletionEventsAllocator;
 class CFsItemsTab;
@@ -29,6 +29,7 @@ class CRemoteFsMounter {
  public:
   using mounts_cfg_t = std::map<GUID, boost::shared_ptr<CBackupMountCfg>>;
   using connectors_t = std::map<GUID, boost::shared_ptr<CRemoteFsConnector>>;
+  using store_t = std::function<void()>;
 
   /// Resumes the stored mounts. One whose agent is away is no failure; one whose folder is not there is thrown.
   CRemoteFsMounter(const mounts_cfg_t& mountsCfg, boost::shared_ptr<CFsItemsTab> itemsTab,
@@ -40,13 +41,11 @@ class CRemoteFsMounter {
   ~CRemoteFsMounter();
 
   /// Publishes a mount, in the place of one with the same identity. A failure to reach the agent, to find the folder or
-  /// to store changes nothing, and what store throws passes through. When items of the replaced mount cannot be taken
-  /// out of the registry, the new one is published and stored all the same, and that is thrown.
-  void Mount(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg, const fs_store_t& store = {});
-  /// Withdraws a mount and its items. An unknown one is no fault, and store is called for it too. A failure to store
-  /// changes nothing; when items cannot be taken out of the registry, the mount is withdrawn all the same, and that is
-  /// thrown.
-  void Dismount(const GUID& mountUid, const fs_store_t& store = {});
+  /// to store its backing changes nothing. store: called once the mount stands, before another change of it begins;
+  /// what it throws passes through, and the mount stays.
+  void Mount(const GUID& mountUid, const boost::shared_ptr<CBackupMountCfg>& cfg, const store_t& store = {});
+  /// Withdraws a mount and its items. An unknown one is no fault. store: as with Mount, also for an unknown one.
+  void Dismount(const GUID& mountUid, const store_t& store = {});
   /// The folder on which the mount is published. Every failure is told as "Failed to resolve RFS mount UID to FID.
   /// Mount UID: [%1]." with its cause.
   std::uint64_t ResolveMountRootFid(const GUID& mountUid) const;
@@ -61,7 +60,6 @@ class CRemoteFsMounter {
 
  private:
   using mount_t = std::pair<boost::shared_ptr<CBackupMountCfg>, boost::shared_ptr<CRemoteFsConnector>>;
-  using mounts_t = std::map<GUID, mount_t>;
   class CChange;
 
   void Resume(const mounts_cfg_t& mountsCfg);
@@ -70,17 +68,15 @@ class CRemoteFsMounter {
   std::uint64_t FindMountFolder(const CBackupMountCfg& cfg);
   /// replaced: what the mount showed before and shows no more; empty when it is new. A failure to show the new one
   /// leaves that as it is.
-  void Publish(const GUID& mountUid, const mount_t& mount, const mount_t& replaced, const fs_store_t& store = {});
-  /// mount: shows nothing in its folder any more.
-  void Retire(const GUID& mountUid, const mount_t& mount);
+  void Publish(const GUID& mountUid, const mount_t& mount, const mount_t& replaced);
+  /// folderFid: where the mount is from now on.
+  void Retire(const GUID& mountUid, const mount_t& replaced, std::uint64_t folderFid);
   mount_t FindMount(const GUID& mountUid) const;
-  /// The entry of a mount, which may be one already, in the table of mounts. Takes no memory.
-  void PutMount(mounts_t::node_type&& entry) noexcept;
+  void PutMount(const GUID& mountUid, const mount_t& mount);
   std::uint64_t FindRootFid(const GUID& mountUid) const;
-  /// InvalidFid when the share or the folder is not there.
-  std::uint64_t FindFolder(const CBackupMountCfg& cfg) const;
-  /// Removes what came through the mount's connection, and goes on past failures; the first is thrown at the end.
-  void RemoveItems(const GUID& mountUid, const mount_t& mount);
+  void Withdraw(const GUID& mountUid, const mount_t& mount);
+  /// keptFid: a folder that stays the mount's, without what the mount has in it; InvalidFid for none.
+  void RemoveItems(const GUID& mountUid, const CBackupMountCfg& cfg, std::uint64_t keptFid);
   bool ReconnectItem(std::uint64_t fid, const GUID& mountUid);
   void LogReconnected(std::string_view pattern, std::uint64_t fid) const;
   void GetMounts(bool connected, connectors_t& mounts) const;
@@ -91,7 +87,7 @@ class CRemoteFsMounter {
   const SRemoteFsLimits limits_;
 
   mutable std::mutex lock_;  // Guards all below.
-  mounts_t mounts_;
+  std::map<GUID, mount_t> mounts_;
   std::set<GUID> changing_;  // Mounts that are being published or withdrawn.
   std::condition_variable changed_;
 };

@@ -188,7 +188,7 @@ void CFsItemsTab::TakeOverOldRec(CNfsItemRec& rec, std::uint64_t fid, changes_t&
     return;
   if (!rec.IsFolder()) {
     // A file in a folder's place: what was below the folder has no way to it any more.
-    DeleteBelow(fid, nullptr, removed);
+    DeleteChildren(fid, nullptr, removed);
     return;
   }
   // Mounts on the folder outlive its being made or found once more.
@@ -230,18 +230,18 @@ void CFsItemsTab::RemoveAndLog(const Removal& removal) {
 }
 
 void CFsItemsTab::RemoveItem(std::uint64_t fid) {
-  RemoveAndLog([&](changes_t& removed) { Delete(fid, nullptr, removed); });
+  RemoveAndLog([&](changes_t& removed) { Delete(fid, nullptr, false, removed); });
 }
 
 void CFsItemsTab::RemoveItemForMount(std::uint64_t fid, const GUID& mountUid) {
-  RemoveAndLog([&](changes_t& removed) { Delete(fid, &mountUid, removed); });
+  RemoveAndLog([&](changes_t& removed) { Delete(fid, &mountUid, false, removed); });
 }
 
 void CFsItemsTab::RemoveChild(std::uint64_t parentFid, const std::string& name) {
   RemoveAndLog([&](changes_t& removed) {
     const std::uint64_t fid = LookupChild(parentFid, name);
     if (fid != InvalidFid)
-      Delete(fid, nullptr, removed);
+      Delete(fid, nullptr, false, removed);
   });
 }
 
@@ -250,7 +250,7 @@ void CFsItemsTab::RemoveChildIf(std::uint64_t parentFid, const std::string& name
   RemoveAndLog([&](changes_t& removed) {
     const CNfsListingIndex::SEntry* const found = FindIndexed(parentFid, name);
     if (found != nullptr && found->fid == fid && (item == nullptr || found->rec->Item().get() == item))
-      Delete(fid, nullptr, removed);
+      Delete(fid, nullptr, false, removed);
   });
 }
 
@@ -315,7 +315,7 @@ void CFsItemsTab::MoveItem(std::uint64_t fid, std::uint64_t newParentFid, CPrepa
 
     const CNfsListingIndex::SEntry* const occupied = FindIndexed(newParentFid, move.name_);
     if (occupied != nullptr && occupied->fid != fid)
-      Delete(occupied->fid, nullptr, removed);
+      Delete(occupied->fid, nullptr, false, removed);
 
     FreeStoredPlace(newParentFid, move.name_, fid);
     NoteMove(fid, *rec, newParentFid, move);

@@ -24,7 +24,6 @@
 #include "vfs/table/nfs_folder_dir_plus_cache.h"
 #include "vfs/table/nfs_item_rec.h"
 #include "vfs/table/nfs_name.h"
-#include "vfs/table/stored_change.h"
 
 class CRegConfigUpdateSink;
 struct CNfsShareCfg;
@@ -62,12 +61,11 @@ class CFsItemsTab {
   /// @name Shares
   /// @{
   /// Publishes rootItem as the root of the share. A wantedFid other than InvalidFid is one that the registry knows
-  /// already. Throws CNfsShareAlreadyRegisteredExc, wrapped, for an alias or a uid that is taken; after that and every
-  /// other failure nothing has changed.
+  /// already. Throws CNfsShareAlreadyRegisteredExc, wrapped, for an alias or a uid that is taken.
   void RegisterShare(const boost::shared_ptr<CNfsShareCfg>& cfg, const GUID& uid,
-                     const boost::shared_ptr<IFsItem>& rootItem, std::uint64_t wantedFid, const fs_store_t& store = {});
-  /// Removes the share and every item below it, or nothing when it throws. An unknown uid is no fault.
-  void UnregisterShare(const GUID& uid, const fs_store_t& store = {});
+                     const boost::shared_ptr<IFsItem>& rootItem, std::uint64_t wantedFid);
+  /// Removes the share and every item below it. An unknown uid is no fault.
+  void UnregisterShare(const GUID& uid);
   void GetShareUids(std::set<GUID>& uids) const;
   bool FindShareByAlias(const std::string& alias, GUID& uid) const;
   /// Throws for an unknown share.
@@ -150,14 +148,9 @@ class CFsItemsTab {
 
   /// @name Mounts
   /// @{
-  /// Adds a backing to a folder and to its stored record, or replaces the mount's. formerFid: a folder that has a
-  /// backing of the mount and loses it, or InvalidFid. Throws for an unknown FID, for a file, and when it cannot be
+  /// Adds a backing to a folder and to its stored record. Throws for an unknown FID, for a file, and when it cannot be
   /// stored; then nothing has changed.
-  void MountMirroredFolder(std::uint64_t folderFid, const GUID& mountUid, const boost::shared_ptr<IFsFolder>& mirror,
-                           std::uint64_t formerFid = InvalidFid, const fs_store_t& store = {});
-  /// Takes the mount's backing away from a folder, or nothing when it throws. A folder without one, and an unknown FID,
-  /// are no fault: then the storing is all.
-  void DismountMirroredFolder(std::uint64_t folderFid, const GUID& mountUid, const fs_store_t& store);
+  void MountMirroredFolder(std::uint64_t folderFid, const GUID& mountUid, const boost::shared_ptr<IFsFolder>& mirror);
   /// The object by which the mount backs the item.
   boost::shared_ptr<IFsItem> GetItemForMount(std::uint64_t fid, const GUID& mountUid) const;
   /// A copy; empty for an unknown FID and for a file.
@@ -241,7 +234,6 @@ class CFsItemsTab {
     bool wasFound;
   };
   using changes_t = std::vector<SChange>;
-  using mirrors_t = std::vector<boost::shared_ptr<IFsFolder>>;
   class CWrites;
 
   // All of these rely on the caller's lock, but for the writers of log lines, which are called without it.
@@ -273,15 +265,9 @@ class CFsItemsTab {
   void DeleteAgain(std::uint64_t fid);
   /// What the registry still has of items that are none any more. Throws at the first that fails.
   void DeleteAllAgain();
-  void Delete(std::uint64_t fid, const GUID* mountUid, changes_t& removed);
-  /// Calls visit(FID, record) for all items below a folder, those in a folder before it; visit may remove the item.
-  /// With a mount, folders that live without it lose its backing instead.
-  template <typename Visit>
-  void VisitBelow(std::uint64_t fid, const GUID* mountUid, const Visit& visit);
-  void DeleteBelow(std::uint64_t fid, const GUID* mountUid, changes_t& removed);
+  void Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot, changes_t& removed);
+  void DeleteChildren(std::uint64_t fid, const GUID* mountUid, changes_t& removed);
   void DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t& removed);
-  /// Takes the item out of all but the registry.
-  void DropRec(std::uint64_t fid, const CNfsItemRec& rec) noexcept;
   void PutRec(std::uint64_t fid, const rec_ptr& rec);
   /// To be called after each change of a folder's children or backings.
   void NoteFolderChange(std::uint64_t fid);
@@ -293,12 +279,7 @@ class CFsItemsTab {
   /// The child of that name, null for none. Until the table changes.
   const CNfsListingIndex::SEntry* FindIndexed(std::uint64_t parentFid, std::string_view name) const;
   void StoreMirror(std::uint64_t folderFid, const CNfsItemRec& rec, const GUID& mountUid, SFsItemSpec spec);
-  void RemoveShare(const GUID& uid, const fs_store_t& store, changes_t& removed);
-  /// The mount's backing of a folder besides the first, which is the host's; the end for none.
-  static mirrors_t::iterator FindMirror(mirrors_t& mirrors, const GUID& mountUid);
-  /// The backings of the folder if one of them is the mount's; null otherwise.
-  mirrors_t* MirrorsOf(std::uint64_t folderFid, const GUID& mountUid) const;
-  void EraseMirror(std::uint64_t folderFid, mirrors_t* mirrors, const GUID& mountUid);
+  void RemoveAndLogShare(const GUID& uid);
   void DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid);
   CNfsListingTab::const_iterator FirstChild(std::uint64_t parentFid) const;
   static bool LivesWithout(const CNfsItemRec& rec, const GUID* mountUid);

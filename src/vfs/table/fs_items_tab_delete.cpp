@@ -2,7 +2,6 @@
 #include <iterator>
 #include <utility>
 
-#include "config/nfs_share_cfg.h"
 #include "foundation/log.h"
 #include "vfs/items/virtual_fs_exc.h"
 #include "vfs/table/fs_items_tab_writes.h"
@@ -13,14 +12,14 @@ using lock_t = std::lock_guard<platform::brief_mutex_t<std::recursive_mutex>>;
 
 }  // namespace
 
-void CFsItemsTab::Delete(std::uint64_t fid, const GUID* mountUid, changes_t& removed) {
+void CFsItemsTab::Delete(std::uint64_t fid, const GUID* mountUid, bool isShareRoot, changes_t& removed) {
   const rec_ptr rec = GetRec(fid);
   if (LivesWithout(*rec, mountUid)) {
     DropMirror(fid, *rec, *mountUid);
     return;
   }
   // Asked before anything is removed: a share whose folder is away for a moment keeps its children's FIDs.
-  if (rec->parentFid == InvalidFid) {
+  if (rec->parentFid == InvalidFid && !isShareRoot) {
     throw exc::runtime_exc_t("Item [%1] refers to the root of the NFS share and cannot be deleted.", rec->name);
   }
   if (!rec->IsFolder()) {
@@ -28,13 +27,12 @@ void CFsItemsTab::Delete(std::uint64_t fid, const GUID* mountUid, changes_t& rem
     return;
   }
   CWrites writes(*this);
-  DeleteBelow(fid, mountUid, removed);
+  DeleteChildren(fid, mountUid, removed);
   DeleteOne(fid, *rec, removed);
   writes.Commit();
 }
 
-template <typename Visit>
-void CFsItemsTab::VisitBelow(std::uint64_t fid, const GUID* mountUid, const Visit& visit) {
+void CFsItemsTab::DeleteChildren(std::uint64_t fid, const GUID* mountUid, changes_t& removed) {
   // A walk with a stack of its own: how deep a tree goes is up to the clients.
   struct SStep {
     std::uint64_t fid;
@@ -61,59 +59,19 @@ void CFsItemsTab::VisitBelow(std::uint64_t fid, const GUID* mountUid, const Visi
       continue;
     }
     steps.pop_back();
-    visit(step.fid, *rec);
+    DeleteOne(step.fid, *rec, removed);
   }
-}
-
-void CFsItemsTab::DeleteBelow(std::uint64_t fid, const GUID* mountUid, changes_t& removed) {
-  VisitBelow(fid, mountUid, [&](std::uint64_t at, const CNfsItemRec& rec) { DeleteOne(at, rec, removed); });
 }
 
 void CFsItemsTab::DeleteOne(std::uint64_t fid, const CNfsItemRec& rec, changes_t& removed) {
   removed.push_back({rec.name, fid, rec.parentFid, true});
   NoteUnwritten(fid);
-  DropRec(fid, rec);
-  WriteRecord(fid, [&] { updateSink_->OnItemDeleted(fid, nullptr); });
-}
-
-void CFsItemsTab::DropRec(std::uint64_t fid, const CNfsItemRec& rec) noexcept {
   if (rec.parentFid != InvalidFid)
     EraseListing(rec, fid);
   slots_.ResetFolder(fid);
   ForgetMove(fid);
   items_.erase(fid);
-}
-
-void CFsItemsTab::RemoveShare(const GUID& uid, const fs_store_t& store, changes_t& removed) {
-  const auto share = shares_.find(uid);
-  if (share == shares_.end())
-    g_nfs_log.Info("Share already dismounted.");
-  else
-    g_nfs_log.Info("Share attributes: alias \"%1\", FID \"%2\", local path \"%3\".", share->second.cfg->nfsFolderName,
-                   share->second.rootFid, share->second.cfg->localPath);
-  const rec_ptr root = share == shares_.end() ? rec_ptr() : FindRec(share->second.rootFid);
-  // All that may be refused comes before anything of the share goes.
-  changes_t gone;
-  CRegConfigUpdateSink::CBatch batch(*updateSink_);
-  if (store)
-    store();
-  if (root) {
-    const auto remove = [&](std::uint64_t fid, const CNfsItemRec& rec) {
-      gone.push_back({rec.name, fid, rec.parentFid, true});
-      updateSink_->OnItemDeleted(fid, nullptr);
-    };
-    VisitBelow(share->second.rootFid, nullptr, remove);
-    remove(share->second.rootFid, *root);
-  }
-  batch.Commit();
-  for (const SChange& change : gone) {
-    if (const rec_ptr rec = FindRec(change.fid))
-      DropRec(change.fid, *rec);
-    NoteWritten(change.fid);
-  }
-  if (share != shares_.end())
-    shares_.erase(share);
-  removed.swap(gone);
+  WriteRecord(fid, [&] { updateSink_->OnItemDeleted(fid, nullptr); });
 }
 
 void CFsItemsTab::EraseListing(const CNfsItemRec& rec, std::uint64_t fid) {
@@ -134,18 +92,22 @@ bool CFsItemsTab::LivesWithout(const CNfsItemRec& rec, const GUID* mountUid) {
 }
 
 void CFsItemsTab::DropMirror(std::uint64_t fid, CNfsItemRec& rec, const GUID& mountUid) {
-  mirrors_t& mirrors = rec.Folder()->mirrors;
+  auto& mirrors = rec.Folder()->mirrors;
   GUID uid;
   if (rec.Folder()->primary->GetMountUid(uid) && uid == mountUid) {
     throw exc::runtime_exc_t(
         "Failed to remove RFS folder [%1] from the NFS node because the folder is  primary node item.",
         platform::GuidToText(mountUid));
   }
-  if (FindMirror(mirrors, mountUid) == mirrors.end())
+  for (auto mirror = mirrors.begin(); mirror != mirrors.end(); ++mirror) {
+    if (!(*mirror)->GetMountUid(uid) || uid != mountUid)
+      continue;
+    // First: one that could not be taken out of the registry is found by the next attempt.
+    updateSink_->OnItemDeleted(fid, &mountUid);
+    mirrors.erase(mirror);
+    NoteFolderChange(fid);
     return;
-  // First: one that could not be taken out of the registry is found by the next attempt.
-  updateSink_->OnItemDeleted(fid, &mountUid);
-  EraseMirror(fid, &mirrors, mountUid);
+  }
 }
 
 CFsItemsTab::CNfsListingTab::const_iterator CFsItemsTab::FirstChild(std::uint64_t parentFid) const {

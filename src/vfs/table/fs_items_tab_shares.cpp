@@ -1,5 +1,4 @@
 // The shares, and what mounts and listings ask of the table.
-#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <utility>
 
@@ -32,8 +31,7 @@ std::string CNfsShareAlreadyRegisteredExc::GetKind() const {
 }
 
 void CFsItemsTab::RegisterShare(const boost::shared_ptr<CNfsShareCfg>& cfg, const GUID& uid,
-                                const boost::shared_ptr<IFsItem>& rootItem, std::uint64_t wantedFid,
-                                const fs_store_t& store) {
+                                const boost::shared_ptr<IFsItem>& rootItem, std::uint64_t wantedFid) {
   const std::string& alias = cfg->nfsFolderName;
   try {
     SFsItemSpec spec;
@@ -48,35 +46,44 @@ void CFsItemsTab::RegisterShare(const boost::shared_ptr<CNfsShareCfg>& cfg, cons
     const std::uint64_t fid = isNew ? GenerateFid() : wantedFid;
     PutRec(fid, boost::make_shared<CNfsItemRec>(alias, InvalidFid, info, rootItem, spec.mountUid));
     g_nfs_log.Info("    NewItem: [%1]. FID: [%2]. Parent: [%3].", alias, fid, 0);
-    try {
-      shares_.emplace(uid, SShare{fid, cfg});
-      CRegConfigUpdateSink::CBatch batch(*updateSink_);
-      if (isNew)
-        updateSink_->OnItemAdded(InvalidFid, alias, fid, spec);
-      if (store)
-        store();
-      batch.Commit();
-    } catch (...) {
-      shares_.erase(uid);
-      items_.erase(fid);
-      throw;
-    }
+    if (isNew)
+      updateSink_->OnItemAdded(InvalidFid, alias, fid, spec);
+    shares_.emplace(uid, SShare{fid, cfg});
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to register NFS share in the items table. NFS mount path: [%1]", failure, alias);
   }
 }
 
-void CFsItemsTab::UnregisterShare(const GUID& uid, const fs_store_t& store) {
+void CFsItemsTab::UnregisterShare(const GUID& uid) {
   try {
-    changes_t removed;
-    {
-      const lock_t lock(mutex_);
-      RemoveShare(uid, store, removed);
-    }
-    LogRemoved(removed);
+    RemoveAndLogShare(uid);
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to unregister NFS share with ID [%1]", failure, platform::GuidToText(uid));
   }
+}
+
+void CFsItemsTab::RemoveAndLogShare(const GUID& uid) {
+  changes_t removed;
+  try {
+    const lock_t lock(mutex_);
+    const auto share = shares_.find(uid);
+    if (share == shares_.end()) {
+      g_nfs_log.Info("Share already dismounted.");
+      return;
+    }
+    g_nfs_log.Info("Share attributes: alias \"%1\", FID \"%2\", local path \"%3\".", share->second.cfg->nfsFolderName,
+                   share->second.rootFid, share->second.cfg->localPath);
+    if (FindRec(share->second.rootFid)) {
+      Delete(share->second.rootFid, nullptr, true, removed);
+    } else {
+      DeleteAllAgain();  // An attempt before this one left nothing but what the registry has of it.
+    }
+    shares_.erase(share);
+  } catch (...) {
+    LogRemoved(removed);
+    throw;
+  }
+  LogRemoved(removed);
 }
 
 void CFsItemsTab::GetShareUids(std::set<GUID>& uids) const {
@@ -142,8 +149,7 @@ bool CFsItemsTab::GetShareCfg(const GUID& uid, std::uint64_t& fid, boost::shared
 }
 
 void CFsItemsTab::MountMirroredFolder(std::uint64_t folderFid, const GUID& mountUid,
-                                      const boost::shared_ptr<IFsFolder>& mirror, std::uint64_t formerFid,
-                                      const fs_store_t& store) {
+                                      const boost::shared_ptr<IFsFolder>& mirror) {
   SFsItemSpec spec;
   mirror->GetItemSpec(spec);
 
@@ -155,59 +161,21 @@ void CFsItemsTab::MountMirroredFolder(std::uint64_t folderFid, const GUID& mount
   }
   if (!rec->IsFolder())
     throw NotFolder(*rec);
-  mirrors_t& mirrors = rec->Folder()->mirrors;
-  mirrors.reserve(mirrors.size() + 1);
-  mirrors_t* const former = formerFid == folderFid ? nullptr : MirrorsOf(formerFid, mountUid);
 
   // Stored first: a mount that is refused must not be seen either, for nobody would take it away again.
-  CRegConfigUpdateSink::CBatch batch(*updateSink_);
   if (spec.isRfsItem)
     StoreMirror(folderFid, *rec, mountUid, std::move(spec));
-  if (former != nullptr)
-    updateSink_->OnItemDeleted(formerFid, &mountUid);
-  if (store)
-    store();
-  batch.Commit();
-  EraseMirror(formerFid, former, mountUid);
-  if (const auto place = FindMirror(mirrors, mountUid); place != mirrors.end()) {
-    *place = mirror;
-  } else {
-    mirrors.push_back(mirror);
+  auto& mirrors = rec->Folder()->mirrors;
+  auto place = mirrors.begin() + 1;
+  for (GUID uid; place != mirrors.end(); ++place) {
+    if ((*place)->GetMountUid(uid) && uid == mountUid)
+      break;
   }
-  NoteFolderChange(folderFid);
-}
-
-void CFsItemsTab::DismountMirroredFolder(std::uint64_t folderFid, const GUID& mountUid, const fs_store_t& store) {
-  const lock_t lock(mutex_);
-  mirrors_t* const mirrors = MirrorsOf(folderFid, mountUid);
-  CRegConfigUpdateSink::CBatch batch(*updateSink_);
-  if (mirrors != nullptr)
-    updateSink_->OnItemDeleted(folderFid, &mountUid);
-  if (store)
-    store();
-  batch.Commit();
-  EraseMirror(folderFid, mirrors, mountUid);
-}
-
-CFsItemsTab::mirrors_t::iterator CFsItemsTab::FindMirror(mirrors_t& mirrors, const GUID& mountUid) {
-  return std::find_if(mirrors.begin() + 1, mirrors.end(), [&](const boost::shared_ptr<IFsFolder>& mirror) {
-    GUID uid;
-    return mirror->GetMountUid(uid) && uid == mountUid;
-  });
-}
-
-CFsItemsTab::mirrors_t* CFsItemsTab::MirrorsOf(std::uint64_t folderFid, const GUID& mountUid) const {
-  const rec_ptr rec = FindRec(folderFid);
-  if (!rec || !rec->IsFolder())
-    return nullptr;
-  mirrors_t& mirrors = rec->Folder()->mirrors;
-  return FindMirror(mirrors, mountUid) == mirrors.end() ? nullptr : &mirrors;
-}
-
-void CFsItemsTab::EraseMirror(std::uint64_t folderFid, mirrors_t* mirrors, const GUID& mountUid) {
-  if (mirrors == nullptr)
-    return;
-  mirrors->erase(FindMirror(*mirrors, mountUid));
+  if (place == mirrors.end()) {
+    mirrors.push_back(mirror);
+  } else {
+    *place = mirror;
+  }
   NoteFolderChange(folderFid);
 }
 

@@ -105,15 +105,14 @@ void CVirtualFs::ResumeRemoteItems(const SRegConfigData& catalogue) {
     resumer.ResumeNodeChildren(itemsTab_->GetShareFid(uid));
 }
 
-void CVirtualFs::MountShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, std::uint64_t fid,
-                            const fs_store_t& store) {
+void CVirtualFs::MountShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, std::uint64_t fid) {
   try {
     if (!HostFolderExists(cfg->localPath)) {
       g_nfs_log.Info("Folder [%1] does not exist, creating...", cfg->localPath);
       CreateHostFolderChain(cfg->localPath);
     }
     const auto root = CHostFsFolder::Create(cfg->localPath, invoker_, completionEventsAllocator_, {}, true);
-    itemsTab_->RegisterShare(cfg, uid, root, fid, store);
+    itemsTab_->RegisterShare(cfg, uid, root, fid);
   } catch (const std::exception& failure) {
     exc::ChainAndThrow("Failed to mount share [%1] ( local path: [%2])", failure, cfg->nfsFolderName, cfg->localPath);
   }

@@ -17,7 +17,6 @@
 #include "vfs/items/fs_item.h"
 #include "vfs/items/virtual_fs_exc.h"
 #include "vfs/table/nfs_name.h"
-#include "vfs/table/stored_change.h"
 
 class CCompletionEventsAllocator;
 class CFsItemsTab;
@@ -152,8 +151,7 @@ class CVirtualFs {
   void ResumeShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, const SRegConfigData& catalogue);
   /// After the mounts are back: what was stored below the shares, of the host and of the mounts.
   void ResumeRemoteItems(const SRegConfigData& catalogue);
-  void MountShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, std::uint64_t fid,
-                  const fs_store_t& store = {});
+  void MountShare(const GUID& uid, const boost::shared_ptr<CNfsShareCfg>& cfg, std::uint64_t fid);
   void ClearStaleItems(const SRegConfigData& catalogue);
   void CheckNotLocked() const;
 

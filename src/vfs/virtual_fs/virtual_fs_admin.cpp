@@ -26,8 +26,8 @@ GUID CVirtualFs::CreateShare(const boost::shared_ptr<CNfsShareCfg>& cfg) {
     g_nfs_log.Info("[COM] Creating NFS share [%1] (Local path: [%2]).", cfg->nfsFolderName, cfg->localPath);
     const GUID uid = platform::NewGuid();
     const std::lock_guard change(sharesMutex_);
-    RunStored([&] { regConfig_->SaveShare(uid, *cfg); },
-              [&](const fs_store_t& store) { MountShare(uid, cfg, InvalidFid, store); });
+    MountShare(uid, cfg, InvalidFid);
+    regConfig_->SaveShare(uid, *cfg);
     g_nfs_log.Info("[COM] NFS share \"%1\" is created.", cfg->nfsFolderName);
     return uid;
   } catch (const std::exception& failure) {
@@ -41,8 +41,8 @@ void CVirtualFs::DismountShare(const GUID& uid) {
   g_nfs_log.Info("[COM] Dismounting NFS share (ID: [%1]).", platform::GuidToText(uid));
   {
     const std::lock_guard change(sharesMutex_);
-    RunStored([&] { regConfig_->RemoveShare(uid); },
-              [&](const fs_store_t& store) { itemsTab_->UnregisterShare(uid, store); });
+    regConfig_->RemoveShare(uid);
+    itemsTab_->UnregisterShare(uid);
   }
   g_nfs_log.Info("[COM] NFS share was dismounted.");
 }
