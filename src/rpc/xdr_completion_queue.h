@@ -92,8 +92,9 @@ class CXDRCompletionQueue {
   /// Appends to the list the replies up to the first that is not ready.
   void TakeFinished(xdr_replies_t& out) { internal_->TakeFinished(out); }
 
-  /// Before the first call: replies may hold data that is still in the kernel, as whoever takes them sends segments.
-  void TakePipes() noexcept { takesPipes_ = true; }
+  /// By the thread that posts, before a call: whether its reply may hold data that is still in the kernel, as whoever
+  /// takes it sends segments.
+  void TakePipes(bool takes) noexcept { takesPipes_ = takes; }
   bool TakesPipes() const noexcept { return takesPipes_; }
 
   /// Set exactly while there is something to take.

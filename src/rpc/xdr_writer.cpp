@@ -123,6 +123,31 @@ bool CXDRWriter::HasPipes() const noexcept {
   return std::ranges::any_of(shared_, [](const SShared& shared) { return shared.pipe != nullptr; });
 }
 
+void CXDRWriter::EmptyPipes() {
+  for (SShared& shared : shared_) {
+    if (shared.pipe == nullptr)
+      continue;
+    SXdrSegment segment{{}, 0, shared.length, shared.pipe};
+    if (const platform::error_t error = BringIntoMemory(segment); error != platform::error::Success)
+      throw exc::win_sys_exc_t("The data to be sent is out of reach.", error);
+    shared.buffer = std::move(segment.buffer);
+    shared.pipe = std::move(segment.pipe);
+  }
+}
+
+platform::error_t BringIntoMemory(SXdrSegment& segment) noexcept {
+  try {
+    const auto buffer = boost::make_shared<io::byte_buffer_t>(segment.pipe->Held());
+    std::size_t read = 0;
+    const platform::error_t error = segment.pipe->Read(*buffer, read);
+    if (error == platform::error::Success)
+      segment = {buffer, 0, read, {}};
+    return error;
+  } catch (const std::bad_alloc&) {
+    return platform::error::Success;
+  }
+}
+
 void CXDRWriter::AcceptedReply() {
   for (const std::uint32_t word : {1U, 0U, 0U, 0U, 0U})
     UInt(word);

@@ -21,6 +21,10 @@ struct SXdrSegment {
   boost::shared_ptr<platform::kernel_pipe_t> pipe{};
 };
 
+/// Brings what the segment's pipe still holds into a buffer and lets go of the pipe; where there is no memory for it,
+/// all stays as it is. A number other than 0: the pipe cannot be read.
+platform::error_t BringIntoMemory(SXdrSegment& segment) noexcept;
+
 /// Grows one message. The first four bytes are the room of the record mark, so the message begins at offset 4 and
 /// Used() counts it. One thread at a time. The memory is taken with the first append, so a writer that is told by
 /// Reserve() what will follow allocates once. A message that is never finished costs nothing but its memory.
@@ -52,6 +56,8 @@ class CXDRWriter {
   bool TakesPipes() const noexcept { return takesPipes_; }
   /// Whether the record has such data, so that only TakeSegments gives it.
   bool HasPipes() const noexcept;
+  /// Brings all such data into memory, as far as there is any. Throws win_sys_exc_t when a pipe cannot be read.
+  void EmptyPipes();
 
   /// The five words that follow the xid of an accepted success (RFC 5531, section 9).
   void AcceptedReply();

@@ -112,7 +112,7 @@ class CAsyncConnection : public win::CTcpStream {
   std::size_t GatherLocked(iovec* pieces, std::size_t room);
   /// Brings what waits in pipes into memory, so that whoever does not take replies keeps no pipe from the others.
   platform::error_t EmptyPipes() noexcept;
-  platform::error_t EmptyPipe(SXdrSegment& segment, std::size_t sent);
+  platform::error_t EmptyPipe(SXdrSegment& segment, bool isFirst) noexcept;
   void OnSent(platform::error_t error, std::uint32_t bytes);
   /// True when there is more to send.
   bool AccountSent(platform::error_t error, std::uint32_t bytes);

@@ -194,44 +194,36 @@ win::io_attempt_t CAsyncConnection::AttemptSend(int handle, win::SIoResult& resu
 }
 
 platform::error_t CAsyncConnection::EmptyPipes() noexcept {
-  try {
-    for (std::size_t i = 0; platform::kernel_pipe_t::AreScarce(); ++i) {
-      SXdrSegment* segment = nullptr;
-      std::size_t sent = 0;
-      {
-        const std::lock_guard guard(sendLock_);
-        if (pipesQueued_ == 0) {
-          break;
-        }
-        segment = &sendQueue_[i];
-        sent = i == 0 ? sendOffset_ : 0;
+  for (std::size_t i = 0; platform::kernel_pipe_t::AreScarce(); ++i) {
+    SXdrSegment* segment = nullptr;
+    {
+      const std::lock_guard guard(sendLock_);
+      if (pipesQueued_ == 0 || i == sendQueue_.size()) {
+        break;
       }
-      if (segment->pipe == nullptr) {
-        continue;
-      }
-      if (const platform::error_t error = EmptyPipe(*segment, sent); error != platform::error::Success) {
-        return error;
-      }
+      segment = &sendQueue_[i];
     }
-  } catch (const std::bad_alloc&) {
-    // What cannot be brought into memory leaves from where it is.
+    if (segment->pipe == nullptr) {
+      continue;
+    }
+    if (const platform::error_t error = EmptyPipe(*segment, i == 0); error != platform::error::Success) {
+      return error;
+    }
   }
   return platform::error::Success;
 }
 
-platform::error_t CAsyncConnection::EmptyPipe(SXdrSegment& segment, std::size_t sent) {
-  const auto buffer = boost::make_shared<io::byte_buffer_t>(segment.length - sent);
-  std::size_t read = 0;
-  const platform::error_t error = segment.pipe->Read(*buffer, read);
-  if (error != platform::error::Success || read != buffer->size()) {
-    return error != platform::error::Success ? error : platform::error::IoDevice;
+platform::error_t CAsyncConnection::EmptyPipe(SXdrSegment& segment, bool isFirst) noexcept {
+  SXdrSegment inMemory = segment;
+  const platform::error_t error = BringIntoMemory(inMemory);
+  if (error != platform::error::Success || inMemory.pipe != nullptr) {
+    return error;
   }
-  SXdrSegment inMemory{buffer, 0, read};
   const std::lock_guard guard(sendLock_);
   unsentBytes_ += KeptBeside(inMemory) - KeptBeside(segment);
   --pipesQueued_;
   segment = std::move(inMemory);
-  if (sent != 0) {
+  if (isFirst) {
     sendOffset_ = 0;
   }
   return platform::error::Success;

@@ -108,6 +108,22 @@ bool ConnectWhole(int socket, const sockaddr_in& address) noexcept {
   return failure == 0;
 }
 
+/// Sizes the buffer; false where there is no memory for it.
+bool HasRoomFor(io::byte_buffer_t& buffer, std::size_t size) noexcept {
+  try {
+    buffer.resize(size);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+void ReadAll(platform::kernel_pipe_t& pipe, io::byte_buffer_t& buffer) {
+  std::size_t read = 0;
+  if (const platform::error_t failure = pipe.Read(buffer, read); failure != platform::error::Success)
+    throw exc::win_sys_exc_t("Cannot read what is to be sent.", failure);
+}
+
 }  // namespace
 
 std::string SocketAddressText(const sockaddr_in& address) {
@@ -173,6 +189,8 @@ void CSocketIP::WaitToRead() {
 }
 
 void CSocketIP::WaitToWrite() {
+  if (beforeSendWait_)
+    beforeSendWait_();
   switch (WaitFor(Socket(), POLLOUT, TimeoutSec())) {
     case wait_t::Ready:
       return;
@@ -310,8 +328,9 @@ bool CSocketIP::BindReservedPort() noexcept {
 platform::descriptor_t CSocketIP::Accept() {
   sockaddr_in peer = {};
   socklen_t size = sizeof(peer);
+  constexpr int flags = SOCK_CLOEXEC | SOCK_NONBLOCK;
   platform::descriptor_t accepted(
-      Repeat([&] { return ::accept4(Socket(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC); }));
+      Repeat([&] { return ::accept4(Socket(), reinterpret_cast<sockaddr*>(&peer), &size, flags); }));
   if (!accepted.IsOpen())
     ThrowSocketError("Cannot accept socket");
   if (perfEvents_ && perf::IsOn())
@@ -355,29 +374,38 @@ void CSocketIP::SendPieces(std::span<const iovec> pieces, bool more) {
   event.SetDone(length);
 }
 
-void CSocketIP::SendPipe(platform::kernel_pipe_t& pipe, bool more) {
-  const std::size_t length = pipe.Held();
+void CSocketIP::SendPipe(boost::shared_ptr<platform::kernel_pipe_t> pipe, bool more) {
+  const std::size_t length = pipe->Held();
+  io::byte_buffer_t rest;
   if (secondDevice_ != nullptr) {
-    io::byte_buffer_t whole(length);
-    std::size_t read = 0;
-    if (const platform::error_t failure = pipe.Read(whole, read); failure != platform::error::Success)
-      throw exc::win_sys_exc_t("Cannot read what is to be sent.", failure);
-    Send(whole.data(), whole.size());
+    rest.resize(length);
+    ReadAll(*pipe, rest);
+    Send(rest.data(), rest.size());
     return;
   }
   if (!connected_)
     throw exc::runtime_exc_t("Trying to send over not connected socket.");
   SetTimeoutSec(0);
   CSocketTransferEvent event(perf::event::SocketSend, length, perfEvents_);
-  while (pipe.Held() > 0) {
-    const ssize_t sent = Repeat([&] { return pipe.GiveToSocket(Socket(), pipe.Held(), more); });
+  while (pipe != nullptr && pipe->Held() > 0) {
+    const ssize_t sent = Repeat([&] { return pipe->GiveToSocket(Socket(), pipe->Held(), more); });
     if (sent == 0)
       throw CCloseTCPConnection();
-    if (sent < 0 && MustWait())
-      WaitToWrite();
-    else if (sent < 0)
+    if (sent < 0 && MustWait()) {
+      if (platform::kernel_pipe_t::AreScarce() && HasRoomFor(rest, pipe->Held())) {
+        ReadAll(*pipe, rest);
+        pipe.reset();
+      } else {
+        WaitToWrite();
+      }
+    } else if (sent < 0) {
       // Never a reason to try again: that was looked at before.
       CheckTransferFailure(__PRETTY_FUNCTION__);
+    }
+  }
+  if (!rest.empty()) {
+    iovec piece = {rest.data(), rest.size()};
+    WritePieces({&piece, 1}, __PRETTY_FUNCTION__, more ? MSG_MORE : 0);
   }
   event.SetDone(length);
 }

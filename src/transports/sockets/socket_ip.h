@@ -7,6 +7,7 @@
 #include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 
@@ -47,7 +48,7 @@ class CSocketIP : public io::INonBlockingIoDev {
   /// To a source port below 1024, which tells the peer that this process is privileged. False when it is not, or when
   /// all are taken: the socket then works without.
   bool BindReservedPort() noexcept;
-  /// A new connection's descriptor.
+  /// A new connection's descriptor. It does not block: what a pipe holds could not be sent without a wait otherwise.
   platform::descriptor_t Accept();
   /// True lets the system collect small sends.
   void SetDelay(bool delay);
@@ -57,8 +58,11 @@ class CSocketIP : public io::INonBlockingIoDev {
   /// The same for bytes that lie in several places, with one call to the system as long as that takes all. At most
   /// IOV_MAX pieces, without a limit of time. More may follow at once.
   void SendPieces(std::span<const iovec> pieces, bool more = false);
-  /// The same for all that a pipe holds.
-  void SendPipe(platform::kernel_pipe_t& pipe, bool more);
+  /// The same for all that a pipe holds. While pipes are scarce, one whose bytes have to wait for the peer is let go.
+  void SendPipe(boost::shared_ptr<platform::kernel_pipe_t> pipe, bool more);
+  /// Called by whoever sends, each time before it waits for the peer; what it throws ends the sending. To be set while
+  /// nobody sends; empty for nothing.
+  void SetBeforeSendWait(std::function<void()> told) { beforeSendWait_ = std::move(told); }
   void Recv(void* data, std::uint64_t length);
   void Recv(void* data, std::uint64_t length, std::uint32_t timeoutSec);
   /// At least one byte, and as many as have arrived; without a limit of time, and past the devices.
@@ -102,6 +106,7 @@ class CSocketIP : public io::INonBlockingIoDev {
 
   boost::shared_ptr<io::io_dev_t> firstDevice_;
   boost::shared_ptr<io::io_dev_t> secondDevice_;
+  std::function<void()> beforeSendWait_;
   std::string remoteName_ = "n/a";
   /// Written by reader and writer.
   std::atomic<std::uint32_t> timeoutSec_{0};

@@ -67,9 +67,7 @@ CClientSession::CClientSession(ClientThreadArgs args)
       completionQueue_(boost::make_shared<CXDRCompletionQueue>()),
       writerQueue_(boost::make_shared<xdr_writer_queue_t>()),
       calls_(boost::make_shared<CXdrBacklog>(MaxCalls, MaxCallBytes)),
-      replies_(boost::make_shared<CXdrBacklog>(MaxReplies, MaxReplyBytes)) {
-  completionQueue_->TakePipes();
-}
+      replies_(boost::make_shared<CXdrBacklog>(MaxReplies, MaxReplyBytes)) {}
 
 int CClientSession::Run() noexcept {
   try {
@@ -121,8 +119,8 @@ void CClientSession::Serve() {
     if (stopCtx_->IsStopped())
       break;
     TakeCalls();
-    DispatchCalls();
-    PassReplies();
+    DispatchCalls(writer);
+    PassReplies(writer);
     EndWhenAnswered();
   }
   if (failure_ != nullptr)
@@ -162,11 +160,12 @@ bool CClientSession::MayDispatch() const noexcept {
 }
 
 /// One by one, so that each is weighed before the next begins.
-void CClientSession::DispatchCalls() {
+void CClientSession::DispatchCalls(const CXdrSessionWriter& writer) {
   while (MayDispatch()) {
     xdr_calls_t call;
     call.splice(call.begin(), taken_, taken_.begin());
     calls_->Remove(call.front()->Record().size());
+    completionQueue_->TakePipes(writer.TakesPipes());
     try {
       args_.program->ProcessAsyncCalls(isAllowed_, peer_, call, completionQueue_, *args_.fs);
     } catch (const std::exception&) {
@@ -181,14 +180,27 @@ void CClientSession::TakeNoMoreCalls(std::exception_ptr failure) noexcept {
   taken_.clear();
 }
 
-void CClientSession::PassReplies() {
+void CClientSession::PassReplies(const CXdrSessionWriter& writer) {
   xdr_replies_t due;
   completionQueue_->TakeFinished(due);
   for (const boost::shared_ptr<CXDRWriter>& reply : due)
     replies_->Add(reply->Used());
   writerQueue_->PushList(due);
+  if (!writer.TakesPipes())
+    EmptyQueuedPipes();
   if (failure_ == nullptr && completionQueue_->HasLostReply())
     TakeNoMoreCalls(std::make_exception_ptr(exc::runtime_exc_t("A call has no reply.")));
+}
+
+/// Those that came behind the writer's own look, before which it tells that it waits.
+void CClientSession::EmptyQueuedPipes() {
+  xdr_replies_t queued;
+  writerQueue_->TakeAll(queued);
+  for (const boost::shared_ptr<CXDRWriter>& reply : queued) {
+    if (reply != nullptr)
+      reply->EmptyPipes();
+  }
+  writerQueue_->PushList(queued);
 }
 
 /// Behind the last reply the send thread ends the session.

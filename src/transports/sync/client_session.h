@@ -57,9 +57,10 @@ class CClientSession {
   void WaitForWork();
   void TakeCalls();
   bool MayDispatch() const noexcept;
-  void DispatchCalls();
+  void DispatchCalls(const CXdrSessionWriter& writer);
   void TakeNoMoreCalls(std::exception_ptr failure) noexcept;
-  void PassReplies();
+  void PassReplies(const CXdrSessionWriter& writer);
+  void EmptyQueuedPipes();
   void EndWhenAnswered();
 
   const ClientThreadArgs args_;

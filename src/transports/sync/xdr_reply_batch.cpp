@@ -4,6 +4,8 @@
 #include <cstring>
 #include <utility>
 
+#include "foundation/exc.h"
+
 namespace {
 
 /// Copying less than this costs less than a piece of its own.
@@ -14,9 +16,14 @@ constexpr std::size_t SmallPiece = 4096;
 CXdrReplyBatch::CXdrReplyBatch(boost::shared_ptr<CSocketIP> socket) : socket_(std::move(socket)) {}
 
 void CXdrReplyBatch::Add(CXDRWriter& reply) {
-  for (SXdrSegment& segment : reply.TakeSegments(true)) {
+  current_ = reply.TakeSegments(true);
+  for (next_ = 0; next_ < current_.size();) {
+    // Behind this it may be in memory.
+    if (current_[next_].pipe != nullptr)
+      SendGathered(true);
+    SXdrSegment segment = std::move(current_[next_++]);
     if (segment.pipe != nullptr) {
-      AddPipe(segment);
+      socket_->SendPipe(std::move(segment.pipe), false);
       continue;
     }
     const std::uint8_t* data = segment.buffer->data() + segment.offset;
@@ -62,9 +69,13 @@ void CXdrReplyBatch::Put(const std::uint8_t* data, std::size_t length) {
   pieces_.push_back({const_cast<std::uint8_t*>(data), length});
 }
 
-void CXdrReplyBatch::AddPipe(const SXdrSegment& segment) {
-  SendGathered(true);
-  socket_->SendPipe(*segment.pipe, false);
+void CXdrReplyBatch::EmptyPipes() {
+  for (std::size_t i = next_; i < current_.size(); ++i) {
+    if (current_[i].pipe == nullptr)
+      continue;
+    if (const platform::error_t error = BringIntoMemory(current_[i]); error != platform::error::Success)
+      throw exc::win_sys_exc_t("The data to be sent is out of reach.", error);
+  }
 }
 
 void CXdrReplyBatch::Flush() {

@@ -26,16 +26,20 @@ class CXdrReplyBatch {
 
   /// Takes the reply out of the writer; sends whatever fills the batch. Throws what the socket throws.
   void Add(CXDRWriter& reply);
+  /// Brings the data of the reply that is just being added into memory, as far as there is any and it is not just being
+  /// sent. Throws win_sys_exc_t when a pipe cannot be read.
+  void EmptyPipes();
   /// Sends the rest.
   void Flush();
 
  private:
-  void AddPipe(const SXdrSegment& segment);
   void SendGathered(bool more);
   void AddPiece(const std::uint8_t* data, std::size_t length);
   void Put(const std::uint8_t* data, std::size_t length);
 
   const boost::shared_ptr<CSocketIP> socket_;
+  std::vector<SXdrSegment> current_;  ///< Of the reply that is just being added,
+  std::size_t next_ = 0;              ///< those from here on.
   std::vector<iovec> pieces_;
   std::size_t fill_ = 0;
   /// What the pieces point at: the data of large ones, and the bytes of small ones.

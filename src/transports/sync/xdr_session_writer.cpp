@@ -25,6 +25,7 @@ CXdrSessionWriter::CXdrSessionWriter(boost::shared_ptr<CSocketIP> socket, boost:
       device_(boost::make_shared<CSocketIPDev>(socket_)),
       batch_(socket_),
       waitSet_(queue_->SharedEvent(), stopCtx_->Event()) {
+  socket_->SetBeforeSendWait([this] { OnSendWait(); });
   try {
     thread_ =
         boost::make_shared<synch::thread_t>("TCP XDR Writer", synch::thread_exec_proc_t([this] { XdrSendThread(); }));
@@ -69,12 +70,11 @@ void CXdrSessionWriter::SendReplies() {
       stopCtx_->Rethrow();
       throw exc::runtime_exc_t("Cannot extract request from the NFS input queue because stop signal is switched on.");
     }
-    replies_t replies;
-    queue_->TakeAll(replies);
-    const bool isLast = !replies.empty() && replies.back() == nullptr;
-    if (isLast)
-      replies.pop_back();
-    SendAll(replies);
+    queue_->TakeAll(replies_);
+    bool isLast = false;
+    while (!replies_.empty() && !isLast)
+      isLast = SendAll();
+    isStalled_.store(false, std::memory_order_relaxed);
     if (isLast)
       stopCtx_->ReportClosed();
   }
@@ -85,19 +85,45 @@ void CXdrSessionWriter::WaitForReplies() {
     g_nfs_log.Warning("Timed out to wait for the next NFS request");
 }
 
-void CXdrSessionWriter::SendAll(replies_t& replies) {
-  if (replies.size() == 1 && !replies.front()->HasPipes()) {
-    SendAlone(*replies.front());
-    return;
+bool CXdrSessionWriter::SendAll() {
+  const auto takeFirst = [this] {
+    boost::shared_ptr<CXDRWriter> first = std::move(replies_.front());
+    replies_.pop_front();
+    return first;
+  };
+  const std::size_t marks = replies_.back() == nullptr ? 1 : 0;
+  if (replies_.size() == 1 + marks && !replies_.front()->HasPipes()) {
+    SendAlone(*takeFirst());
+    return false;
   }
-  while (!replies.empty()) {
-    CXDRWriter& reply = *replies.front();
-    const std::size_t size = reply.Used();
-    batch_.Add(reply);
+  while (!replies_.empty()) {
+    const boost::shared_ptr<CXDRWriter> reply = takeFirst();
+    if (reply == nullptr) {
+      batch_.Flush();
+      return true;
+    }
+    const std::size_t size = reply->Used();
+    batch_.Add(*reply);
     backlog_->Remove(size);
-    replies.pop_front();
   }
   batch_.Flush();
+  return false;
+}
+
+bool CXdrSessionWriter::TakesPipes() const noexcept {
+  return !isStalled_.load(std::memory_order_relaxed) || !platform::kernel_pipe_t::AreScarce();
+}
+
+void CXdrSessionWriter::OnSendWait() {
+  isStalled_.store(true, std::memory_order_relaxed);
+  if (!platform::kernel_pipe_t::AreScarce())
+    return;
+  batch_.EmptyPipes();
+  queue_->TakeAll(replies_);
+  for (const boost::shared_ptr<CXDRWriter>& reply : replies_) {
+    if (reply != nullptr)
+      reply->EmptyPipes();
+  }
 }
 
 /// The mark and the beginning of the reply share a segment.

@@ -1,6 +1,7 @@
 // The thread of a session that sends its replies.
 #pragma once
 
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <memory>
@@ -44,14 +45,20 @@ class CXdrSessionWriter {
   /// Ends the session and its connection if they still are, and joins the thread.
   ~CXdrSessionWriter();
 
+  /// Whether replies may hold their data in pipes: not while they wait for the peer and pipes are scarce. Any thread.
+  bool TakesPipes() const noexcept;
+
  private:
   using replies_t = xdr_writer_queue_t::items_t;
 
   void XdrSendThread() noexcept;
   void SendReplies();
   void WaitForReplies();
-  void SendAll(replies_t& replies);
+  /// True when the last one is out.
+  bool SendAll();
   void SendAlone(const CXDRWriter& reply);
+  /// The peer does not take what is sent: where pipes are scarce, what is due to it keeps none from the others.
+  void OnSendWait();
 
   const boost::shared_ptr<CSocketIP> socket_;
   const boost::shared_ptr<xdr_writer_queue_t> queue_;
@@ -59,6 +66,8 @@ class CXdrSessionWriter {
   const boost::shared_ptr<CXdrSessionStopCtx> stopCtx_;
   boost::shared_ptr<synch::thread_t> thread_;
   const boost::shared_ptr<CSocketIPDev> device_;
-  CXdrReplyBatch batch_;  ///< The send thread's own.
+  CXdrReplyBatch batch_;  ///< The send thread's own,
+  replies_t replies_;     ///< and this: out of the queue and not sent.
+  std::atomic<bool> isStalled_{false};
   const CXdrSendWaitSet waitSet_;
 };

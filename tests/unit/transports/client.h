@@ -40,6 +40,15 @@ inline std::uint32_t WordAt(const bytes_t& bytes, std::size_t offset) {
   return ntohl(word);
 }
 
+/// What a reply has whose data may be in a pipe.
+inline bytes_t PipeData(std::uint32_t number, std::uint32_t length) {
+  bytes_t data(length);
+  for (std::uint32_t i = 0; i < length; ++i) {
+    data[i] = static_cast<std::uint8_t>(i * 7 + i / 251 + number);
+  }
+  return data;
+}
+
 /// Waits for a condition that is due; false when it does not come at all.
 inline bool Eventually(const std::function<bool()>& condition) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);

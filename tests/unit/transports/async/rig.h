@@ -72,15 +72,6 @@ inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parame
   return record;
 }
 
-/// What a reply to Pipe has.
-inline bytes_t PipeData(std::uint32_t number, std::uint32_t length) {
-  bytes_t data(length);
-  for (std::uint32_t i = 0; i < length; ++i) {
-    data[i] = static_cast<std::uint8_t>(i * 7 + i / 251 + number);
-  }
-  return data;
-}
-
 /// The fake program. Any thread.
 class Program {
  public:

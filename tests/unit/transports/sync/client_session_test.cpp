@@ -6,6 +6,7 @@
 #include <poll.h>
 
 #include <boost/smart_ptr/weak_ptr.hpp>
+#include <csignal>
 #include <future>
 #include <thread>
 
@@ -288,6 +289,42 @@ TEST_F(SessionTest, APeerThatTakesNoRepliesIsNotReadFromAndThenGetsAll) {
     ASSERT_EQ(WordAt(*reply, 0), i);
   }
   sender.join();
+}
+
+/// Takes the reply to a Pipe of that number; whether it came out of a pipe.
+bool TakePiped(Client& client, std::uint32_t number, std::uint32_t size) {
+  const auto reply = client.Reply();
+  if (!reply.has_value() || reply->size() != 12 + size) {
+    ADD_FAILURE() << number;
+    return false;
+  }
+  EXPECT_EQ(WordAt(*reply, 0), number);
+  EXPECT_TRUE(bytes_t(reply->begin() + 12, reply->end()) == PipeData(number, size)) << number;
+  return WordAt(*reply, 4) == 1;
+}
+
+TEST_F(SessionTest, APeerThatTakesNoRepliesKeepsNoPipeWhileTheyAreScarce) {
+  using platform::kernel_pipe_t;
+  ASSERT_TRUE(Eventually([] { return FreePipes() == kernel_pipe_t::Most; }));
+  std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): as the service does.
+  constexpr std::uint32_t count = 100;
+  constexpr std::uint32_t size = kernel_pipe_t::Largest;
+  const auto others = TakePipes(kernel_pipe_t::Most / 2);
+  Client& client = ConnectAndServe(8192);
+  for (std::uint32_t i = 0; i < count; ++i)
+    client.Call(Request(order_t::Pipe, i, size));
+  // More than the buffers of the system take.
+  ASSERT_TRUE(Eventually([&] { return program_->begun > 50; }));
+  EXPECT_TRUE(Eventually([] { return FreePipes() == kernel_pipe_t::Most / 2; }));
+  std::uint32_t piped = 0;
+  for (std::uint32_t i = 0; i < count; ++i)
+    piped += TakePiped(client, i, size) ? 1 : 0;
+  EXPECT_LT(piped, count);
+  // Who has taken all gets pipes again.
+  EXPECT_TRUE(Eventually([&] {
+    client.Call(Request(order_t::Pipe, 0, size));
+    return TakePiped(client, 0, size);
+  }));
 }
 
 TEST_F(SessionTest, CallsThatMayKeepMuchAreBegunFewAtATime) {

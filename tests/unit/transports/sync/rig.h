@@ -14,6 +14,7 @@
 #include "rpc/rpc_message.h"
 #include "rpc/xdr_completion_queue.h"
 #include "support/captured_log.h"
+#include "support/kernel_pipe_of.h"
 #include "transports/sync/client_session.h"
 #include "unit/transports/client.h"
 
@@ -25,7 +26,9 @@ enum class order_t : std::uint32_t {
   Throw = 1,  ///< Fails with "boom".
   Blow = 2,   ///< Replies with the number and as many zero bytes as the third word says.
   Hold = 3,   ///< Replies with the number when the test ends the call.
-  Block = 4   ///< As Echo, after the gate was opened.
+  Block = 4,  ///< As Echo, after the gate was opened.
+  /// Replies with the number, whether the data is in a pipe, and as many bytes as the third word says (PipeData).
+  Pipe = 5
 };
 
 inline bytes_t Request(order_t order, std::uint32_t number, std::uint32_t parameter = 0) {
@@ -42,6 +45,10 @@ class CProgram : public IXdrRpcInterface {
   void ProcessAsyncCall(bool isClientAllowed, const sockaddr_in& peer, const boost::shared_ptr<CXDRReader>& reader,
                         const boost::shared_ptr<CXDRCompletionQueue>& completionQueue, CVirtualFs& fs) override {
     const auto record = reader->Record();
+    if (record.size() == 12 && record[3] == static_cast<std::uint8_t>(order_t::Pipe)) {
+      PostPiped(*reader, *completionQueue);
+      return;
+    }
     if (record.size() < 8 || record[3] != static_cast<std::uint8_t>(order_t::Hold)) {
       IXdrRpcInterface::ProcessAsyncCall(isClientAllowed, peer, reader, completionQueue, fs);
       return;
@@ -96,6 +103,23 @@ class CProgram : public IXdrRpcInterface {
   std::atomic<std::uint16_t> lastPeerPort{0};
 
  private:
+  void PostPiped(CXDRReader& reader, CXDRCompletionQueue& completionQueue) {
+    ++begun;
+    reader.UInt();
+    const std::uint32_t number = reader.UInt();
+    const bytes_t data = PipeData(number, reader.UInt());
+    const auto writer = boost::make_shared<CXDRWriter>();
+    auto pipe = completionQueue.TakesPipes() ? PipeIfFree(data) : nullptr;
+    writer->UInt(number);
+    writer->UInt(pipe != nullptr ? 1 : 0);
+    if (pipe != nullptr) {
+      writer->TakePipes();
+      writer->PipedVarLenData(std::move(pipe));
+    } else {
+      writer->VarLenData(data.data(), data.size());
+    }
+    completionQueue.PostFinished(writer);
+  }
   CXDRCallCompletionRec TakeHeld(std::uint32_t number) {
     std::unique_lock guard(lock_);
     heldChanged_.wait(guard, [&] { return held_.contains(number); });
