@@ -54,16 +54,46 @@ class ExhaustionTest : public CFaultTest {
     status >> pages;
     return pages * 4096;
   }
+  /// The names in the share are those of its folder on the host, and each has the handle that it is listed with.
+  void ExpectWhatTheHostHas() {
+    std::vector<std::string> onHost;
+    for (const auto& entry : std::filesystem::directory_iterator(HostPath("")))
+      onHost.push_back(entry.path().filename());
+    std::vector<std::string> listed;
+    for (const SEntry& entry : Client().List(root_)) {
+      listed.push_back(entry.name);
+      bytes_t handle;
+      SAttributes attributes;
+      EXPECT_EQ(Client().Lookup(root_, entry.name, &handle), Ok) << entry.name;
+      EXPECT_EQ(handle, entry.handle) << entry.name;
+      EXPECT_EQ(Client().GetAttr(handle, &attributes), Ok) << entry.name;
+      EXPECT_EQ(attributes.fileid, entry.fileid) << entry.name;
+    }
+    EXPECT_THAT(listed, testing::UnorderedElementsAreArray(onHost));
+  }
   /// A call from a connection of its own: answered with a defined status, or the connection is closed. Nothing else.
   void CallAtRandom(unsigned number, std::size_t& answered, std::size_t& refused) {
     try {
       CNfsClient client;
       const std::string name = "memory" + std::to_string(number % 5);
+      const std::string moved = "moved" + std::to_string(number % 3);
+      const std::string folder = "folder" + std::to_string(number % 3);
+      SSetAttributes mode;
+      mode.mode = 0640;
       bytes_t file;
+      bytes_t movedFile;
+      const auto rename = [&] {
+        const std::uint32_t status = client.Rename(root_, name, root_, moved);
+        if (status == Ok && !file.empty() && client.Lookup(root_, moved, &movedFile) == Ok) {
+          EXPECT_EQ(movedFile, file);
+        }
+        return status;
+      };
       for (const std::uint32_t status :
            {client.GetAttr(known_), client.Lookup(root_, "known"), client.Read(known_, 0, 65536).status,
             client.Create(root_, name, &file), client.Write(known_, 0, "k"), client.ReadDirPlus(root_, 0).status,
-            client.Remove(root_, name)}) {
+            client.SetAttr(known_, mode), client.MkDir(root_, folder), rename(), client.Remove(root_, name),
+            client.Remove(root_, moved), client.RmDir(root_, folder)}) {
         // The registry's library does not always say that it was memory that it lacked.
         EXPECT_TRUE(status == Ok || status == NotEnoughMemory || status == ServerFault || status == NoEntry ||
                     status == RegistryFailed)
@@ -150,6 +180,7 @@ TEST_P(MemoryFaultsTest, MemoryThatIsRefusedAtAnyPlaceCostsACallOrItsConnection)
   client_.reset();
   NewClient();
   ExpectWell();
+  ExpectWhatTheHostHas();
   ExpectDescriptors(before + 5);
   EXPECT_EQ(service_.Stop(), 0);
 }
