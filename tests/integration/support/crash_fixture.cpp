@@ -45,13 +45,21 @@ std::string CCrashTest::CopyProgram(const std::string& folder) {
   return path;
 }
 
-int CCrashTest::ThreadId(const std::string& name) {
+std::optional<int> CCrashTest::WaitingThread(const std::string& name) {
   const std::string tasks = "/proc/" + std::to_string(service_.Process().Pid()) + "/task";
   for (const auto& task : fs::directory_iterator(tasks)) {
-    if (ReadFile(task.path().string() + "/comm") == name + "\n")
+    const std::string stat = ReadFile(task.path().string() + "/stat");
+    if (stat.find(" (" + name + ") S ") != std::string::npos)
       return std::stoi(task.path().filename().string());
   }
-  throw std::runtime_error("no thread " + name);
+  return {};
+}
+
+int CCrashTest::ThreadId(const std::string& name) {
+  std::optional<int> id;
+  if (!WaitUntil([&] { return (id = WaitingThread(name)).has_value(); }))
+    throw std::runtime_error("no thread " + name);
+  return *id;
 }
 
 void CCrashTest::Inject(injected_t how, const std::string& thread) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,8 @@ class CCrashTest : public testing::Test {
   CTempFolder copies_;
 
  private:
+  std::optional<int> WaitingThread(const std::string& name);
+  /// Of one that waits for work: when the ports answer, not all have begun.
   int ThreadId(const std::string& name);
 };
 
