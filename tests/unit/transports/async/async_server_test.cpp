@@ -18,19 +18,23 @@ struct CrashSink : INFSCrashSink {
   std::string text;
 };
 
-/// A listener of another program.
-class Occupant {
+/// A port of this test's own.
+class OwnPort {
  public:
-  Occupant() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  /// isShared: whoever asks for the port with SO_REUSEADDR, as a server does, has it as well.
+  explicit OwnPort(bool isShared) : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const int on = isShared ? 1 : 0;
+    EXPECT_EQ(::setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)), 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     EXPECT_EQ(::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_EQ(::listen(socket_, 5), 0);
     socklen_t length = sizeof(address);
     ::getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
     port = ntohs(address.sin_port);
   }
-  ~Occupant() { Leave(); }
+  OwnPort(const OwnPort&) = delete;
+  OwnPort& operator=(const OwnPort&) = delete;
+  ~OwnPort() { Leave(); }
   void Leave() {
     if (socket_ >= 0) {
       ::close(std::exchange(socket_, -1));
@@ -38,8 +42,14 @@ class Occupant {
   }
   std::uint16_t port = 0;
 
- private:
+ protected:
   int socket_;
+};
+
+/// A listener of another program.
+class Occupant : public OwnPort {
+ public:
+  Occupant() : OwnPort(false) { EXPECT_EQ(::listen(socket_, 5), 0); }
 };
 
 class AsyncServerTest : public testing::Test {
@@ -139,11 +149,11 @@ TEST_F(AsyncServerTest, GoesOnBesideAnotherPortmapper) {
 }
 
 TEST_F(AsyncServerTest, FreesItsPortsWhenItStops) {
-  {
-    CAsyncServer server(params_);
-    params_.nfsPort = ServicePorts().nfs;
-  }
+  // Nobody else is given it between the two.
+  const OwnPort shared(true);
+  params_.nfsPort = shared.port;
   params_.pause = [](std::chrono::milliseconds) { FAIL(); };
+  { const CAsyncServer server(params_); }
   CAsyncServer server(params_);
   ExpectServing(params_.nfsPort);
 }
